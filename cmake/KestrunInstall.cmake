@@ -1,0 +1,3 @@
+# What `cmake --install` puts in place.
+install(TARGETS Kestrun2 LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY include/kestrun DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
