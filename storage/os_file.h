@@ -152,15 +152,4 @@ class [[nodiscard]] FileLockGuard {
   uint32_t status_;
 };
 
-// Deletes the directory `path` with its files and directories. Symbolic links, sockets and devices are left
-// in place. kStatusOpenFailed when a directory can't be read or removed; what was removed before stays so.
-uint32_t RemoveDirectoryTree(const std::string& path);
-
-// Forces the entries of a directory to the disk: new names, removed names. False when the system reports a
-// failure; a file system that can't do it for directories counts as success.
-bool SyncDirectory(const std::string& path);
-
-// The directory part of `path`, "." when it has none.
-std::string DirectoryOf(const std::string& path);
-
 }  // namespace Kestrun

