@@ -1,0 +1,1 @@
+export { harTasks } from '@ohos/hvigor-ohos-plugin';
