@@ -1,0 +1,24 @@
+// Catches what the process writes to standard output, printf of the library included.
+#pragma once
+
+#include <string>
+
+namespace Kestrun::Testing {
+
+class CapturedStdout {
+ public:
+  CapturedStdout();
+  // Standard output is what it was before.
+  ~CapturedStdout();
+  CapturedStdout(const CapturedStdout&) = delete;
+  CapturedStdout& operator=(const CapturedStdout&) = delete;
+
+  // What was written since the last call, or since the beginning.
+  std::string Take();
+
+ private:
+  int saved_;
+  int file_;
+};
+
+}  // namespace Kestrun::Testing
