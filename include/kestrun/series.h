@@ -103,8 +103,8 @@ class KESTRUN_EXPORT Series {
   uint32_t Clear();
 
  private:
-  uint32_t AppendValues(const Key& key, unsigned int ttl, const RecordMeta* meta,
-                        std::vector<Value>&& values);
+  // The record type of `format`, created when it is new; null as CreateRecordMeta, and for a null text.
+  RecordMeta* FindMeta(const char* format);
   uint32_t AppendArguments(const Key& key, unsigned int ttl, const char* format, va_list args);
 
   std::shared_ptr<Schema> schema_;

@@ -1,0 +1,68 @@
+// record/schema.h: the record types of one series, numbered and kept in its file meta_v5.
+//
+// The file only grows: types are never removed or renumbered. A new type gets the number of known texts plus
+// one, so the first is 1. A text that contains "#" or a line break is written as it is and read back as
+// something else; it then counts as two texts, and numbers may be given twice. Nobody checks for it.
+//
+// Ownership: record types live until the process ends, whatever becomes of the schema.
+// Threads:   safe. A type that is known is found without any lock. Everything else happens between
+//            OsFile::Lock and OsFile::Unlock on the file, whose mutex orders the threads of the process.
+// Processes: several may use one file. Making a type takes the shared level and looking one up by number the
+//            exclusive one, whether or not it is obtained; what keeps two makers apart is the creation byte.
+// Failure:   null where there is no record type; std::bad_alloc is thrown, locks are released.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "kestrun/record_meta.h"
+#include "record/record_meta_index.h"
+#include "storage/os_file.h"
+
+namespace Kestrun {
+
+// Whoever adds a type has this byte of the file locked for writing, from reading what others added until
+// its own line is written. It lies right behind the bytes that OsFile::Lock uses.
+inline constexpr int64_t kSchemaCreationByte = 0x40000200;
+
+class Schema {
+ public:
+  // Opens the file at `path`, created when missing, and reads it. A null `out` does nothing at all and is
+  // kStatusOk. kStatusOpenFailed or kStatusStatFailed as OsFile::Open, with the message
+  // "Filed to open series meta file".
+  static uint32_t Open(const std::string& path, Schema** out);
+
+  // Reads the whole file and enters its types beside those that are known already. False when the file could
+  // not be read from its start; true also when reading stopped early, and what came before counts. The
+  // caller holds the file's lock, unless nobody else knows the schema yet.
+  bool Load();
+
+  // The record type of `text`. When it is not known, not even after reading the file again, it is created:
+  // its line is written and forced to the disk. Null when `text` is not a record type, when the file could
+  // not be read to its end, and when the line could not be written (the file is as it was) or not be forced
+  // to the disk (the line stays: others may have seen it).
+  RecordMeta* GetOrCreateRecordMeta(const std::string& text);
+
+  // The record type with the number `id`, after reading the file again when it is not known; or null.
+  RecordMeta* FindRecordMeta(uint16_t id);
+
+ private:
+  enum class ReadResult {
+    Complete,
+    StoppedEarly,  // a read failed
+    NotStarted,    // the start of the file was not reached
+  };
+
+  explicit Schema(std::shared_ptr<OsFile> file);
+
+  ReadResult Read();
+  RecordMeta* Create(const std::string& text);
+  bool AppendLine(const std::string& line, bool* first);
+
+  std::shared_ptr<OsFile> file_;
+  RecordMetaIndex<std::string> metasByText_;
+  RecordMetaIndex<uint16_t> metasById_;
+};
+
+}  // namespace Kestrun
