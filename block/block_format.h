@@ -85,15 +85,15 @@ inline constexpr size_t kEnd = 48;
 struct BlockDataEntry {
   uint32_t valueOffset;  // file offset of the value
   uint32_t valueSize;
-  uint8_t deleted;       // nonzero: a deletion marker
+  uint8_t deleted;  // nonzero: a deletion marker
   uint8_t padding0[7];
-  uint64_t timestamp;    // seconds since the Unix epoch at which the entry was first written
-  uint32_t ttl;          // seconds
+  uint64_t timestamp;  // seconds since the Unix epoch at which the entry was first written
+  uint32_t ttl;        // seconds
   uint32_t padding1;
-  uint32_t keyOffset;    // from the start of the key table section: 28 for the first key
+  uint32_t keyOffset;  // from the start of the key table section: 28 for the first key
   uint16_t keySize;
   uint16_t padding2;
-  uint32_t checksum;     // StoreChecksum of [kValueOffset, kChecksum)
+  uint32_t checksum;  // StoreChecksum of [kValueOffset, kChecksum)
   uint32_t padding3;
 };
 static_assert(offsetof(BlockDataEntry, valueSize) == BlockDataEntryOffset::kValueSize);

@@ -1,7 +1,8 @@
 #include "kestrun/version.h"
 
 #define KESTRUN_QUOTE(text) #text
-#define KESTRUN_JOIN(major, minor, patch) KESTRUN_QUOTE(major) "." KESTRUN_QUOTE(minor) "." KESTRUN_QUOTE(patch)
+#define KESTRUN_JOIN(major, minor, patch) \
+  KESTRUN_QUOTE(major) "." KESTRUN_QUOTE(minor) "." KESTRUN_QUOTE(patch)
 
 namespace Kestrun {
 

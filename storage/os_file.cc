@@ -138,9 +138,18 @@ uint32_t OsFile::Unlock(LockLevel level) {
 uint32_t OsFile::UnlockBytes(LockLevel level) {
   if (level != LockLevel::Shared && level != LockLevel::Exclusive) return kStatusOk;
   if (!SetByteLock(F_UNLCK, kLockRangeStart, kLockRangeLength)) return kStatusLockFailed;
-  if (level == LockLevel::Exclusive && !SetByteLock(F_UNLCK, kGateByte, kGateLength)) return kStatusLockFailed;
+  if (level == LockLevel::Exclusive && !SetByteLock(F_UNLCK, kGateByte, kGateLength))
+    return kStatusLockFailed;
   inode_->level = LockLevel::None;
   return kStatusOk;
+}
+
+bool OsFile::LockByte(int64_t offset) {
+  return SetByteLock(F_WRLCK, offset, 1);
+}
+
+void OsFile::UnlockByte(int64_t offset) {
+  IgnoreStatus(SetByteLock(F_UNLCK, offset, 1));  // closing the file releases it at the latest
 }
 
 bool OsFile::SetByteLock(short type, int64_t start, int64_t length) {
@@ -220,7 +229,7 @@ ssize_t OsFile::PWriteFully(const void* buffer, size_t length, int64_t offset) {
 bool OsFile::Reserve(uint64_t length) {
   int result;
   do {
-    result = fallocate(descriptor_, 0, 0, static_cast<off_t>(length));
+    result = fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length));
   } while (result != 0 && errno == EINTR);
   return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
 }

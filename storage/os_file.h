@@ -7,8 +7,9 @@
 //   gate byte   1 byte at 0x40000000     read-locked while a reader enters, write-locked by a writer
 //   lock range  511 bytes behind it      read-locked by readers, write-locked by a writer
 //
-// Ownership: held through std::shared_ptr; the last reference unmaps the adopted mappings and closes the file.
-// Threads:   Lock and Unlock may be called from any thread; the thread that locked unlocks. The wrappers of
+// Ownership: held through std::shared_ptr; the last reference unmaps the adopted mappings and closes the
+// file. Threads:   Lock and Unlock may be called from any thread; the thread that locked unlocks. The
+// wrappers of
 //            system calls are as safe as these are.
 // Failure:   Open, Lock and Unlock return a status; the wrappers return what the system call returns and
 //            leave errno to the caller. Nothing is printed.
@@ -32,9 +33,9 @@ namespace Kestrun {
 
 // Bits of OsFile::Open's flags.
 inline constexpr uint16_t kOpenReadOnly = 1;
-inline constexpr uint16_t kOpenReadWrite = 2;   // read-write, created (mode 0600) when missing
-inline constexpr uint16_t kOpenCreate = 4;      // the same as kOpenReadWrite
-inline constexpr uint16_t kOpenNoLock = 8;      // flags of exactly this value: Lock and Unlock do nothing
+inline constexpr uint16_t kOpenReadWrite = 2;       // read-write, created (mode 0600) when missing
+inline constexpr uint16_t kOpenCreate = 4;          // the same as kOpenReadWrite
+inline constexpr uint16_t kOpenNoLock = 8;          // flags of exactly this value: Lock and Unlock do nothing
 inline constexpr uint16_t kOpenLocalLockOnly = 32;  // Lock and Unlock take the mutex only
 
 // Bit of OsFile::Map's flags: without it the mapping can be written.
@@ -80,6 +81,11 @@ class OsFile {
   // write-locked. kStatusLockFailed when a lock can't be released; the level stays on record.
   [[nodiscard]] uint32_t Unlock(LockLevel level);
 
+  // Locks one byte of the file for writing against other processes, tried as the steps of Lock are. False
+  // when another process has it. The mutex is not taken: the caller holds it, and unlocks the byte.
+  [[nodiscard]] bool LockByte(int64_t offset);
+  void UnlockByte(int64_t offset);
+
   ssize_t Read(void* buffer, size_t length);
   ssize_t PRead(void* buffer, size_t length, int64_t offset);
   ssize_t Write(const void* buffer, size_t length);
@@ -90,14 +96,15 @@ class OsFile {
   // 0 or -1; `*size` is 0 after a failure.
   int Size(uint64_t* size);
 
-  // PRead and PWrite that go on after a signal or a partial transfer. The result is the number of bytes
-  // transferred, less than `length` at the end of the file (reading) or where the system takes no more
-  // (writing), or -1 where the first failing call moved nothing.
+  // PRead that goes on after a signal or a partial transfer. Fewer bytes than `length` mean that the file
+  // ends there; -1 means that the system failed, whatever was read before.
+  // PWrite that does the same. Fewer bytes than `length`, or -1, mean that the system takes no more.
+
   ssize_t PReadFully(void* buffer, size_t length, int64_t offset);
   ssize_t PWriteFully(const void* buffer, size_t length, int64_t offset);
 
-  // Reserves disk space for the first `length` bytes, so that storing to a mapping of them can't fail. False
-  // when there is none; true where the file system can't reserve.
+  // Reserves disk space for the first `length` bytes, so that storing to a mapping of them can't fail, and
+  // leaves the file's size as it is. False when there is none; true where the file system can't reserve.
   bool Reserve(uint64_t length);
 
   // A shared mapping of `length` bytes at `offset`, or null. It belongs to the caller until it is adopted.

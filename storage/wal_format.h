@@ -55,14 +55,14 @@ inline constexpr size_t kEnd = 40;
 struct WalRecord {
   uint32_t valueOffset;  // file offset of the value: the record's own offset + 40 + keySize
   uint32_t valueSize;
-  uint8_t deleted;       // nonzero: a deletion marker
+  uint8_t deleted;  // nonzero: a deletion marker
   uint8_t padding0[7];
-  uint64_t timestamp;    // seconds since the Unix epoch
-  uint32_t ttl;          // seconds
+  uint64_t timestamp;  // seconds since the Unix epoch
+  uint32_t ttl;        // seconds
   uint32_t padding1;
   uint16_t keySize;
   uint16_t padding2;
-  uint32_t checksum;     // StoreChecksum of [kValueOffset, kChecksum)
+  uint32_t checksum;  // StoreChecksum of [kValueOffset, kChecksum)
 };
 static_assert(offsetof(WalRecord, valueSize) == WalRecordOffset::kValueSize);
 static_assert(offsetof(WalRecord, deleted) == WalRecordOffset::kDeleted);

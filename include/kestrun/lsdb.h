@@ -150,10 +150,12 @@ class KESTRUN_EXPORT LSDBImpl {
   // beside the old files. kStatusOpenFailed also when files of an earlier format could not be looked for.
   uint32_t ForceCompact();
 
-  // Empties the store: the log, the manifest and every file of the directory whose name contains ".blk_v5".
-  // Each call keeps one directory stream open until the process ends.
-  // kStatusLockFailed; kStatusOpenFailed when the directory could not be read, kStatusSeekFailed or
-  // kStatusTruncateFailed never: what can't be cut is left for the next append.
+  // Empties the store: the log, the manifest and every file of the directory whose name contains ".blk_v5",
+  // whatever it is. The store stays open and usable. Each call keeps one directory stream open until the
+  // process ends.
+  //
+  // kStatusLockFailed  nothing was cleared, or the log only
+  // kStatusOpenFailed  log and manifest are empty, but the directory could not be read
   uint32_t Clear();
 
   // The newest block that holds `key`, deletion markers and expired entries included; empty when there is
@@ -164,11 +166,14 @@ class KESTRUN_EXPORT LSDBImpl {
   bool IsOpen() const { return wal_ != nullptr && manifest_ != nullptr && cache_ != nullptr; }
 
   std::string BlockPath(const std::string& name) const;
+  void NoticeManifestMoves();
   uint32_t FindBlock(const Key& key, std::shared_ptr<Block>* found);
-  uint32_t WriteEntry(const Key& key, const std::function<uint32_t()>& append);
+  uint32_t FindEntry(const Key& key, DataEntry* entry, std::shared_ptr<Block>* block, bool* found);
+  uint32_t WriteEntry(const std::function<uint32_t()>& append);
   uint32_t Flush(const std::function<uint32_t()>& lastStep);
-  uint32_t DrawBlockName(std::string* name) const;
-  void CatchUpLog();
+  uint32_t RecordFlushedBlock(const std::string& name, const std::shared_ptr<Block>& block);
+  uint32_t Compact();
+  uint32_t RemoveLegacyFiles();
 
   std::string path_;
   std::unique_ptr<Wal> wal_;

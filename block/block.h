@@ -1,0 +1,87 @@
+// block/block.h: one immutable, sorted block file: its key index in memory, its values on the disk.
+//
+// Ownership: held through std::shared_ptr; the file stays open until the last reference goes, also after it
+//            was removed from the directory.
+// Threads:   a block never changes; any number of threads may use it at once.
+// Failure:   statuses. Loading, writing and scanning may throw std::bad_alloc.
+// Bytes:     block/block_format.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kestrun/data_entry.h"
+#include "kestrun/key.h"
+#include "storage/os_file.h"
+
+namespace Kestrun {
+
+class Wal;
+
+class Block {
+ public:
+  struct IndexedEntry {
+    Key key;
+    DataEntry entry;  // valueOffset counts from the start of the block file
+  };
+
+  // Loads a block file's index. On success `*out` is a Block that the caller owns.
+  //
+  // kStatusOpenFailed, kStatusStatFailed  the file can't be opened or inspected
+  // kStatusBlockShortRead  the system could not read
+  // kStatusBlockCorrupt    a header is cut off, a checksum fails, or a section or key lies outside the file
+  static uint32_t Load(const std::string& path, Block** out);
+  // Checks a block file as Load does, without building anything.
+  static uint32_t Verify(const std::string& path);
+
+  // Writes the log's entries in [MinKey, MaxKey), deletion markers and expired entries included, to the new
+  // block file `path`, and forces the file and its name to the disk. The caller holds the log's lock. An
+  // existing file is overwritten from its start and not cut. After a failure what was written stays.
+  //
+  // kStatusOpenFailed, kStatusStatFailed  the file can't be opened or inspected
+  // kStatusCreateFailed      the file header could not be written
+  // kStatusBlockWriteFailed  a section could not be written, a value lies outside the log, or the block
+  //                          would reach 4 GiB (no file is made then)
+  // kStatusSyncFailed        the file could not be forced to the disk
+  static uint32_t WriteFromWal(const std::string& path, Wal& wal, Block** out);
+
+  // Merges the block files `sources`, oldest first, into the new block file `path`. The newest entry of each
+  // key stays, unless it is a deletion marker or has expired; keys from the byte 0xFF on are left out, and so
+  // is an entry whose value is cut off by the end of its file. An entry that expires during the merge is left
+  // out with "TTL verification failed". Statuses as WriteFromWal, except that an unwritten file header gives
+  // kStatusBlockWriteFailed, and so does a source that can't be read; an unopened file prints "Failed to open
+  // destination file: PATH".
+  static uint32_t WriteFromBlocks(const std::string& path, const std::vector<std::string>& sources,
+                                  Block** out);
+
+  // A block over a file that was just written.
+  Block(std::shared_ptr<OsFile> file, std::vector<IndexedEntry> entries);
+
+  uint32_t Count() const;
+  // Whether there is an entry for exactly this key; deletion markers and expired entries count.
+  bool Contains(const Key& key) const;
+  // kStatusOk with the key's entry, kStatusInvalid without one.
+  uint32_t Lookup(const Key& key, DataEntry* entry) const;
+  // Reads the value of an entry from Lookup to a malloc buffer that the caller frees; null for a deletion
+  // marker or an empty value.
+  //
+  // kStatusInvalid         the entry has expired; "TTL verification failed"
+  // kStatusBlockShortRead  the file ends before the value does, or the system could not read
+  // kStatusNoMemory        the buffer could not be allocated
+  uint32_t ReadValue(const DataEntry& entry, void** value) const;
+  // Calls `visit` for the keys in [from, to) in ascending order until it returns true. An empty `visit` with
+  // a key in the range aborts the process.
+  void ForEachInRange(const Key& from, const Key& to, const std::function<bool(const Key&)>& visit) const;
+
+ private:
+  const IndexedEntry* Find(const Key& key) const;
+
+  std::shared_ptr<OsFile> file_;
+  std::vector<IndexedEntry> entries_;  // ascending
+};
+
+}  // namespace Kestrun

@@ -1,0 +1,88 @@
+#include "block/block_cache.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "kestrun/status.h"
+
+namespace Kestrun {
+namespace {
+
+// What a load that failed with `status` means for later ones; a corrupt file is deleted.
+uint32_t SettleFailure(uint32_t status, const std::string& path) {
+  if (status == kStatusBlockCorrupt) {
+    IgnoreStatus(std::remove(path.c_str()));  // the block is lost either way
+    return kStatusOk;
+  }
+  const bool gone = status == kStatusOpenFailed && access(path.c_str(), F_OK) != 0 && errno == ENOENT;
+  return gone ? kStatusOk : status;
+}
+
+}  // namespace
+
+std::shared_ptr<Block> BlockCache::GetOrLoad(const std::string& name, const std::string& path,
+                                             uint32_t* failure) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (failure != nullptr) *failure = kStatusOk;
+  if (const auto found = index_.find(name); found != index_.end()) {
+    blocks_.splice(blocks_.begin(), blocks_, found->second);
+    return blocks_.front().second;
+  }
+  Block* loaded = nullptr;
+  if (const uint32_t status = Block::Load(path, &loaded); status != kStatusOk) {
+    const uint32_t lasting = SettleFailure(status, path);
+    if (failure != nullptr) *failure = lasting;
+    return nullptr;
+  }
+  const std::shared_ptr<Block> block(loaded);
+  Insert(name, block);
+  return block;
+}
+
+bool BlockCache::Check(const std::string& name, const std::string& path, uint32_t* failure) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  *failure = kStatusOk;
+  if (index_.count(name) != 0 && access(path.c_str(), F_OK) == 0) return true;
+  const uint32_t status = Block::Verify(path);
+  if (status == kStatusOk) return true;
+  *failure = SettleFailure(status, path);
+  return false;
+}
+
+void BlockCache::Put(const std::string& name, const std::shared_ptr<Block>& block) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Insert(name, block);
+}
+
+void BlockCache::Insert(const std::string& name, const std::shared_ptr<Block>& block) {
+  Blocks node;
+  node.emplace_front(name, block);
+  const auto [entry, isNew] = index_.try_emplace(name, node.begin());
+  if (!isNew) {
+    blocks_.erase(entry->second);
+    entry->second = node.begin();
+  }
+  blocks_.splice(blocks_.begin(), node);
+  while (index_.size() > kBlockCacheCapacity) {
+    index_.erase(blocks_.back().first);
+    blocks_.pop_back();
+  }
+}
+
+void BlockCache::Erase(const std::string& name) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto found = index_.find(name);
+  if (found == index_.end()) return;
+  blocks_.erase(found->second);
+  index_.erase(found);
+}
+
+void BlockCache::Clear() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  index_.clear();
+  blocks_.clear();
+}
+
+}  // namespace Kestrun

@@ -1,0 +1,75 @@
+// How a store is opened, closed and removed.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "block/block_cache.h"
+#include "block/block_format.h"
+#include "engine/no_throw.h"
+#include "kestrun/lsdb.h"
+#include "storage/directory.h"
+#include "storage/manifest.h"
+#include "storage/wal.h"
+
+namespace Kestrun {
+namespace {
+
+// Only the last component is made. Another process that makes it at the same moment is as good.
+bool EnsureDirectory(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0 || mkdir(path.c_str(), 0700) == 0 || errno == EEXIST;
+}
+
+}  // namespace
+
+LSDBImpl::LSDBImpl(std::string path, const LSDBConfig& /*config*/) : path_(std::move(path)) {}
+
+// The cache goes first, then the manifest, then the log.
+LSDBImpl::~LSDBImpl() = default;
+
+// Directory, manifest, log, cache, in this order and without a lock. No block is opened yet.
+uint32_t LSDBImpl::Open(const std::string& path, const LSDBConfig& config, LSDBImpl** out) {
+  return StatusOf([&]() -> uint32_t {
+    if (!EnsureDirectory(path)) {
+      std::printf("Failed to create directory: %s", path.c_str());
+      return kStatusDirectoryFailed;
+    }
+    auto engine = std::make_unique<LSDBImpl>(path, config);
+
+    Manifest* manifest = nullptr;
+    if (const uint32_t status = Manifest::Open(path + "/" + kManifestFileName, &manifest);
+        status != kStatusOk) {
+      return status;
+    }
+    engine->manifest_.reset(manifest);
+
+    Wal* wal = nullptr;
+    if (const uint32_t status = Wal::Open(path + "/" + kWalFileName, config, &wal); status != kStatusOk) {
+      return status;
+    }
+    // A log that can't be inspected or mapped gives success and no handle.
+    if (wal == nullptr) return kStatusWalOpenFailed;
+    engine->wal_.reset(wal);
+
+    engine->cache_ = std::make_unique<BlockCache>();
+    if (out != nullptr) *out = engine.release();
+    return kStatusOk;
+  });
+}
+
+uint32_t LSDBImpl::Remove(const std::string& path) {
+  return StatusOf([&] { return RemoveDirectoryTree(path); });
+}
+
+std::string LSDBImpl::BlockPath(const std::string& name) const {
+  return path_ + "/" + name + kBlockFileSuffix;
+}
+
+// Every flush moves the manifest, so a move by another process may mean that it has emptied the log.
+void LSDBImpl::NoticeManifestMoves() {
+  wal_->NoticeManifestMoves(manifest_->ForeignMoves());
+}
+
+}  // namespace Kestrun

@@ -1,0 +1,117 @@
+// Merging the blocks, and emptying the store.
+#include <unistd.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "block/block_cache.h"
+#include "block/block_format.h"
+#include "engine/block_filter.h"
+#include "engine/new_block_file.h"
+#include "engine/no_throw.h"
+#include "kestrun/lsdb.h"
+#include "storage/directory.h"
+#include "storage/manifest.h"
+#include "storage/wal.h"
+
+namespace Kestrun {
+namespace {
+
+constexpr size_t kFewestBlocksToCompact = 4;
+
+// Files of an earlier format are never read.
+constexpr char kLegacyWalFileName[] = "wal_v3";
+constexpr char kLegacyBlockFileMark[] = ".blk_v3";
+
+}  // namespace
+
+uint32_t LSDBImpl::ForceCompact() {
+  if (!IsOpen()) return kStatusWalOpenFailed;
+  return StatusOf([&] { return Compact(); });
+}
+
+// Takes the list of blocks without a lock, merges them, and puts the merged block in their place under the
+// manifest's lock if all of them are still listed. The old files go last, when the new list is on the disk.
+uint32_t LSDBImpl::Compact() {
+  BlockEntries old;
+  if (const uint32_t status = manifest_->LoadUnlocked(&old); status != kStatusOk) return status;
+  if (old.size() < kFewestBlocksToCompact) return kStatusOk;
+
+  // A block whose file is gone is left out; one that merely can't be read at the moment ends the compaction,
+  // because its file would be deleted with the others.
+  std::vector<std::string> sources;
+  for (const std::shared_ptr<BlockEntry>& entry : old) {
+    uint32_t failure = kStatusOk;
+    if (cache_->Check(entry->name, BlockPath(entry->name), &failure)) {
+      sources.push_back(BlockPath(entry->name));
+    } else if (failure != kStatusOk) {
+      return failure;
+    }
+  }
+
+  NewBlockFile file;
+  if (const uint32_t status = file.Claim(path_); status != kStatusOk) return status;
+  Block* merged = nullptr;
+  if (const uint32_t status = Block::WriteFromBlocks(file.Path(), sources, &merged); status != kStatusOk) {
+    return status;
+  }
+  const std::shared_ptr<Block> block(merged);
+  file.Keep();
+  const std::vector<uint8_t> filter = BuildBlockFilter(*block);
+  {
+    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Exclusive);
+    if (manifestLock.Status() != kStatusOk) {
+      std::printf("Failed lock manifest");
+      return manifestLock.Status();
+    }
+    bool replaced = false;
+    const uint32_t status = manifest_->Replace(old, file.Name(), filter, &replaced);
+    if (replaced) {
+      for (const std::shared_ptr<BlockEntry>& entry : old) cache_->Erase(entry->name);
+      cache_->Put(file.Name(), block);
+    }
+    if (status != kStatusOk) {
+      std::printf("Failed to update manifest");
+      return status;
+    }
+    if (!replaced) {
+      file.Discard();
+      return kStatusOk;
+    }
+  }
+  for (const std::shared_ptr<BlockEntry>& entry : old) {
+    IgnoreStatus(std::remove(BlockPath(entry->name).c_str()));  // Clear removes what stays
+  }
+  return RemoveLegacyFiles();
+}
+
+// Only where a log of the earlier format tells that there may be such files.
+uint32_t LSDBImpl::RemoveLegacyFiles() {
+  const std::string legacyWal = path_ + "/" + kLegacyWalFileName;
+  if (access(legacyWal.c_str(), F_OK) != 0) return kStatusOk;
+  IgnoreStatus(std::remove(legacyWal.c_str()));  // looked for again by the next compaction
+  return RemoveFilesNamedLike(path_, kLegacyBlockFileMark);
+}
+
+// The cache is left alone: no search reaches the blocks in it without the manifest.
+uint32_t LSDBImpl::Clear() {
+  if (!IsOpen()) return kStatusWalOpenFailed;
+  return StatusOf([&]() -> uint32_t {
+    const FileLockGuard walLock(wal_->File(), LockLevel::Exclusive);
+    if (walLock.Status() != kStatusOk) {
+      std::printf("Failed lock wal");
+      return walLock.Status();
+    }
+    IgnoreStatus(wal_->Reset());  // always succeeds
+    wal_->SyncFirstPage();
+    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Exclusive);
+    if (manifestLock.Status() != kStatusOk) {
+      std::printf("Failed lock manifest");
+      return manifestLock.Status();
+    }
+    IgnoreStatus(manifest_->Truncate());  // what can't be cut is cut by the next flush
+    return RemoveFilesNamedLike(path_, kBlockFileSuffix);
+  });
+}
+
+}  // namespace Kestrun

@@ -1,0 +1,175 @@
+// The operations on a single key.
+//
+// Locks: the log first, the manifest inside it, released in reverse. Writers hold the log at Exclusive,
+// readers hold it at Shared and the manifest at Shared only when the log does not hold the key.
+#include <cstdio>
+
+#include "block/block_cache.h"
+#include "engine/no_throw.h"
+#include "kestrun/lsdb.h"
+#include "storage/clock.h"
+#include "storage/manifest.h"
+#include "storage/wal.h"
+
+namespace Kestrun {
+
+uint32_t LSDBImpl::Insert(const Key& key, unsigned int ttl, const void* value, unsigned int size) {
+  if (value == nullptr && size != 0) return kStatusInvalid;
+  const auto append = [&] { return wal_->Insert(key, ttl, value, size); };
+  return WriteEntry(std::cref(append));
+}
+
+uint32_t LSDBImpl::Delete(const Key& key) {
+  const auto append = [&] { return wal_->Delete(key); };
+  return WriteEntry(std::cref(append));
+}
+
+// Appends; a full log is flushed once, and the append is then tried again as the last step of the flush,
+// while the log is still locked against other processes.
+uint32_t LSDBImpl::WriteEntry(const std::function<uint32_t()>& append) {
+  if (!IsOpen()) return kStatusWalOpenFailed;
+  return StatusOf([&]() -> uint32_t {
+    const FileLockGuard walLock(wal_->File(), LockLevel::Exclusive);
+    if (walLock.Status() != kStatusOk) {
+      std::printf("Failed lock wal");
+      return walLock.Status();
+    }
+    NoticeManifestMoves();
+    const uint32_t status = append();
+    return status == kStatusWalFull ? Flush(append) : status;
+  });
+}
+
+// The newest block that really holds the key wins, and a deletion marker in it hides older values. A block
+// that can't be read at the moment ends the search: an older one may hold an older value.
+uint32_t LSDBImpl::FindBlock(const Key& key, std::shared_ptr<Block>* found) {
+  const BlockEntries candidates = manifest_->FindCandidates(key);
+  for (auto entry = candidates.rbegin(); entry != candidates.rend(); ++entry) {
+    uint32_t failure = kStatusOk;
+    std::shared_ptr<Block> block = cache_->GetOrLoad((*entry)->name, BlockPath((*entry)->name), &failure);
+    if (failure != kStatusOk) return failure;
+    if (block != nullptr && block->Contains(key)) {
+      *found = std::move(block);
+      return kStatusOk;
+    }
+  }
+  return kStatusOk;
+}
+
+std::shared_ptr<Block> LSDBImpl::FindBlock(const Key& key) {
+  std::shared_ptr<Block> found;
+  // An unreadable block and a missing key look the same here.
+  if (IsOpen()) IgnoreStatus(StatusOf([&] { return FindBlock(key, &found); }));
+  return found;
+}
+
+namespace {
+
+uint32_t GetFromLog(Wal& wal, const DataEntry& entry, const void** value, unsigned int* size) {
+  if (!entry.deleted && !IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
+    std::printf("TTL verification failed");
+    return kStatusExpired;
+  }
+  *value = nullptr;
+  *size = 0;
+  if (entry.deleted || entry.valueSize == 0) return kStatusOk;
+  void* copy = nullptr;
+  const uint32_t status = wal.ReadValue(entry, &copy);
+  if (status != kStatusOk) return status;
+  *value = copy;
+  *size = entry.valueSize;
+  return kStatusOk;
+}
+
+// The size is set before the value is read; callers see it even where reading fails.
+uint32_t GetFromBlock(const Block& block, const Key& key, const void** value, unsigned int* size) {
+  DataEntry entry = {};
+  if (const uint32_t status = block.Lookup(key, &entry); status != kStatusOk) {
+    *value = nullptr;
+    *size = 0;
+    return status;
+  }
+  *size = entry.valueSize;
+  void* copy = nullptr;
+  const uint32_t status = block.ReadValue(entry, &copy);
+  if (status == kStatusOk) *value = copy;
+  return status;
+}
+
+}  // namespace
+
+uint32_t LSDBImpl::Get(const Key& key, const void** value, unsigned int* size) {
+  if (value == nullptr || size == nullptr) return kStatusInvalid;
+  if (!IsOpen()) return kStatusWalOpenFailed;
+  return StatusOf([&]() -> uint32_t {
+    const FileLockGuard walLock(wal_->File(), LockLevel::Shared);
+    if (walLock.Status() != kStatusOk) {
+      std::printf("Failed lock wal");
+      return walLock.Status();
+    }
+    NoticeManifestMoves();
+    DataEntry entry = {};
+    if (wal_->Lookup(key, &entry)) return GetFromLog(*wal_, entry, value, size);
+
+    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
+    if (manifestLock.Status() != kStatusOk) {
+      std::printf("Failed lock manifest");
+      return manifestLock.Status();
+    }
+    std::shared_ptr<Block> block;
+    if (const uint32_t status = FindBlock(key, &block); status != kStatusOk) return status;
+    if (block != nullptr) return GetFromBlock(*block, key, value, size);
+    *value = nullptr;
+    *size = 0;
+    return kStatusOk;
+  });
+}
+
+// Finds the newest entry of a key in the log or, with `*block` set, in a block.
+uint32_t LSDBImpl::FindEntry(const Key& key, DataEntry* entry, std::shared_ptr<Block>* block, bool* found) {
+  *found = false;
+  const FileLockGuard walLock(wal_->File(), LockLevel::Shared);
+  if (walLock.Status() != kStatusOk) {
+    std::printf("Failed lock wal");
+    return walLock.Status();
+  }
+  NoticeManifestMoves();
+  *found = wal_->Lookup(key, entry);
+  if (*found) return kStatusOk;
+
+  const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
+  if (manifestLock.Status() != kStatusOk) {
+    std::printf("Failed lock manifest");
+    return manifestLock.Status();
+  }
+  if (const uint32_t status = FindBlock(key, block); status != kStatusOk || *block == nullptr) return status;
+  *found = true;
+  return (*block)->Lookup(key, entry);
+}
+
+// What can't be found out counts as present; callers rely on it.
+bool LSDBImpl::Contains(const Key& key) {
+  if (!IsOpen()) return false;
+  DataEntry entry = {};
+  bool found = false;
+  const uint32_t status = StatusOf([&] {
+    std::shared_ptr<Block> block;
+    return FindEntry(key, &entry, &block, &found);
+  });
+  return status != kStatusOk || (found && !entry.deleted);
+}
+
+// A deletion marker in the log is not copied, one in a block is; callers rely on both.
+uint32_t LSDBImpl::GetDataEntry(const Key& key, DataEntry& entry) {
+  if (!IsOpen()) return kStatusWalOpenFailed;
+  return StatusOf([&] {
+    DataEntry newest = {};
+    std::shared_ptr<Block> block;
+    bool found = false;
+    const uint32_t status = FindEntry(key, &newest, &block, &found);
+    if (status == kStatusOk && found && (block != nullptr || !newest.deleted)) entry = newest;
+    return status;
+  });
+}
+
+}  // namespace Kestrun

@@ -1,0 +1,59 @@
+// Listing and deleting the keys of a range.
+#include <cstdio>
+#include <vector>
+
+#include "block/block_cache.h"
+#include "engine/no_throw.h"
+#include "kestrun/lsdb.h"
+#include "storage/manifest.h"
+#include "storage/wal.h"
+
+namespace Kestrun {
+
+// What each source's scan ends with is not looked at: an answer of true ends that scan only, and callers rely
+// on being asked again by the next source. A block that can't be opened is passed over in silence.
+uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
+                                 const std::function<bool(const Key&)>& visit) {
+  if (!IsOpen()) return kStatusWalOpenFailed;
+  return StatusOf([&]() -> uint32_t {
+    const Key primary = from.GetPrimary();
+    const bool samePrimary = primary == to.GetPrimary();
+    const FileLockGuard walLock(wal_->File(), LockLevel::Shared);
+    if (walLock.Status() != kStatusOk) {
+      std::printf("Failed lock wal");
+      return walLock.Status();
+    }
+    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
+    if (manifestLock.Status() != kStatusOk) {
+      std::printf("Failed lock manifest");
+      return manifestLock.Status();
+    }
+    NoticeManifestMoves();
+    const BlockEntries candidates = samePrimary ? manifest_->FindCandidates(primary) : manifest_->Entries();
+    for (const std::shared_ptr<BlockEntry>& entry : candidates) {
+      const std::shared_ptr<Block> block = cache_->GetOrLoad(entry->name, BlockPath(entry->name));
+      if (block != nullptr) block->ForEachInRange(from, to, visit);
+    }
+    wal_->Enumerate(from, to, visit);
+    return kStatusOk;
+  });
+}
+
+// Collects first and deletes when the enumeration has let go of its locks; no status is looked at. A key that
+// several sources hold gets several deletion markers.
+uint32_t LSDBImpl::DeleteByRange(const Key& from, const Key& to) {
+  // Callers rely on success whatever happens, a lack of memory included.
+  IgnoreStatus(StatusOf([&] {
+    std::vector<Key> keys;
+    const auto collect = [&keys](const Key& key) {
+      keys.push_back(key);
+      return false;
+    };
+    IgnoreStatus(EnumerateKeys(from, to, collect));
+    for (const Key& key : keys) IgnoreStatus(Delete(key));
+    return kStatusOk;
+  }));
+  return kStatusOk;
+}
+
+}  // namespace Kestrun

@@ -1,0 +1,33 @@
+// engine/new_block_file.h: the file of a block that is being written.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Kestrun {
+
+// Removes the file again unless it is kept: a block that was not written whole can never be read and only
+// takes up space. Operations may throw std::bad_alloc.
+class NewBlockFile {
+ public:
+  NewBlockFile() = default;
+  ~NewBlockFile();
+  NewBlockFile(const NewBlockFile&) = delete;
+  NewBlockFile& operator=(const NewBlockFile&) = delete;
+
+  // Draws a name that no file in the directory has, and claims it with an empty file. kStatusOpenFailed when
+  // the names drawn are all taken.
+  uint32_t Claim(const std::string& directory);
+
+  const std::string& Name() const { return name_; }
+  const std::string& Path() const { return path_; }
+  void Keep() { kept_ = true; }
+  void Discard() { kept_ = false; }
+
+ private:
+  std::string name_;
+  std::string path_;
+  bool kept_ = true;  // nothing to remove before Claim
+};
+
+}  // namespace Kestrun

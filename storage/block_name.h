@@ -1,0 +1,13 @@
+// storage/block_name.h: random names for new blocks.
+#pragma once
+
+#include <string>
+
+namespace Kestrun {
+
+// 31 characters of "1234567890ABCDEFGHIJKLMNOPQRSTUVWXYZ", drawn with the C library's rand, which the first
+// call in a process seeds with the time. Processes that start in the same second draw the same names: whoever
+// makes a file of that name checks whether there is one. Safe from any thread as far as rand is.
+std::string MakeBlockFileName();
+
+}  // namespace Kestrun

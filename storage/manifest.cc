@@ -1,0 +1,281 @@
+#include "storage/manifest.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "kestrun/status.h"
+#include "storage/checksum.h"
+#include "storage/directory.h"
+#include "storage/file_birth.h"
+#include "storage/file_magic.h"
+#include "storage/file_window.h"
+#include "storage/key_filter.h"
+#include "storage/manifest_replacement.h"
+#include "storage/published_header.h"
+
+namespace Kestrun {
+namespace {
+
+constexpr size_t kListWindow = 64 * 1024;
+
+ManifestHeader EmptyManifestHeader() {
+  ManifestHeader header = {};
+  std::memcpy(header.magic, kFileMagic, kMagicSize);
+  header.version = kFormatVersion;
+  header.headerSize = sizeof(ManifestHeader);
+  header.checksum = StoreChecksum(&header, ManifestHeaderOffset::kChecksum);
+  return header;
+}
+
+// A name leads to a file of the store's own directory, and ends within its field.
+bool IsUsableName(const char (&name)[kBlockNameLength + 1]) {
+  return std::memchr(name, '\0', sizeof(name)) != nullptr && std::strchr(name, '/') == nullptr;
+}
+
+}  // namespace
+
+void ManifestSharedState::AfterFork() {
+  MakeAnew(movesMutex);
+}
+
+// A missing manifest is born complete. What exists is opened, filled in when it is empty, mapped, verified
+// and read; a replacement that another process did not live to finish is finished on the way.
+uint32_t Manifest::Open(const std::string& path, Manifest** out) {
+  bool madeAnew = false;
+  if (access(path.c_str(), F_OK) != 0) {
+    const ManifestHeader header = EmptyManifestHeader();
+    madeAnew = GiveBirthToFile(path, &header, sizeof(header), sizeof(header));
+    if (madeAnew && !SyncDirectory(DirectoryOf(path))) return kStatusCreateFailed;
+  }
+
+  std::shared_ptr<OsFile> file;
+  if (OsFile::Open(path, kOpenReadWrite, &file) != kStatusOk) return kStatusManifestUnreadable;
+  uint64_t size = 0;
+  if (file->Size(&size) != 0) {
+    std::printf("Failed to get file size: %s", path.c_str());
+    return kStatusStatFailed;
+  }
+  if (size == 0) {
+    madeAnew = true;
+    if (const uint32_t status = CreateInPlace(*file, &size); status != kStatusOk) return status;
+  }
+  if (size < sizeof(ManifestHeader)) {
+    std::printf("Invalid manifest header checksum");
+    return kStatusManifestChecksum;
+  }
+
+  void* header = file->Map(sizeof(ManifestHeader), 0, 0);
+  if (header == nullptr) {
+    std::printf("Failed to map wal: %s", path.c_str());
+    return kStatusMapFailed;
+  }
+  file->Adopt(header, sizeof(ManifestHeader));
+  std::unique_ptr<Manifest> manifest(new Manifest(file, static_cast<uint8_t*>(header)));
+  if (const uint32_t status = manifest->VerifyAtOpen(); status != kStatusOk) return status;
+
+  manifest->Attach(madeAnew);
+  if (const uint32_t status = manifest->LoadUnlocked(); status != kStatusOk) {
+    std::printf("Failed to load block entries");
+    return status;
+  }
+  *out = manifest.release();
+  return kStatusOk;
+}
+
+Manifest::Manifest(std::shared_ptr<OsFile> file, uint8_t* header)
+    : file_(std::move(file)), header_(header), state_(nullptr) {}
+
+Manifest::~Manifest() {
+  if (state_ == nullptr) return;
+  const FileLockGuard threadLock(file_, LockLevel::ThreadOnly);
+  --state_->handles;
+}
+
+// Writes the whole header at once, unless another process has done so meanwhile.
+uint32_t Manifest::CreateInPlace(OsFile& file, uint64_t* size) {
+  const CreationGuard guard(DirectoryOf(file.Path()));
+  if (file.Size(size) == 0 && *size != 0) return kStatusOk;
+  const ManifestHeader header = EmptyManifestHeader();
+  if (file.PWriteFully(&header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) {
+    IgnoreStatus(file.Truncate(0));  // an empty file is filled in by the next opening
+    std::printf("Failed to write header of manifest file");
+    return kStatusCreateFailed;
+  }
+  *size = sizeof(header);
+  return file.Sync() == 0 && SyncDirectory(DirectoryOf(file.Path())) ? kStatusOk : kStatusCreateFailed;
+}
+
+// The checksum first, then the magic; the version is not looked at. Another process may be in the middle of
+// an update, so a bad header is read again under the lock before it is called damaged.
+uint32_t Manifest::VerifyAtOpen() const {
+  ManifestHeader header;
+  bool sound = ReadHeader(&header);
+  if (!sound) {
+    const FileLockGuard lock(file_, LockLevel::Shared);
+    sound = ReadHeader(&header);
+  }
+  if (!sound) {
+    std::printf("Invalid manifest header checksum");
+    return kStatusManifestChecksum;
+  }
+  if (std::memcmp(header.magic, kFileMagic, kMagicSize) != 0) {
+    std::printf("Invalid wal magic");
+    return kStatusBadMagic;
+  }
+  return kStatusOk;
+}
+
+// Finds the list that the process has for the file. It starts over when the file is new, whose number may
+// have belonged to a file that was removed, and when nobody has had the file open, so that it may have been
+// put there by somebody else.
+void Manifest::Attach(bool madeAnew) {
+  state_ = InodeRegistry<ManifestSharedState>::FindOrCreate(file_->Id(), [](ManifestSharedState&) {});
+  const FileLockGuard threadLock(file_, LockLevel::ThreadOnly);
+  if (madeAnew || state_->handles == 0) {
+    state_->loadedGeneration = 0;
+    state_->entries.clear();
+  }
+  ++state_->handles;
+
+  if (access(ReplacementPath(file_->Path()).c_str(), F_OK) != 0) return;
+  const FileLockGuard lock(file_, LockLevel::Exclusive);
+  // While somebody holds the lock the replacement may still be under way; reading the list knows what to do.
+  if (lock.Status() == kStatusOk) IgnoreStatus(FinishReplacement());
+}
+
+uint32_t Manifest::Load() {
+  ManifestHeader header;
+  if (!ReadHeader(&header)) {
+    std::printf("Invalid manifest header checksum");
+    return kStatusManifestChecksum;
+  }
+  if (header.generation == state_->loadedGeneration) return kStatusOk;
+  return Adopt(ReadList(header));
+}
+
+uint32_t Manifest::LoadUnlocked(BlockEntries* entries) {
+  const FileLockGuard threadLock(file_, LockLevel::ThreadOnly);
+  const uint32_t status = LoadQuietly() ? kStatusOk : LoadLocked();
+  if (entries != nullptr) *entries = state_->entries;
+  return status;
+}
+
+bool Manifest::LoadQuietly() {
+  ManifestHeader header;
+  if (!ReadHeader(&header)) return false;
+  if (header.generation == state_->loadedGeneration) return true;
+  Reading reading = ReadList(header);
+  return reading.outcome == Reading::Outcome::Complete && Adopt(std::move(reading)) == kStatusOk;
+}
+
+uint32_t Manifest::LoadLocked() {
+  const FileLockGuard lock(file_, LockLevel::Shared);
+  return Load();
+}
+
+uint32_t Manifest::Adopt(Reading reading) {
+  switch (reading.outcome) {
+    case Reading::Outcome::Complete:
+      state_->entries.swap(reading.entries);
+      state_->loadedGeneration = reading.generation;
+      return kStatusOk;
+    case Reading::Outcome::BadEntry:
+      std::printf("Failed to decode header of block entry");
+      return kStatusManifestUnreadable;
+    case Reading::Outcome::Unreadable:
+      break;
+  }
+  std::printf("Failed to read block entry");
+  return kStatusManifestUnreadable;
+}
+
+namespace {
+
+// Reads entries from a source that shows `length` bytes at an offset, up to its end.
+template <typename View>
+bool ParseEntries(uint64_t end, View view, BlockEntries* entries, bool* badEntry) {
+  *badEntry = false;
+  for (uint64_t offset = 0; end - offset >= sizeof(ManifestEntry);) {
+    const uint8_t* bytes = nullptr;
+    ManifestEntry entry;
+    if (!view(offset, sizeof(entry), &bytes)) return false;
+    std::memcpy(&entry, bytes, sizeof(entry));
+    *badEntry =
+        StoreChecksum(&entry, ManifestEntryOffset::kChecksum) != entry.checksum || !IsUsableName(entry.name);
+    if (*badEntry) return false;
+    offset += sizeof(entry);
+    if (end - offset < entry.filterSize || !view(offset, entry.filterSize, &bytes)) return false;
+    offset += entry.filterSize;
+
+    auto block = std::make_shared<BlockEntry>();
+    block->name = entry.name;
+    block->filter.assign(bytes, bytes + entry.filterSize);
+    entries->push_back(std::move(block));
+  }
+  return true;
+}
+
+}  // namespace
+
+Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
+  Reading reading;
+  reading.generation = header.generation;
+  bool badEntry = false;
+  bool complete = false;
+
+  ManifestReplacement replacement;
+  uint64_t size = 0;
+  if (FindUnfinished(header, &replacement)) {
+    const auto view = [&replacement](uint64_t offset, size_t, const uint8_t** bytes) {
+      *bytes = replacement.entries.data() + offset;
+      return true;
+    };
+    complete = ParseEntries(replacement.entries.size(), view, &reading.entries, &badEntry);
+  } else if (file_->Size(&size) == 0) {
+    FileWindow window(file_, kListWindow);
+    const auto view = [&window](uint64_t offset, size_t length, const uint8_t** bytes) {
+      return window.View(sizeof(ManifestHeader) + offset, length, bytes) == FileWindow::Result::Ok;
+    };
+    const uint64_t end = size < sizeof(ManifestHeader) ? 0 : size - sizeof(ManifestHeader);
+    complete = ParseEntries(end, view, &reading.entries, &badEntry);
+  }
+  if (!complete) reading.outcome = badEntry ? Reading::Outcome::BadEntry : Reading::Outcome::Unreadable;
+  return reading;
+}
+
+BlockEntries Manifest::Entries() {
+  IgnoreStatus(Load());  // callers work on whatever the list holds
+  return state_->entries;
+}
+
+BlockEntries Manifest::FindCandidates(const Key& key) {
+  IgnoreStatus(Load());  // as above
+  const uint32_t hash = KeyHash(key);
+  BlockEntries candidates;
+  for (const std::shared_ptr<BlockEntry>& entry : state_->entries) {
+    if (KeyFilterMayContain(hash, entry->filter)) candidates.push_back(entry);
+  }
+  return candidates;
+}
+
+uint64_t Manifest::ForeignMoves() {
+  const uint8_t* field = header_ + ManifestHeaderOffset::kGeneration;
+  if (PeekHeaderField(field) != state_->knownGeneration) {
+    const std::lock_guard<std::mutex> lock(state_->movesMutex);
+    const uint32_t generation = PeekHeaderField(field);
+    if (generation != state_->knownGeneration) {
+      state_->knownGeneration = generation;
+      ++state_->foreignMoves;
+    }
+  }
+  return state_->foreignMoves;
+}
+
+bool Manifest::ReadHeader(ManifestHeader* header) const {
+  std::memcpy(header, header_, sizeof(*header));
+  return StoreChecksum(header, ManifestHeaderOffset::kChecksum) == header->checksum;
+}
+
+}  // namespace Kestrun

@@ -1,0 +1,147 @@
+// storage/manifest.h: the list of the blocks that make up a store, oldest first, in manifest_v5.
+//
+// Ownership: a Manifest owns its mapping of the header and shares its file. The list belongs to the file, one
+//            for each process, and lives until the process ends; entries are shared with whoever uses them.
+// Threads:   Open and ForeignMoves may run at any time. Every other operation is called with the file's lock
+//            held (OsFile::Lock on File()): Exclusive for Append, Replace and Truncate, Shared at least for
+//            the rest, except where LoadUnlocked says otherwise.
+// Failure:   statuses, and the diagnostics named with each operation. Any operation may throw std::bad_alloc;
+//            it has changed nothing on disk then.
+// Bytes:     storage/manifest_format.h.
+//
+// The header's generation, which every recorded block moves, tells each process whether its list is current.
+// Truncate leaves it alone: other processes keep their lists until the next Append.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kestrun/key.h"
+#include "storage/manifest_format.h"
+#include "storage/os_file.h"
+
+namespace Kestrun {
+
+struct BlockEntry {
+  std::string name;             // of the block; its file is the name and ".blk_v5"
+  std::vector<uint8_t> filter;  // storage/key_filter.h
+};
+using BlockEntries = std::vector<std::shared_ptr<BlockEntry>>;
+
+// The list of one manifest in one process. Guarded by the in-process mutex of the manifest's file, except
+// what stands below movesMutex.
+struct ManifestSharedState {
+  uint32_t loadedGeneration = 0;
+  BlockEntries entries;
+  uint32_t handles = 0;
+
+  std::mutex movesMutex;
+  std::atomic<uint32_t> knownGeneration{0};  // the last one that this process published or noticed
+  std::atomic<uint64_t> foreignMoves{0};     // generations that it noticed and had not published
+
+  void AfterFork();
+};
+
+struct ManifestReplacement;
+
+class Manifest {
+ public:
+  // Opens the manifest, creating it when it is missing or empty, and reads its list. On success `*out` is a
+  // Manifest that the caller deletes.
+  //
+  // kStatusManifestUnreadable  the file can't be opened, or as Load
+  // kStatusStatFailed          "Failed to get file size: PATH"
+  // kStatusCreateFailed        "Failed to write header of manifest file"
+  // kStatusMapFailed           "Failed to map wal: PATH" (callers rely on the log's wording)
+  // kStatusManifestChecksum    also when the file is shorter than a header; "Invalid manifest header
+  // checksum" kStatusBadMagic            "Invalid wal magic" (likewise) Where reading the list fails "Failed
+  // to load block entries" follows Load's own message.
+  static uint32_t Open(const std::string& path, Manifest** out);
+
+  ~Manifest();
+  Manifest(const Manifest&) = delete;
+  Manifest& operator=(const Manifest&) = delete;
+
+  // Reads the list again if the header's generation is not the one it was read at. A failure leaves the list
+  // as it was. An entry header that is cut off by the end of the file is not an entry.
+  //
+  // kStatusManifestChecksum    "Invalid manifest header checksum"
+  // kStatusManifestUnreadable  "Failed to decode header of block entry" when an entry fails its checksum or
+  //                            has no usable name, "Failed to read block entry" when a filter is cut off or
+  //                            the system can't read
+  uint32_t Load();
+  // Load for a caller that holds no byte-range lock: keeps out the threads of this process only, and takes
+  // the lock where what it finds does not add up, as in the middle of another process's update.
+  // `*entries`, when asked for, is the list.
+  uint32_t LoadUnlocked(BlockEntries* entries = nullptr);
+
+  // Records a block: writes its entry behind the last one listed, moves the generation and forces both to the
+  // disk. Whatever a torn write left behind the last entry is cut off first.
+  //
+  // kStatusSeekFailed           the file's end can't be found; "Failed to seek to end of file"
+  // kStatusTruncateFailed       a torn entry can't be cut off
+  // kStatusManifestWriteFailed  the entry could not be written and is not in the file; "Failed to write block
+  //                             entry"
+  // kStatusSyncFailed           the block is recorded but may not survive a loss of power
+  // The statuses of Load.
+  uint32_t Append(const std::string& name, const std::vector<uint8_t>& filter);
+
+  // Records one block in the place of `replaced`, before the blocks that were recorded later. `*done` is
+  // false with kStatusOk when one of `replaced` is listed no more: nothing is changed then. A process killed
+  // on the way leaves the old list or the new one. Statuses as Append, and kStatusSyncFailed before anything
+  // changed when `*done` is false.
+  uint32_t Replace(const BlockEntries& replaced, const std::string& name, const std::vector<uint8_t>& filter,
+                   bool* done);
+
+  // Drops every entry, in memory and in the file, and leaves the generation alone. kStatusTruncateFailed when
+  // the file can't be cut: the next Append does it.
+  uint32_t Truncate();
+
+  // The whole list, after Load, whose status is ignored.
+  BlockEntries Entries();
+  // The entries whose filter may contain `key`, after Load, whose status is ignored.
+  BlockEntries FindCandidates(const Key& key);
+
+  // How often, as far as this process has noticed, another process has moved the generation.
+  uint64_t ForeignMoves();
+
+  const std::shared_ptr<OsFile>& File() const { return file_; }
+
+ private:
+  // What reading the list gave.
+  struct Reading {
+    enum class Outcome { Complete, BadEntry, Unreadable };
+    Outcome outcome = Outcome::Complete;
+    uint32_t generation = 0;
+    BlockEntries entries;
+  };
+
+  Manifest(std::shared_ptr<OsFile> file, uint8_t* header);
+
+  static uint32_t CreateInPlace(OsFile& file, uint64_t* size);
+  uint32_t VerifyAtOpen() const;
+  void Attach(bool madeAnew);
+  bool ReadHeader(ManifestHeader* header) const;
+  bool LoadQuietly();
+  uint32_t LoadLocked();
+  Reading ReadList(const ManifestHeader& header) const;
+  bool FindUnfinished(const ManifestHeader& header, ManifestReplacement* replacement) const;
+  uint32_t Adopt(Reading reading);
+  uint32_t PrepareChange(ManifestHeader* header, uint64_t* end);
+  uint32_t FinishReplacement();
+  uint32_t WriteReplacing(const ManifestReplacement& replacement, const std::vector<uint8_t>& old,
+                          bool* restored);
+  bool ReadEntryBytes(uint64_t end, std::vector<uint8_t>* bytes) const;
+  void PublishGeneration(ManifestHeader header, uint32_t generation);
+  uint64_t ListedEnd() const;
+
+  std::shared_ptr<OsFile> file_;  // has adopted the mapping
+  uint8_t* header_;               // the mapped header
+  ManifestSharedState* state_;
+};
+
+}  // namespace Kestrun

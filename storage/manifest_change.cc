@@ -1,0 +1,231 @@
+// How the manifest changes: recording a block, replacing blocks by one, dropping all.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "kestrun/status.h"
+#include "storage/checksum.h"
+#include "storage/clock.h"
+#include "storage/manifest.h"
+#include "storage/manifest_replacement.h"
+#include "storage/published_header.h"
+
+namespace Kestrun {
+namespace {
+
+constexpr uint64_t kFirstEntry = sizeof(ManifestHeader);
+
+std::vector<uint8_t> EntryBytes(const std::string& name, const std::vector<uint8_t>& filter) {
+  ManifestEntry entry = {};
+  std::memcpy(entry.name, name.data(), std::min(name.size(), kBlockNameLength));
+  entry.createTime = NowSeconds();
+  entry.modifyTime = NowSeconds();
+  entry.filterSize = static_cast<uint32_t>(filter.size());
+  entry.checksum = StoreChecksum(&entry, ManifestEntryOffset::kChecksum);
+
+  std::vector<uint8_t> bytes(sizeof(entry));
+  std::memcpy(bytes.data(), &entry, sizeof(entry));
+  bytes.insert(bytes.end(), filter.begin(), filter.end());
+  return bytes;
+}
+
+std::shared_ptr<BlockEntry> MakeEntry(const std::string& name, const std::vector<uint8_t>& filter) {
+  auto entry = std::make_shared<BlockEntry>();
+  entry->name = name;
+  entry->filter = filter;
+  return entry;
+}
+
+uint64_t EntrySize(const BlockEntry& entry) {
+  return sizeof(ManifestEntry) + entry.filter.size();
+}
+
+bool Lists(const BlockEntries& entries, const std::string& name) {
+  return std::any_of(entries.begin(), entries.end(),
+                     [&name](const auto& entry) { return entry->name == name; });
+}
+
+}  // namespace
+
+// Everything that can fail for want of memory comes first; then the entry's bytes; then the generation, so
+// that whoever sees the new generation finds the entry complete; then both are forced to the disk.
+uint32_t Manifest::Append(const std::string& name, const std::vector<uint8_t>& filter) {
+  ManifestHeader header;
+  uint64_t end = 0;
+  if (const uint32_t status = PrepareChange(&header, &end); status != kStatusOk) return status;
+  const std::vector<uint8_t> bytes = EntryBytes(name, filter);
+  std::shared_ptr<BlockEntry> entry = MakeEntry(name, filter);
+  state_->entries.reserve(state_->entries.size() + 1);
+
+  const auto size = static_cast<ssize_t>(bytes.size());
+  if (file_->PWriteFully(bytes.data(), bytes.size(), static_cast<int64_t>(end)) != size) {
+    IgnoreStatus(file_->Truncate(static_cast<int64_t>(end)));  // the next Append tries again
+    std::printf("Failed to write block entry");
+    return kStatusManifestWriteFailed;
+  }
+  state_->entries.push_back(std::move(entry));
+  PublishGeneration(header, header.generation + 1);
+  return file_->Sync() == 0 ? kStatusOk : kStatusSyncFailed;
+}
+
+// The side file is complete on the disk before the manifest is touched and stays until the manifest is. The
+// new entries are written over the old ones, which takes no space that the file does not have, as a rule; a
+// failure puts the old ones back.
+uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name,
+                           const std::vector<uint8_t>& filter, bool* done) {
+  *done = false;
+  ManifestHeader header;
+  uint64_t end = 0;
+  if (const uint32_t status = PrepareChange(&header, &end); status != kStatusOk) return status;
+  const bool current = std::all_of(replaced.begin(), replaced.end(),
+                                   [this](const auto& entry) { return Lists(state_->entries, entry->name); });
+  if (!current) return kStatusOk;
+
+  std::vector<uint8_t> old;
+  if (!ReadEntryBytes(end, &old)) {
+    std::printf("Failed to read block entry");
+    return kStatusManifestUnreadable;
+  }
+  ManifestReplacement replacement;
+  replacement.generation = header.generation + 1;
+  replacement.oldLength = old.size();
+  replacement.oldHash = ReplacementHash(old.data(), old.size());
+  replacement.entries = EntryBytes(name, filter);
+  BlockEntries entries = {MakeEntry(name, filter)};
+  auto position = old.begin();
+  for (const std::shared_ptr<BlockEntry>& entry : state_->entries) {
+    const auto next = position + static_cast<ptrdiff_t>(EntrySize(*entry));
+    if (!Lists(replaced, entry->name)) {
+      replacement.entries.insert(replacement.entries.end(), position, next);
+      entries.push_back(entry);
+    }
+    position = next;
+  }
+
+  const std::string sidePath = ReplacementPath(file_->Path());
+  if (const uint32_t status = WriteReplacement(sidePath, replacement); status != kStatusOk) return status;
+  bool restored = false;
+  if (const uint32_t status = WriteReplacing(replacement, old, &restored); status != kStatusOk) {
+    // Where the old entries could not be put back either, the side file lets the next change finish this one.
+    if (restored) RemoveReplacement(sidePath);
+    return status;
+  }
+  *done = true;
+  state_->entries.swap(entries);
+  PublishGeneration(header, replacement.generation);
+  if (file_->Sync() != 0) return kStatusSyncFailed;
+  RemoveReplacement(sidePath);
+  return kStatusOk;
+}
+
+uint32_t Manifest::WriteReplacing(const ManifestReplacement& replacement, const std::vector<uint8_t>& old,
+                                  bool* restored) {
+  const auto write = [this](const std::vector<uint8_t>& entries) {
+    return file_->PWriteFully(entries.data(), entries.size(), kFirstEntry) ==
+           static_cast<ssize_t>(entries.size());
+  };
+  const auto cut = [this](const std::vector<uint8_t>& entries) {
+    return file_->Truncate(static_cast<int64_t>(kFirstEntry + entries.size())) == 0;
+  };
+  const bool written = write(replacement.entries);
+  if (written && cut(replacement.entries)) return kStatusOk;
+
+  *restored = write(old) && cut(old);
+  std::printf("Failed to write block entry");
+  return written ? kStatusTruncateFailed : kStatusManifestWriteFailed;
+}
+
+uint32_t Manifest::Truncate() {
+  const std::string sidePath = ReplacementPath(file_->Path());
+  // Before the entries go: what it would bring back must stay dropped.
+  if (access(sidePath.c_str(), F_OK) == 0) RemoveReplacement(sidePath);
+  state_->entries.clear();
+  if (file_->Truncate(kFirstEntry) != 0) return kStatusTruncateFailed;
+  IgnoreStatus(file_->Sync());  // only a loss of power could tell
+  return kStatusOk;
+}
+
+// Brings the list and the file together before a change: finishes or drops a replacement that was left
+// behind, reads what other processes have recorded, follows a truncation, which does not move the generation,
+// and cuts off what a torn write left behind the last entry.
+uint32_t Manifest::PrepareChange(ManifestHeader* header, uint64_t* end) {
+  if (const uint32_t status = FinishReplacement(); status != kStatusOk) return status;
+  if (const uint32_t status = Load(); status != kStatusOk) return status;
+  if (!ReadHeader(header)) {
+    std::printf("Invalid manifest header checksum");
+    return kStatusManifestChecksum;
+  }
+  uint64_t size = 0;
+  if (file_->Size(&size) != 0) {
+    std::printf("Failed to seek to end of file");
+    return kStatusSeekFailed;
+  }
+  if (size < ListedEnd()) {
+    if (const uint32_t status = Adopt(ReadList(*header)); status != kStatusOk) return status;
+  }
+  *end = ListedEnd();
+  if (size > *end && file_->Truncate(static_cast<int64_t>(*end)) != 0) return kStatusTruncateFailed;
+  return kStatusOk;
+}
+
+// Whether the side file tells of a replacement that the manifest's bytes do not show completely. Where they
+// still are the old ones nothing was begun; and a later generation says that somebody has seen to it.
+bool Manifest::FindUnfinished(const ManifestHeader& header, ManifestReplacement* replacement) const {
+  if (!ReadReplacement(ReplacementPath(file_->Path()), replacement)) return false;
+  const bool published = header.generation == replacement->generation;
+  if (!published && header.generation + 1 != replacement->generation) return false;
+
+  uint64_t size = 0;
+  std::vector<uint8_t> bytes;
+  if (file_->Size(&size) != 0 || !ReadEntryBytes(size, &bytes)) return false;
+  if (published) return bytes != replacement->entries;
+  return bytes.size() != replacement->oldLength ||
+         ReplacementHash(bytes.data(), bytes.size()) != replacement->oldHash;
+}
+
+uint32_t Manifest::FinishReplacement() {
+  const std::string sidePath = ReplacementPath(file_->Path());
+  if (access(sidePath.c_str(), F_OK) != 0) return kStatusOk;
+  ManifestHeader header;
+  ManifestReplacement replacement;
+  if (ReadHeader(&header) && FindUnfinished(header, &replacement)) {
+    const std::vector<uint8_t>& entries = replacement.entries;
+    const auto end = static_cast<int64_t>(kFirstEntry + entries.size());
+    if (file_->PWriteFully(entries.data(), entries.size(), kFirstEntry) !=
+        static_cast<ssize_t>(entries.size())) {
+      std::printf("Failed to write block entry");
+      return kStatusManifestWriteFailed;
+    }
+    if (file_->Truncate(end) != 0) return kStatusTruncateFailed;
+    PublishGeneration(header, replacement.generation);
+    if (file_->Sync() != 0) return kStatusSyncFailed;
+  }
+  RemoveReplacement(sidePath);
+  return kStatusOk;
+}
+
+bool Manifest::ReadEntryBytes(uint64_t end, std::vector<uint8_t>* bytes) const {
+  bytes->resize(end < kFirstEntry ? 0 : end - kFirstEntry);
+  return file_->PReadFully(bytes->data(), bytes->size(), kFirstEntry) == static_cast<ssize_t>(bytes->size());
+}
+
+// A generation that another process published in between counts as its move; this one does not.
+void Manifest::PublishGeneration(ManifestHeader header, uint32_t generation) {
+  const std::lock_guard<std::mutex> lock(state_->movesMutex);
+  if (state_->knownGeneration != header.generation) ++state_->foreignMoves;
+  header.generation = generation;
+  header.checksum = StoreChecksum(&header, ManifestHeaderOffset::kChecksum);
+  state_->knownGeneration = generation;
+  state_->loadedGeneration = generation;
+  PublishHeader(header_, &header);
+}
+
+uint64_t Manifest::ListedEnd() const {
+  uint64_t end = kFirstEntry;
+  for (const std::shared_ptr<BlockEntry>& entry : state_->entries) end += EntrySize(*entry);
+  return end;
+}
+
+}  // namespace Kestrun

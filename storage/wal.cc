@@ -1,0 +1,268 @@
+#include "storage/wal.h"
+
+#include <sys/mman.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "kestrun/status.h"
+#include "storage/checksum.h"
+#include "storage/clock.h"
+#include "storage/page_size.h"
+#include "storage/published_header.h"
+
+namespace Kestrun {
+namespace {
+
+DataEntry EntryOf(const WalRecord& record) {
+  DataEntry entry = {};
+  entry.valueOffset = record.valueOffset;
+  entry.valueSize = record.valueSize;
+  entry.deleted = record.deleted != 0;
+  entry.timestamp = record.timestamp;
+  entry.ttl = record.ttl;
+  return entry;
+}
+
+}  // namespace
+
+void WalSharedState::AfterFork() {
+  MakeAnew(replayMutex);
+}
+
+// A walk over the index keeps the table that it walks: it is replaced then, not emptied.
+void WalSharedState::Clear() {
+  if (index.use_count() == 1) {
+    index->clear();
+  } else {
+    index = std::make_shared<MemTable<DataEntry>>();
+  }
+  applied = kWalFirstRecord;
+  first.bytes.clear();
+  last.bytes.clear();
+  startOver = false;
+}
+
+uint32_t Wal::Insert(const Key& key, uint32_t ttl, const void* value, uint32_t valueSize) {
+  return Append(key, ttl, value, valueSize, false);
+}
+
+uint32_t Wal::Delete(const Key& key) {
+  return Append(key, 0, nullptr, 0, true);
+}
+
+// Catches up, so that what others wrote before enters the index before this entry; checks that the record
+// fits; indexes it, the only step that can fail; stores its bytes; and publishes them last, so that a process
+// killed on the way leaves no half record.
+uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t valueSize, bool deleted) {
+  const uint16_t keySize = key.Data() == nullptr ? static_cast<uint16_t>(0) : key.Size();
+  if (keySize == 0) {
+    std::printf("Invalid key");
+    return kStatusInvalid;
+  }
+  WalHeader header;
+  if (!ReadHeader(&header) || header.used < WalHeaderOffset::kEnd) {
+    std::printf("Invalid wal checksum");
+    std::puts("Failed to reserve write space");
+    return kStatusWalChecksum;
+  }
+  CatchUp(header);
+  const uint32_t offset = header.used;
+  const uint64_t end = uint64_t{offset} + sizeof(WalRecord) + keySize + valueSize;
+  if (end > capacity_) {
+    std::printf("Wal is full");
+    std::puts("Failed to reserve write space");
+    return kStatusWalFull;
+  }
+
+  WalRecord record = {};
+  record.valueOffset = offset + static_cast<uint32_t>(sizeof(WalRecord)) + keySize;
+  record.valueSize = valueSize;
+  record.deleted = deleted ? 1 : 0;
+  record.timestamp = NowSeconds();
+  record.ttl = ttl;
+  record.keySize = keySize;
+  record.checksum = StoreChecksum(&record, WalRecordOffset::kChecksum);
+  state_->index->insert_or_assign(key, EntryOf(record));
+
+  std::memcpy(base_ + offset, &record, sizeof(record));
+  std::memcpy(base_ + offset + sizeof(record), key.Data(), keySize);
+  if (valueSize != 0) std::memcpy(base_ + record.valueOffset, value, valueSize);
+  PublishUsed(header, static_cast<uint32_t>(end));
+
+  // Behind a damaged record, where replay has stopped, the offset stays.
+  if (state_->applied == offset) {
+    Remember(offset, offset);
+    state_->applied = static_cast<uint32_t>(end);
+  }
+  return kStatusOk;
+}
+
+uint32_t Wal::Reserve(uint32_t size, uint32_t* offset) {
+  WalHeader header;
+  if (!ReadHeader(&header)) {
+    std::printf("Invalid wal checksum");
+    return kStatusWalChecksum;
+  }
+  if (uint64_t{header.used} + size > capacity_) {
+    std::printf("Wal is full");
+    return kStatusWalFull;
+  }
+  *offset = header.used;
+  PublishUsed(header, header.used + size);
+  return kStatusOk;
+}
+
+void Wal::NoticeManifestMoves(uint64_t moves) {
+  if (state_->manifestMoves == moves) return;
+  state_->manifestMoves = moves;
+  state_->startOver = true;
+}
+
+void Wal::CatchUp() {
+  WalHeader header;
+  if (ReadHeader(&header)) CatchUp(header);
+}
+
+void Wal::CatchUp(const WalHeader& header) {
+  FollowGrowth(header.used);
+  if (state_->startOver || WasEmptiedElsewhere(header)) state_->Clear();
+  if (state_->applied >= header.used) return;
+
+  const std::lock_guard<std::mutex> lock(state_->replayMutex);
+  const uint32_t start = state_->applied;
+  uint64_t offset = start;
+  uint64_t lastOffset = start;
+  WalRecord record;
+  while (ReadRecord(offset, header.used, &record)) {
+    const Key key(base_ + offset + sizeof(record), record.keySize);
+    state_->index->insert_or_assign(key, EntryOf(record));
+    lastOffset = offset;
+    offset += sizeof(record) + record.keySize + uint64_t{record.valueSize};
+  }
+  if (offset == start) return;
+  Remember(start, static_cast<uint32_t>(lastOffset));
+  state_->applied = static_cast<uint32_t>(offset);
+}
+
+// A sound record lies between `offset` and the end of the used area. One that reaches beyond is not followed:
+// what is appended next would lie inside it and never be replayed.
+bool Wal::ReadRecord(uint64_t offset, uint64_t used, WalRecord* record) const {
+  const uint64_t limit = used < capacity_ ? used : capacity_;
+  if (offset + sizeof(WalRecord) >= limit) return false;
+  std::memcpy(record, base_ + offset, sizeof(WalRecord));
+  if (StoreChecksum(record, WalRecordOffset::kChecksum) != record->checksum || record->keySize == 0)
+    return false;
+  return offset + sizeof(WalRecord) + record->keySize + record->valueSize <= limit;
+}
+
+bool Wal::WasEmptiedElsewhere(const WalHeader& header) const {
+  if (state_->applied == kWalFirstRecord) return false;
+  return header.used < state_->applied || WasReplaced(state_->first, header.used) ||
+         WasReplaced(state_->last, header.used);
+}
+
+// A record that is merely damaged now is not another record: its entry stays.
+bool Wal::WasReplaced(const WalSharedState::Seen& seen, uint32_t used) const {
+  if (uint64_t{seen.offset} + seen.bytes.size() > capacity_) return true;
+  if (std::memcmp(base_ + seen.offset, seen.bytes.data(), seen.bytes.size()) == 0) return false;
+  WalRecord record;
+  return ReadRecord(seen.offset, used, &record);
+}
+
+void Wal::Remember(uint32_t firstOffset, uint32_t lastOffset) {
+  if (firstOffset == kWalFirstRecord) CopyRecordTo(firstOffset, &state_->first);
+  CopyRecordTo(lastOffset, &state_->last);
+}
+
+void Wal::CopyRecordTo(uint32_t offset, WalSharedState::Seen* seen) const {
+  WalRecord record;
+  std::memcpy(&record, base_ + offset, sizeof(record));
+  seen->bytes.assign(reinterpret_cast<const char*>(base_ + offset), sizeof(record) + record.keySize);
+  seen->offset = offset;
+}
+
+bool Wal::Lookup(const Key& key, DataEntry* entry) {
+  CatchUp();
+  const auto found = state_->index->find(key);
+  if (found == state_->index->end()) return false;
+  *entry = found->second;
+  return true;
+}
+
+uint32_t Wal::ReadValue(const DataEntry& entry, void** value) {
+  const uint8_t* bytes = ViewValue(entry);
+  if (bytes == nullptr) return kStatusInvalid;
+  void* copy = std::malloc(entry.valueSize);
+  if (copy == nullptr) return kStatusNoMemory;
+  std::memcpy(copy, bytes, entry.valueSize);
+  *value = copy;
+  return kStatusOk;
+}
+
+const uint8_t* Wal::ViewValue(const DataEntry& entry) {
+  if (uint64_t{entry.valueOffset} + entry.valueSize > capacity_) {
+    std::printf("wal boundary verification failed");
+    return nullptr;
+  }
+  return base_ + entry.valueOffset;
+}
+
+void Wal::Enumerate(const Key& from, const Key& to, const std::function<bool(const Key&)>& visit) {
+  if (!visit) return;
+  CatchUp();
+  std::shared_ptr<MemTable<DataEntry>> table = state_->index;
+  auto position = table->lower_bound(from);
+  while (position != table->end() && position->first < to) {
+    if (visit(position->first)) return;
+    if (table == state_->index) {
+      ++position;
+    } else {
+      const std::shared_ptr<MemTable<DataEntry>> current = state_->index;
+      position = current->upper_bound(position->first);
+      table = current;
+    }
+  }
+}
+
+void Wal::ForEachEntry(const Key& from, const Key& to,
+                       const std::function<bool(const Key&, const DataEntry&)>& visit) {
+  CatchUp();
+  for (auto position = state_->index->lower_bound(from);
+       position != state_->index->end() && position->first < to; ++position) {
+    if (visit(position->first, position->second)) return;
+  }
+}
+
+void Wal::SyncFirstPage() {
+  const uint64_t page = PageSize();
+  IgnoreStatus(msync(base_, page < capacity_ ? page : capacity_, MS_SYNC));  // see the header
+}
+
+bool Wal::ReadHeader(WalHeader* header) const {
+  std::memcpy(header, base_, sizeof(*header));
+  return StoreChecksum(header, WalHeaderOffset::kChecksum) == header->checksum;
+}
+
+void Wal::PublishUsed(WalHeader header, uint32_t used) {
+  header.used = used;
+  header.checksum = StoreChecksum(&header, WalHeaderOffset::kChecksum);
+  PublishHeader(base_, &header);
+}
+
+// Another process may have made the log longer than this mapping.
+void Wal::FollowGrowth(uint32_t used) {
+  if (used <= capacity_) return;
+  uint64_t size = 0;
+  if (file_->Size(&size) != 0 || size <= capacity_ || size > std::numeric_limits<uint32_t>::max()) return;
+  void* base = file_->Map(static_cast<uint32_t>(size), 0, 0);
+  if (base == nullptr) return;
+  file_->Adopt(base, static_cast<uint32_t>(size));
+  IgnoreStatus(file_->Unmap(base_));  // an adopted mapping, so nothing can be wrong with it
+  base_ = static_cast<uint8_t*>(base);
+  capacity_ = static_cast<uint32_t>(size);
+}
+
+}  // namespace Kestrun

@@ -1,0 +1,142 @@
+// How a log is found, made and verified.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include "kestrun/status.h"
+#include "storage/checksum.h"
+#include "storage/directory.h"
+#include "storage/file_birth.h"
+#include "storage/file_magic.h"
+#include "storage/published_header.h"
+#include "storage/wal.h"
+
+namespace Kestrun {
+namespace {
+
+WalHeader EmptyLogHeader() {
+  WalHeader header = {};
+  std::memcpy(header.magic, kFileMagic, kMagicSize);
+  header.version = kFormatVersion;
+  header.used = kWalFirstRecord;
+  header.checksum = StoreChecksum(&header, WalHeaderOffset::kChecksum);
+  return header;
+}
+
+// Fills in a log that is missing, empty or shorter than asked for. Disk space comes first, so that a full
+// disk leaves what there is; the header comes before the size, which is what makes the log count as complete.
+uint32_t MakeAnew(OsFile& file, uint32_t walSize) {
+  const WalHeader header = EmptyLogHeader();
+  const char zero = 0;
+  if (!file.Reserve(walSize)) return kStatusCreateFailed;
+  if (file.PWriteFully(&header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) {
+    return kStatusCreateFailed;
+  }
+  if (file.Sync() != 0) return kStatusCreateFailed;
+  return file.PWriteFully(&zero, 1, walSize - 1) == 1 ? kStatusOk : kStatusCreateFailed;
+}
+
+// Makes a short log anew unless another process has done so meanwhile.
+uint32_t GrowTo(OsFile& file, uint32_t walSize, uint64_t* size, bool* madeAnew) {
+  const CreationGuard guard(DirectoryOf(file.Path()));
+  if (file.Size(size) != 0) return kStatusCreateFailed;
+  if (*size >= walSize) return kStatusOk;
+  if (const uint32_t status = MakeAnew(file, walSize); status != kStatusOk) return status;
+  *size = walSize;
+  *madeAnew = true;
+  return SyncDirectory(DirectoryOf(file.Path())) ? kStatusOk : kStatusCreateFailed;
+}
+
+}  // namespace
+
+// A missing log is born complete. What exists is opened, checked for its length, given its disk space, mapped
+// and verified, in this order; the index that the process has for the file starts over when the log is new.
+uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out) {
+  bool madeAnew = false;
+  if (config.walSize > kWalFirstRecord && access(path.c_str(), F_OK) != 0) {
+    const WalHeader header = EmptyLogHeader();
+    madeAnew = GiveBirthToFile(path, &header, sizeof(header), config.walSize);
+    if (madeAnew && !SyncDirectory(DirectoryOf(path))) return kStatusCreateFailed;
+  }
+
+  std::shared_ptr<OsFile> file;
+  if (OsFile::Open(path, kOpenReadWrite, &file) != kStatusOk) return kStatusWalOpenFailed;
+  if (config.walSize <= kWalFirstRecord) {
+    std::printf("invalid wal size: %s", path.c_str());
+    return kStatusInvalid;
+  }
+
+  uint64_t size = 0;
+  if (file->Size(&size) != 0) {
+    std::printf("Failed to get file size: %s", path.c_str());
+    return kStatusOk;
+  }
+  // From here on no other thread of this process may look at the log while it is being made.
+  const FileLockGuard threadLock(file, LockLevel::ThreadOnly);
+  if (size < config.walSize) {
+    if (const uint32_t status = GrowTo(*file, config.walSize, &size, &madeAnew); status != kStatusOk)
+      return status;
+  } else if (!file->Reserve(size)) {
+    if (madeAnew) return kStatusCreateFailed;
+    std::printf("Failed to map wal: %s", path.c_str());
+    return kStatusOk;
+  }
+
+  // A log of 4 GiB or more can't be addressed by its own offsets.
+  const bool mappable = size <= std::numeric_limits<uint32_t>::max();
+  void* base = mappable ? file->Map(static_cast<uint32_t>(size), 0, 0) : nullptr;
+  if (base == nullptr) {
+    std::printf("Failed to map wal: %s", path.c_str());
+    return kStatusOk;
+  }
+  file->Adopt(base, static_cast<uint32_t>(size));
+
+  std::unique_ptr<Wal> wal(
+      new Wal(file, static_cast<uint8_t*>(base), static_cast<uint32_t>(size), config.walOptions));
+  uint32_t status = kStatusOk;
+  if (!wal->VerifyAtOpen(&status)) return status;
+  wal->state_ = InodeRegistry<WalSharedState>::FindOrCreate(file->Id(), [](WalSharedState&) {});
+  // The number of a file that was removed may have been given to this one, index and all.
+  if (madeAnew) wal->state_->Clear();
+  *out = wal.release();
+  return kStatusOk;
+}
+
+Wal::Wal(std::shared_ptr<OsFile> file, uint8_t* base, uint32_t capacity, uint16_t walOptions)
+    : file_(std::move(file)), base_(base), state_(nullptr), capacity_(capacity), walOptions_(walOptions) {}
+
+Wal::~Wal() = default;
+
+// The checksum first, then the magic; the version and the used offset are not looked at. Another process may
+// be in the middle of an update, so a bad header is read again under the lock before it is called damaged.
+bool Wal::VerifyAtOpen(uint32_t* status) const {
+  WalHeader header;
+  bool sound = ReadHeader(&header);
+  if (!sound) {
+    const FileLockGuard lock(file_, LockLevel::Shared);
+    sound = ReadHeader(&header);
+  }
+  if (!sound) {
+    std::printf("Invalid wal checksum");
+    *status = kStatusWalChecksum;
+    return false;
+  }
+  if (std::memcmp(header.magic, kFileMagic, kMagicSize) != 0) {
+    std::printf("Invalid wal magic");
+    *status = kStatusBadMagic;
+    return false;
+  }
+  return true;
+}
+
+uint32_t Wal::Reset() {
+  state_->Clear();
+  const WalHeader header = EmptyLogHeader();
+  std::memcpy(base_, header.magic, kMagicSize);
+  PublishHeader(base_, &header);
+  return kStatusOk;
+}
+
+}  // namespace Kestrun
