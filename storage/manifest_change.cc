@@ -25,9 +25,9 @@ std::vector<uint8_t> EntryBytes(const std::string& name, const std::vector<uint8
   entry.filterSize = static_cast<uint32_t>(filter.size());
   entry.checksum = StoreChecksum(&entry, ManifestEntryOffset::kChecksum);
 
-  std::vector<uint8_t> bytes(sizeof(entry));
+  std::vector<uint8_t> bytes(sizeof(entry) + filter.size());
   std::memcpy(bytes.data(), &entry, sizeof(entry));
-  bytes.insert(bytes.end(), filter.begin(), filter.end());
+  std::copy(filter.begin(), filter.end(), bytes.begin() + sizeof(entry));
   return bytes;
 }
 
