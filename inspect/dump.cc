@@ -1,0 +1,67 @@
+#include "inspect/dump.h"
+
+#include "block/block_format.h"
+#include "inspect/block_file.h"
+#include "inspect/dump_parts.h"
+#include "inspect/field_writer.h"
+#include "inspect/log_file.h"
+#include "inspect/manifest_file.h"
+#include "inspect/schema_file.h"
+
+namespace Kestrun::Inspect {
+
+const char* FileKindName(FileKind kind) {
+  switch (kind) {
+    case FileKind::Log:
+      return "log";
+    case FileKind::Manifest:
+      return "manifest";
+    case FileKind::Block:
+      return "block";
+    case FileKind::Schema:
+      return "schema";
+    case FileKind::Unknown:
+      break;
+  }
+  return "unknown";
+}
+
+FileKind DetectFileKind(const ReadOnlyFile& file) {
+  const std::string& path = file.Path();
+  const std::string name = path.substr(path.rfind('/') + 1);
+  if (name == kWalFileName) return FileKind::Log;
+  if (name == kManifestFileName) return FileKind::Manifest;
+  if (name == kSchemaFileName) return FileKind::Schema;
+  if (name.ends_with(kBlockFileSuffix)) return FileKind::Block;
+  // The three binary files begin alike, but keep the checksum of their headers at different places.
+  if (ReadLogHeader(file).Usable()) return FileKind::Log;
+  if (ReadManifestHeader(file).Usable()) return FileKind::Manifest;
+  if (const BlockFile block(file, 4096); block.HeaderChecksumMatches() && block.MagicMatches()) {
+    return FileKind::Block;
+  }
+  return FileKind::Unknown;
+}
+
+bool DumpFile(const ReadOnlyFile& file, FileKind kind, uint64_t pageSize, DumpSink* sink) {
+  FieldWriter writer(file, sink);
+  switch (kind) {
+    case FileKind::Log:
+      DumpLog(file, &writer);
+      break;
+    case FileKind::Manifest:
+      DumpManifest(file, &writer);
+      break;
+    case FileKind::Block:
+      DumpBlock(file, pageSize, &writer);
+      break;
+    case FileKind::Schema:
+      DumpSchema(file, &writer);
+      break;
+    case FileKind::Unknown:
+      break;
+  }
+  writer.Filler(file.Size(), "bytes");
+  return !writer.Failed();
+}
+
+}  // namespace Kestrun::Inspect

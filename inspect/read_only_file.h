@@ -1,0 +1,56 @@
+// inspect/read_only_file.h: a file that is looked at and never changed, read with positioned reads only.
+//
+// Nothing is mapped: a file that shrinks while it is read gives short reads, never a signal. Offsets and
+// sizes are 64-bit. No lock is taken.
+//
+// Ownership: a ReadOnlyFile owns its descriptor and only moves.
+// Threads:   reading is safe from any thread; a FileWindow belongs to one.
+// Failure:   a false result; Open also says why.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Kestrun::Inspect {
+
+class ReadOnlyFile {
+ public:
+  // Opens a regular file; empty when it is anything else or can't be opened, with the reason in `*why`.
+  static std::optional<ReadOnlyFile> Open(const std::string& path, std::string* why);
+
+  ReadOnlyFile(ReadOnlyFile&& other) noexcept;
+  ReadOnlyFile& operator=(ReadOnlyFile&& other) noexcept;
+  ~ReadOnlyFile();
+
+  // Bytes, as the file was when it was opened.
+  uint64_t Size() const { return size_; }
+  const std::string& Path() const { return path_; }
+  // Reads exactly `size` bytes; false when the file holds fewer there or the system can't read them.
+  bool ReadAt(uint64_t offset, void* out, size_t size) const;
+
+ private:
+  ReadOnlyFile(int descriptor, uint64_t size, std::string path);
+
+  int descriptor_;
+  uint64_t size_;
+  std::string path_;
+};
+
+// Reads a file that is mostly walked forward in small pieces with few system calls.
+class FileWindow {
+ public:
+  explicit FileWindow(const ReadOnlyFile& file) : file_(file) {}
+
+  // As ReadOnlyFile::ReadAt.
+  bool ReadAt(uint64_t offset, void* out, size_t size);
+
+ private:
+  const ReadOnlyFile& file_;
+  uint64_t start_ = 0;
+  std::vector<uint8_t> bytes_;
+};
+
+}  // namespace Kestrun::Inspect

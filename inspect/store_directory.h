@@ -1,0 +1,33 @@
+// inspect/store_directory.h: which files of a store lie in a directory.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Kestrun::Inspect {
+
+// File names within the directory, each list in ascending order.
+struct StoreDirectory {
+  bool hasLog = false;
+  bool hasManifest = false;
+  bool hasSchema = false;
+  bool hasUnfinishedManifest = false;
+  std::vector<std::string> blocks;  // names of blocks: file names without their suffix
+  std::vector<std::string> legacy;  // files of an earlier format, which a compaction removes
+  std::vector<std::string> others;
+
+  // A store can be opened without making it anew.
+  bool HoldsStore() const { return hasLog && hasManifest; }
+  bool HoldsPartOfStore() const { return hasLog || hasManifest; }
+};
+
+// Empty when the directory can't be read, with the reason in `*why`.
+std::optional<StoreDirectory> ListStore(const std::string& directory, std::string* why);
+
+std::string LogPath(const std::string& directory);
+std::string ManifestPath(const std::string& directory);
+std::string SchemaPath(const std::string& directory);
+std::string BlockPath(const std::string& directory, const std::string& name);
+
+}  // namespace Kestrun::Inspect

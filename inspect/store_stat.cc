@@ -1,0 +1,174 @@
+#include "inspect/store_stat.h"
+
+#include <algorithm>
+#include <optional>
+#include <set>
+
+#include "inspect/block_file.h"
+#include "inspect/log_file.h"
+#include "inspect/manifest_file.h"
+#include "inspect/printable.h"
+#include "inspect/schema_file.h"
+#include "inspect/store_directory.h"
+#include "storage/clock.h"
+
+namespace Kestrun::Inspect {
+namespace {
+
+// A hostile manifest can name far more blocks than there are files.
+constexpr uint64_t kMostBlocks = 1u << 20;
+
+LogStat StatLog(const std::string& path, uint64_t now) {
+  LogStat stat;
+  std::string why;
+  const std::optional<ReadOnlyFile> file = ReadOnlyFile::Open(path, &why);
+  if (!file) {
+    stat.damage = why;
+    return stat;
+  }
+  stat.present = true;
+  stat.fileSize = file->Size();
+  const LogHeaderView header = ReadLogHeader(*file);
+  if (!header.Usable()) {
+    stat.damage = !header.complete          ? "cut short inside its header"
+                  : !header.checksumMatches ? "its header fails its checksum"
+                                            : "not a file of a store";
+    return stat;
+  }
+  stat.used = header.header.used;
+  const LogScan scan = ScanLog(*file, stat.used, [&stat, now](const LogRecordView& record) {
+    const WalRecord& entry = record.header;
+    stat.counts.Add(entry.deleted != 0, entry.timestamp, entry.ttl, entry.valueSize, now);
+    return true;
+  });
+  if (scan.end != LogEnd::Complete || scan.endOffset != stat.used) {
+    stat.damage = "unreadable from offset " + std::to_string(scan.endOffset);
+  }
+  return stat;
+}
+
+void StatBlock(const std::string& directory, uint64_t pageSize, uint64_t now, BlockStat* stat) {
+  std::string why;
+  const std::optional<ReadOnlyFile> file = ReadOnlyFile::Open(BlockPath(directory, stat->name), &why);
+  if (!file) {
+    stat->damage = why;
+    return;
+  }
+  stat->present = true;
+  stat->fileSize = file->Size();
+  BlockFile block(*file, pageSize);
+  if (!block.Usable()) stat->damage = "its headers are damaged";
+  for (uint64_t i = 0; i < block.EntryCount(); ++i) {
+    BlockDataEntry entry;
+    bool checksumMatches = false;
+    if (!block.ReadEntry(i, &entry, &checksumMatches) || !checksumMatches) {
+      stat->damage = "entry " + std::to_string(i) + " is damaged";
+      return;
+    }
+    stat->counts.Add(entry.deleted != 0, entry.timestamp, entry.ttl, entry.valueSize, now);
+  }
+}
+
+void StatManifest(const std::string& path, StoreStat* stat, std::set<std::string>* listed) {
+  std::string why;
+  const std::optional<ReadOnlyFile> file = ReadOnlyFile::Open(path, &why);
+  if (!file) {
+    stat->manifestDamage = why;
+    return;
+  }
+  stat->manifestPresent = true;
+  stat->totalBytes += file->Size();
+  const ManifestHeaderView header = ReadManifestHeader(*file);
+  if (!header.Usable()) {
+    stat->manifestDamage = !header.complete          ? "cut short inside its header"
+                           : !header.checksumMatches ? "its header fails its checksum"
+                                                     : "not a file of a store";
+    return;
+  }
+  stat->generation = header.header.generation;
+  const ManifestScan scan = ScanManifest(*file, [stat, listed](const ManifestRecordView& record) {
+    BlockStat block;
+    block.name = record.name;
+    block.listed = true;
+    if (!record.NameIsPlain()) block.damage = "not the name of a block";
+    if (!listed->insert(record.name).second) block.damage = "listed twice";
+    stat->blocks.push_back(block);
+    return stat->blocks.size() < kMostBlocks;
+  });
+  if (scan.end != ManifestEnd::Complete) {
+    stat->manifestDamage = "unreadable from offset " + std::to_string(scan.endOffset);
+  }
+}
+
+uint64_t CountRecordTypes(const std::string& path, StoreStat* stat) {
+  std::string why;
+  const std::optional<ReadOnlyFile> file = ReadOnlyFile::Open(path, &why);
+  if (!file) return 0;
+  stat->totalBytes += file->Size();
+  std::set<uint16_t> ids;
+  ScanSchema(*file, [&ids](const SchemaLineView& line) {
+    if (line.isRecordType) ids.insert(line.id);
+    return true;
+  });
+  return ids.size();
+}
+
+}  // namespace
+
+void EntryCounts::Add(bool deleted, uint64_t timestamp, uint32_t ttl, uint32_t valueSize, uint64_t now) {
+  if (entries == 0) {
+    oldest = newest = timestamp;
+  }
+  ++entries;
+  if (deleted) {
+    ++deletions;
+  } else if (!IsAlive(timestamp, ttl, now)) {
+    ++expired;
+  }
+  valueBytes += valueSize;
+  oldest = std::min(oldest, timestamp);
+  newest = std::max(newest, timestamp);
+}
+
+uint64_t StoreStat::ListedBlocks() const {
+  return static_cast<uint64_t>(
+      std::count_if(blocks.begin(), blocks.end(), [](const BlockStat& block) { return block.listed; }));
+}
+
+uint64_t StoreStat::ListedBlockBytes() const {
+  uint64_t bytes = 0;
+  for (const BlockStat& block : blocks) {
+    if (block.listed) bytes += block.fileSize;
+  }
+  return bytes;
+}
+
+bool CollectStat(const std::string& directory, uint64_t pageSize, uint64_t now, StoreStat* stat,
+                 std::string* why) {
+  const std::optional<StoreDirectory> files = ListStore(directory, why);
+  if (!files) return false;
+  if (!files->HoldsPartOfStore()) {
+    *why = "the directory holds neither a log nor a manifest";
+    return false;
+  }
+  stat->log = StatLog(LogPath(directory), now);
+
+  std::set<std::string> listed;
+  StatManifest(ManifestPath(directory), stat, &listed);
+  for (const std::string& name : files->blocks) {
+    if (listed.count(name) == 0) {
+      BlockStat block;
+      block.name = name;
+      stat->blocks.push_back(block);
+    }
+  }
+  stat->totalBytes += stat->log.fileSize;
+  for (BlockStat& block : stat->blocks) {
+    if (block.damage.empty()) StatBlock(directory, pageSize, now, &block);
+    stat->totalBytes += block.fileSize;
+  }
+  stat->recordTypes = CountRecordTypes(SchemaPath(directory), stat);
+  return true;
+}
+
+}  // namespace Kestrun::Inspect

@@ -1,0 +1,255 @@
+#include "inspect/store_verify.h"
+
+#include <optional>
+#include <set>
+
+#include "block/block_format.h"
+#include "inspect/leftover_block.h"
+#include "inspect/log_file.h"
+#include "inspect/manifest_file.h"
+#include "inspect/printable.h"
+#include "inspect/schema_file.h"
+#include "inspect/store_directory.h"
+#include "inspect/verify_file.h"
+#include "storage/file_magic.h"
+
+namespace Kestrun::Inspect {
+namespace {
+
+// A hostile manifest can name far more blocks than there are files.
+constexpr uint64_t kMostRecords = 1u << 20;
+
+class StoreVerifier {
+ public:
+  StoreVerifier(const std::string& directory, const StoreDirectory& files, uint64_t pageSize, uint64_t now,
+                VerifyReport* report)
+      : directory_(directory),
+        files_(files),
+        pageSize_(pageSize),
+        report_(report),
+        present_(files.blocks.begin(), files.blocks.end()),
+        leftovers_(directory, pageSize, now) {}
+
+  void Run() {
+    Log();
+    if (files_.hasUnfinishedManifest) {
+      UnfinishedManifest();
+    } else {
+      Manifest();
+      Unlisted();
+    }
+    if (files_.hasSchema) {
+      if (const auto file = Open(SchemaPath(directory_), kSchemaFileName)) {
+        VerifySchema(*file, kSchemaFileName, report_);
+      }
+    }
+    for (const std::string& name : files_.legacy) {
+      report_->Note(name, 0, "a file of an earlier format, which the next compaction removes");
+    }
+  }
+
+ private:
+  std::optional<ReadOnlyFile> Open(const std::string& path, const std::string& name) {
+    std::string why;
+    std::optional<ReadOnlyFile> file = ReadOnlyFile::Open(path, &why);
+    if (!file) report_->Damage(name, 0, "the file can't be opened: " + why);
+    return file;
+  }
+
+  void Log() {
+    if (!files_.hasLog) {
+      report_->Damage(kWalFileName, 0, "the file is missing");
+    } else if (const auto file = Open(LogPath(directory_), kWalFileName)) {
+      log_ = true;
+      VerifyLog(*file, kWalFileName, report_);
+    }
+  }
+
+  void Manifest() {
+    if (!files_.hasManifest) {
+      report_->Damage(kManifestFileName, 0, "the file is missing");
+      return;
+    }
+    const auto file = Open(ManifestPath(directory_), kManifestFileName);
+    if (!file || !VerifyManifestHeader(*file, kManifestFileName, report_)) return;
+    const ManifestScan scan = ScanManifest(*file, [this, &file](const ManifestRecordView& record) {
+      Record(*file, record);
+      return listed_.size() < kMostRecords;
+    });
+    ManifestEnding(scan);
+  }
+
+  void ManifestEnding(const ManifestScan& scan) {
+    const char* text = nullptr;
+    switch (scan.end) {
+      case ManifestEnd::Complete:
+        return;
+      case ManifestEnd::Stopped:
+        text = "the list is too long to be one of blocks; it was not read on";
+        break;
+      case ManifestEnd::TornRecord:
+        text = "the file ends inside a record, which readers pass over";
+        break;
+      case ManifestEnd::BadChecksum:
+        text = "the record fails its checksum; no record from here on is readable";
+        break;
+      case ManifestEnd::CutFilter:
+        text = "the file ends inside the filter of a record";
+        break;
+      case ManifestEnd::Unreadable:
+        text = "the record can't be read";
+        break;
+    }
+    report_->Damage(kManifestFileName, scan.endOffset, text);
+  }
+
+  void Record(const ReadOnlyFile& manifest, const ManifestRecordView& record) {
+    if (!record.NameIsPlain()) {
+      report_->Damage(kManifestFileName, record.offset,
+                      "\"" + Printable(record.name) + "\" is not the name of a block");
+      return;
+    }
+    const std::string fileName = record.name + kBlockFileSuffix;
+    if (!listed_.insert(record.name).second) {
+      report_->Damage(kManifestFileName, record.offset, fileName + " is listed twice");
+      return;
+    }
+    leftovers_.AddBlock(record.name, true);
+    if (present_.count(record.name) == 0) {
+      report_->Damage(kManifestFileName, record.offset, fileName + " is listed and missing");
+      return;
+    }
+    std::vector<uint8_t> filter;
+    const bool hasFilter = ReadFilter(manifest, record, &filter);
+    if (!hasFilter) {
+      report_->Damage(kManifestFileName, record.FilterOffset(),
+                      "the filter of " + fileName + ", " + std::to_string(record.entry.filterSize) +
+                          " bytes, is far larger than any that a store makes");
+    }
+    if (const auto file = Open(BlockPath(directory_, record.name), fileName)) {
+      VerifyBlock(*file, fileName, pageSize_, hasFilter ? &filter : nullptr, report_);
+    }
+  }
+
+  // What a broken-off change of the manifest left is finished by the next opening; until then the manifest
+  // does not tell which blocks belong to the store.
+  void UnfinishedManifest() {
+    report_->Note(std::string(kManifestFileName) + kUnfinishedManifestEnding, 0,
+                  "a compaction was broken off; the next opening of the store sets its list of blocks right. "
+                  "Open it once and verify again");
+    for (const std::string& name : files_.blocks) {
+      if (const auto file = Open(BlockPath(directory_, name), name + kBlockFileSuffix)) {
+        VerifyBlock(*file, name + kBlockFileSuffix, pageSize_, nullptr, report_);
+      }
+    }
+  }
+
+  void Unlisted() {
+    std::vector<std::string> unlisted;
+    for (const std::string& name : files_.blocks) {
+      if (listed_.count(name) == 0) unlisted.push_back(name);
+    }
+    if (unlisted.empty()) return;
+    for (const std::string& name : unlisted) leftovers_.AddBlock(name, false);
+    RememberLog();
+    for (const std::string& name : unlisted) leftovers_.Run(name, report_);
+  }
+
+  void RememberLog() {
+    std::string why;
+    const auto file = log_ ? ReadOnlyFile::Open(LogPath(directory_), &why) : std::nullopt;
+    if (!file) return;
+    const LogHeaderView header = ReadLogHeader(*file);
+    if (!header.Usable()) return;
+    ScanLog(*file, header.header.used, [this](const LogRecordView& record) {
+      leftovers_.AddLogEntry(record.key, record.header.timestamp);
+      return true;
+    });
+  }
+
+  const std::string& directory_;
+  const StoreDirectory& files_;
+  uint64_t pageSize_;
+  VerifyReport* report_;
+  std::set<std::string> present_;
+  std::set<std::string> listed_;
+  LeftoverCheck leftovers_;
+  bool log_ = false;
+};
+
+// The first bytes and the size of a file, nothing when it can't be read.
+std::string Beginning(const std::string& path) {
+  constexpr size_t kHeaderBytes = 24;
+  std::string why;
+  const auto file = ReadOnlyFile::Open(path, &why);
+  if (!file) return why;
+  std::string bytes(kHeaderBytes, '\0');
+  if (!file->ReadAt(0, bytes.data(), bytes.size())) bytes.clear();
+  return bytes + std::to_string(file->Size());
+}
+
+}  // namespace
+
+void VerifyReport::Add(Severity severity, const std::string& file, uint64_t offset, const std::string& text) {
+  if (findings.size() < kMostFindings) findings.push_back({severity, Printable(file), offset, text});
+}
+
+void VerifyReport::Damage(const std::string& file, uint64_t offset, const std::string& text) {
+  ++damages;
+  Add(Severity::Damage, file, offset, text);
+}
+
+void VerifyReport::Note(const std::string& file, uint64_t offset, const std::string& text) {
+  ++notes;
+  Add(Severity::Note, file, offset, text);
+}
+
+bool VerifyManifestHeader(const ReadOnlyFile& file, const std::string& name, VerifyReport* report) {
+  const ManifestHeaderView view = ReadManifestHeader(file);
+  if (!view.complete) {
+    report->Damage(name, 0,
+                   "the file has " + std::to_string(file.Size()) + " bytes and ends inside its header");
+    return false;
+  }
+  if (!view.checksumMatches) {
+    report->Damage(name, ManifestHeaderOffset::kChecksum, "the header fails its checksum");
+  }
+  if (!view.magicMatches) {
+    report->Damage(name, ManifestHeaderOffset::kMagic, "the file does not begin as a file of a store");
+  }
+  if (!view.Usable()) return false;
+  if (view.header.version != kFormatVersion) {
+    report->Damage(name, ManifestHeaderOffset::kVersion,
+                   "the version is " + std::to_string(view.header.version) + " and not " +
+                       std::to_string(kFormatVersion));
+  }
+  if (view.header.headerSize != sizeof(ManifestHeader)) {
+    report->Damage(name, ManifestHeaderOffset::kHeaderSize,
+                   "the header's size is told as " + std::to_string(view.header.headerSize));
+  }
+  return true;
+}
+
+bool VerifyStore(const std::string& directory, uint64_t pageSize, uint64_t now, VerifyReport* report,
+                 std::string* why) {
+  const std::optional<StoreDirectory> files = ListStore(directory, why);
+  if (!files) return false;
+  if (!files->HoldsPartOfStore()) {
+    *why = "the directory holds neither a log nor a manifest";
+    return false;
+  }
+  StoreVerifier(directory, *files, pageSize, now, report).Run();
+  return true;
+}
+
+std::string StoreFingerprint(const std::string& directory) {
+  std::string why;
+  const std::optional<StoreDirectory> files = ListStore(directory, &why);
+  if (!files) return why;
+  std::string bytes = Beginning(LogPath(directory)) + "|" + Beginning(ManifestPath(directory)) + "|";
+  bytes += Beginning(SchemaPath(directory));
+  for (const std::string& name : files->blocks) bytes += "|" + name;
+  return bytes;
+}
+
+}  // namespace Kestrun::Inspect
