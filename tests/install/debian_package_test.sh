@@ -1,0 +1,59 @@
+#!/bin/bash
+# Makes the Debian package of a build, looks into it, unpacks it and builds a program against what comes out.
+#
+# Run by ctest: debian_package_test.sh SOURCE BUILD WORK, where WORK is emptied first.
+set -euo pipefail
+source=$1
+build=$2
+work=$3
+rm -rf "$work"
+mkdir -p "$work"
+cd "$work"
+
+failures=0
+expect() {  # expect DESCRIPTION COMMAND...
+  local description=$1
+  shift
+  if "$@" >last.log 2>&1; then
+    echo "ok: $description"
+  else
+    echo "FAILED: $description"
+    sed 's/^/    /' last.log
+    failures=$((failures + 1))
+  fi
+}
+
+version=$(awk '/#define KESTRUN_VERSION_(MAJOR|MINOR|PATCH)/ { v = v sep $3; sep = "." } END { print v }' \
+  "$source/include/kestrun/version.h")
+major=${version%%.*}
+architecture=$(dpkg --print-architecture)
+
+cpack --config "$build/CPackConfig.cmake" -G DEB -B "$work" >cpack.log 2>&1 || { cat cpack.log; exit 1; }
+package=kestrun2_${version}_$architecture.deb
+expect "the file is named after package, version and architecture" test -f "$package"
+field() { dpkg-deb -f "$package" "$1"; }
+expect "the control file tells the same" bash -c "
+  [ '$(field Package) $(field Version) $(field Architecture)' = 'kestrun2 $version $architecture' ]"
+expect "the dependencies are the C++ and C runtime and nothing else" bash -c "
+  tr ',' '\n' <<<'$(field Depends)' | sed 's/^ *//; s/ .*//' | sort | diff - <(printf '%s\n' libc6 libgcc-s1 libstdc++6)"
+expect "the dynamic linker learns of the library" bash -c "
+  dpkg-deb --ctrl-tarfile '$package' | tar -xO ./postinst | grep -q ldconfig &&
+  [ \"\$(dpkg-deb --ctrl-tarfile '$package' | tar -xO ./shlibs)\" = 'libKestrun2 $major kestrun2 (>= $version)' ] ||
+  { dpkg-deb --ctrl-tarfile '$package' | tar -xO ./shlibs; false; }"
+
+dpkg-deb -x "$package" root
+expect "library, headers, CMake package and pkg-config file lie below /usr" bash -c "
+  cd root/usr && ls include/kestrun/kestrun.h lib/libKestrun2.so.$version lib/cmake/Kestrun2/Kestrun2Config.cmake \
+    lib/pkgconfig/kestrun2.pc && diff -r '$source/include/kestrun' include/kestrun"
+expect "everything belongs to root" bash -c "! dpkg-deb -c '$package' | grep -v ' root/root '"
+expect "a program builds against the package" bash -c "
+  g++ -std=c++17 '$source/tests/install/outside/main.cc' -o program \
+    \$(PKG_CONFIG_PATH=root/usr/lib/pkgconfig pkg-config --cflags --libs kestrun2)"
+mkdir store
+expect "and runs" env LD_LIBRARY_PATH=root/usr/lib ./program store
+if [ -x "$build/tools/kestrun" ]; then
+  expect "the program is in the package and runs" root/usr/bin/kestrun --version
+  expect "its manual page is there" test -f root/usr/share/man/man1/kestrun.1
+fi
+
+exit $((failures > 0))
