@@ -19,7 +19,11 @@ namespace {
 
 // Only the last component is made. Another process that makes it at the same moment is as good.
 bool EnsureDirectory(const std::string& path) {
-  return access(path.c_str(), F_OK) == 0 || mkdir(path.c_str(), 0700) == 0 || errno == EEXIST;
+  if (access(path.c_str(), F_OK) == 0) return true;
+  if (mkdir(path.c_str(), 0700) != 0) return errno == EEXIST;
+  // Only a loss of power could tell, and the parent need not be ours to force.
+  IgnoreStatus(SyncDirectory(DirectoryOf(path)));
+  return true;
 }
 
 }  // namespace

@@ -53,7 +53,10 @@ uint32_t LSDBImpl::Compact() {
   if (const uint32_t status = file.Claim(path_); status != kStatusOk) return status;
   Block* merged = nullptr;
   if (const uint32_t status = Block::WriteFromBlocks(file.Path(), sources, &merged); status != kStatusOk) {
-    return status;
+    // Where others have compacted or cleared the store meanwhile, its files are gone for a good reason.
+    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
+    const bool overtaken = manifestLock.Status() == kStatusOk && !manifest_->StillLists(old);
+    return overtaken ? kStatusOk : status;
   }
   const std::shared_ptr<Block> block(merged);
   file.Keep();

@@ -71,14 +71,16 @@ uint32_t RemoveFilesNamedLike(const std::string& directory, const std::string& t
 
 bool SyncDirectory(const std::string& path) {
   const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (descriptor < 0) return false;
+  // Whoever may not read a directory can still have files in it.
+  if (descriptor < 0) return errno == EACCES;
   const bool synced = fsync(descriptor) == 0 || errno == EINVAL || errno == EOPNOTSUPP || errno == EROFS;
   close(descriptor);
   return synced;
 }
 
 std::string DirectoryOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
+  const size_t nameEnd = path.find_last_not_of('/');
+  const size_t slash = nameEnd == std::string::npos ? 0 : path.rfind('/', nameEnd);
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
 }

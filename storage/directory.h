@@ -17,10 +17,10 @@ namespace Kestrun {
 [[nodiscard]] uint32_t RemoveFilesNamedLike(const std::string& directory, const std::string& text);
 
 // Forces the names in a directory to the disk. False when the system reports a failure; a file system that
-// can't do it for directories counts as success.
+// can't do it for directories, or one that may not be read, counts as success.
 [[nodiscard]] bool SyncDirectory(const std::string& path);
 
-// The directory part of `path`; "." when it has none.
+// The directory that holds `path`, which may end in slashes; "." when the path names none.
 std::string DirectoryOf(const std::string& path);
 
 }  // namespace Kestrun

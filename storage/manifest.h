@@ -106,6 +106,9 @@ class Manifest {
   // The entries whose filter may contain `key`, after Load, whose status is ignored.
   BlockEntries FindCandidates(const Key& key);
 
+  // Whether every one of `entries` is still listed, and listed in the file.
+  bool StillLists(const BlockEntries& entries);
+
   // How often, as far as this process has noticed, another process has moved the generation.
   uint64_t ForeignMoves();
 

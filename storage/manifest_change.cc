@@ -137,6 +137,13 @@ uint32_t Manifest::WriteReplacing(const ManifestReplacement& replacement, const 
   return written ? kStatusTruncateFailed : kStatusManifestWriteFailed;
 }
 
+// A truncation does not move the generation; only the file's length tells of it.
+bool Manifest::StillLists(const BlockEntries& entries) {
+  uint64_t size = 0;
+  if (Load() != kStatusOk || file_->Size(&size) != 0) return false;
+  return size >= ListedEnd() && ListsAll(state_->entries, entries);
+}
+
 uint32_t Manifest::Truncate() {
   const std::string sidePath = ReplacementPath(file_->Path());
   // Before the entries go: what it would bring back must stay dropped.

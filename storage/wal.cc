@@ -186,10 +186,29 @@ void Wal::CopyRecordTo(uint32_t offset, WalSharedState::Seen* seen) const {
 
 bool Wal::Lookup(const Key& key, DataEntry* entry) {
   CatchUp();
-  const auto found = state_->index->find(key);
+  auto found = state_->index->find(key);
+  if (found != state_->index->end() && BelongsToAnother(key, found->second)) {
+    state_->startOver = true;
+    CatchUp();
+    found = state_->index->find(key);
+  }
   if (found == state_->index->end()) return false;
   *entry = found->second;
   return true;
+}
+
+// Whether another record stands where the index says that this entry's record is: the log was emptied
+// elsewhere and filled again with a first and a last record like those of before.
+bool Wal::BelongsToAnother(const Key& key, const DataEntry& entry) const {
+  const uint64_t headSize = sizeof(WalRecord) + key.Size();
+  WalHeader header;
+  WalRecord record;
+  if (entry.valueOffset < headSize || !ReadHeader(&header)) return false;
+  const uint64_t offset = entry.valueOffset - headSize;
+  if (offset < kWalFirstRecord || !ReadRecord(offset, header.used, &record)) return false;
+  return record.valueOffset != entry.valueOffset || record.valueSize != entry.valueSize ||
+         record.timestamp != entry.timestamp || record.keySize != key.Size() ||
+         std::memcmp(base_ + offset + sizeof(record), key.Data(), key.Size()) != 0;
 }
 
 uint32_t Wal::ReadValue(const DataEntry& entry, void** value) {

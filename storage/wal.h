@@ -15,7 +15,7 @@
 // Other processes append to the same file and empty it. Each operation that looks at the index first brings
 // it up to date: it replays records that were appended elsewhere, and starts over when the log was emptied
 // elsewhere. The latter shows in a used area shorter than what was replayed, in another record standing where
-// the first or the last replayed one stood, or, since every flush moves the manifest, in a move of the
+// the first, the last or a wanted one stood, or, since every flush moves the manifest, in a move of the
 // manifest by another process, of which the engine gives notice (NoticeManifestMoves).
 #pragma once
 
@@ -135,6 +135,7 @@ class Wal {
   void CatchUp(const WalHeader& header);
   bool WasEmptiedElsewhere(const WalHeader& header) const;
   bool WasReplaced(const WalSharedState::Seen& seen, uint32_t used) const;
+  bool BelongsToAnother(const Key& key, const DataEntry& entry) const;
   bool ReadRecord(uint64_t offset, uint64_t limit, WalRecord* record) const;
   void Remember(uint32_t firstOffset, uint32_t lastOffset);
   void CopyRecordTo(uint32_t offset, WalSharedState::Seen* seen) const;
