@@ -47,6 +47,11 @@ bool Lists(const BlockEntries& entries, const std::string& name) {
                      [&name](const auto& entry) { return entry->name == name; });
 }
 
+bool ListsAll(const BlockEntries& entries, const BlockEntries& wanted) {
+  return std::all_of(wanted.begin(), wanted.end(),
+                     [&entries](const auto& entry) { return Lists(entries, entry->name); });
+}
+
 }  // namespace
 
 // Everything that can fail for want of memory comes first; then the entry's bytes; then the generation, so
@@ -79,9 +84,7 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
   ManifestHeader header;
   uint64_t end = 0;
   if (const uint32_t status = PrepareChange(&header, &end); status != kStatusOk) return status;
-  const bool current = std::all_of(replaced.begin(), replaced.end(),
-                                   [this](const auto& entry) { return Lists(state_->entries, entry->name); });
-  if (!current) return kStatusOk;
+  if (!ListsAll(state_->entries, replaced)) return kStatusOk;
 
   std::vector<uint8_t> old;
   if (!ReadEntryBytes(end, &old)) {
