@@ -1,18 +1,24 @@
 #!/bin/bash
 # Stores that one architecture wrote, on another: the same bytes, read and written on in both directions.
 #
-#   portable_store_test.sh WORK PROGRAM -- OTHER...
+#   portable_store_test.sh SOURCE WORK OTHER...
 #
-# PROGRAM is portable_store of this machine, OTHER the one of the other architecture with its emulator in front.
-# WORK is emptied first.
+# OTHER is portable_store of the other architecture with its emulator in front; the one of this machine is built in
+# WORK/native. The rest of WORK is emptied first.
 set -euo pipefail
-work=$1
-here=("$2")
-shift 3
+source=$1
+work=$2
+shift 2
 there=("$@")
-rm -rf "$work"
-mkdir -p "$work"
-cd "$work"
+rm -rf "$work/stores"
+mkdir -p "$work/stores"
+cd "$work/stores"
+
+# Without the flags of whoever builds for the other architecture.
+(unset CC CXX CFLAGS CXXFLAGS LDFLAGS CMAKE_TOOLCHAIN_FILE
+  cmake -S "$source" -B "$work/native" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKESTRUN_BUILD_TOOLS=OFF &&
+  cmake --build "$work/native" --target portable_store) >"$work/native.log" 2>&1 || { cat "$work/native.log"; exit 1; }
+here=("$work/native/tests/abi/portable_store")
 
 failures=0
 expect() {  # expect DESCRIPTION COMMAND...; the library's diagnostics are of no interest
