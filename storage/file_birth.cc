@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "storage/directory.h"
+#include "storage/os_file.h"
 
 namespace Kestrun {
 namespace {
@@ -30,7 +31,13 @@ bool GiveBirthToFile(const std::string& path, const void* head, size_t headSize,
   const int descriptor = open(DirectoryOf(path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
   if (descriptor < 0) return false;
   const bool born = FillAndLink(descriptor, path, head, headSize, length);
-  close(descriptor);
+  // Another thread may have opened the file by its name and locked it already.
+  struct stat info = {};
+  if (born && fstat(descriptor, &info) == 0) {
+    CloseBetweenSections(descriptor, InodeRegistry<InodeInfo>::FindOrCreate(IdOf(info), [](InodeInfo&) {}));
+  } else {
+    close(descriptor);
+  }
   return born;
 }
 

@@ -72,6 +72,7 @@ uint32_t Manifest::Append(const std::string& name, const std::vector<uint8_t>& f
   }
   state_->entries.push_back(std::move(entry));
   PublishGeneration(header, header.generation + 1);
+  state_->loadedGeneration = header.generation + 1;
   return file_->Sync() == 0 ? kStatusOk : kStatusSyncFailed;
 }
 
@@ -118,6 +119,7 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
   *done = true;
   state_->entries.swap(entries);
   PublishGeneration(header, replacement.generation);
+  state_->loadedGeneration = replacement.generation;
   if (file_->Sync() != 0) return kStatusSyncFailed;
   RemoveReplacement(sidePath);
   return kStatusOk;
@@ -195,6 +197,7 @@ bool Manifest::FindUnfinished(const ManifestHeader& header, ManifestReplacement*
          ReplacementHash(bytes.data(), bytes.size()) != replacement->oldHash;
 }
 
+// The list is not touched: whoever goes on reads it again, at the generation published here.
 uint32_t Manifest::FinishReplacement() {
   const std::string sidePath = ReplacementPath(file_->Path());
   if (access(sidePath.c_str(), F_OK) != 0) return kStatusOk;
@@ -228,7 +231,6 @@ void Manifest::PublishGeneration(ManifestHeader header, uint32_t generation) {
   header.generation = generation;
   header.checksum = StoreChecksum(&header, ManifestHeaderOffset::kChecksum);
   state_->knownGeneration = generation;
-  state_->loadedGeneration = generation;
   PublishHeader(header_, &header);
 }
 

@@ -56,6 +56,15 @@ int OpenDescriptor(const std::string& path, uint16_t flags) {
 
 }  // namespace
 
+InodeId IdOf(const struct stat& info) {
+  return {static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
+}
+
+void CloseBetweenSections(int descriptor, InodeInfo* inode) {
+  const std::lock_guard<std::recursive_mutex> lock(inode->mutex);
+  close(descriptor);
+}
+
 void InodeInfo::AfterFork() {
   level = LockLevel::None;
   MakeAnew(mutex);
@@ -78,16 +87,15 @@ uint32_t OsFile::Open(const std::string& path, uint16_t flags, OsFile** out) {
     return kStatusStatFailed;
   }
 
-  const InodeId id = {static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
-  std::unique_ptr<OsFile> file;
+  const InodeId id = IdOf(info);
   try {
-    file.reset(new OsFile(descriptor, path, flags, id, nullptr));
+    InodeInfo* inode =
+        InodeRegistry<InodeInfo>::FindOrCreate(id, [](InodeInfo& found) { ++found.openCount; });
+    *out = new OsFile(descriptor, path, flags, id, inode);
   } catch (...) {
     close(descriptor);
     throw;
   }
-  file->inode_ = InodeRegistry<InodeInfo>::FindOrCreate(id, [](InodeInfo& inode) { ++inode.openCount; });
-  *out = file.release();
   return kStatusOk;
 }
 
@@ -268,7 +276,7 @@ uint32_t OsFile::CloseAndRemove() {
 
 void OsFile::UnmapAndClose() {
   IgnoreStatus(UnmapAll());  // most handles have adopted nothing
-  if (descriptor_ >= 1) close(descriptor_);
+  if (descriptor_ >= 1) CloseBetweenSections(descriptor_, inode_);
   descriptor_ = 0;
 }
 

@@ -14,9 +14,11 @@
 // Failure:   Open, Lock and Unlock return a status; the wrappers return what the system call returns and
 //            leave errno to the caller. Nothing is printed.
 // Traps:     closing any descriptor of a file drops all locks that the process holds on it, while the level
-//            on record stays; callers rely on the store not hiding this.
+//            on record stays; callers rely on the store not hiding this from the thread that holds them. A
+//            handle that goes waits until no other thread holds a lock.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -57,6 +59,13 @@ struct InodeInfo {
   // The child of a fork holds no byte-range lock, and the thread that held the mutex may not exist in it.
   void AfterFork();
 };
+
+// What tells the file apart that was inspected.
+InodeId IdOf(const struct stat& info);
+
+// Closes a descriptor of the file that `inode` belongs to while no other thread of the process is inside a
+// locked section on it: any close drops the locks of the whole process.
+void CloseBetweenSections(int descriptor, InodeInfo* inode);
 
 class OsFile {
  public:
