@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "engine/no_throw.h"
 #include "kestrun/status.h"
 #include "record/record_format.h"
 #include "record/schema.h"
@@ -21,16 +22,6 @@ struct FreeMemory {
   void operator()(void* memory) const { std::free(memory); }
 };
 using MallocBytes = std::unique_ptr<unsigned char, FreeMemory>;
-
-// Runs an operation that may run out of memory: no exception leaves the library.
-template <typename Operation>
-uint32_t Guarded(const Operation& operation) {
-  try {
-    return operation();
-  } catch (const std::bad_alloc&) {
-    return kStatusNoMemory;
-  }
-}
 
 uint32_t RefuseMissingMeta() {
   std::printf("Append record error, reason: record meta is nullptr");
@@ -64,7 +55,7 @@ uint32_t OpenSeries(const std::string& path, const SeriesConfig& config, Series*
 }  // namespace
 
 uint32_t Series::Open(const std::string& path, const SeriesConfig& config, Series** out) {
-  return Guarded([&] { return OpenSeries(path, config, out); });
+  return StatusOf([&] { return OpenSeries(path, config, out); });
 }
 
 uint32_t Series::Remove(const std::string& path) {
@@ -90,7 +81,7 @@ uint32_t Series::Get(const Key& key, Record** out) {
   MallocBytes value(static_cast<unsigned char*>(const_cast<void*>(found)));
   if (value == nullptr || size < kRecordSmallestWithValues) return kStatusOk;
 
-  return Guarded([&]() -> uint32_t {
+  return StatusOf([&]() -> uint32_t {
     uint16_t id = 0;
     std::memcpy(&id, value.get() + kRecordTypeOffset, sizeof(id));
     const RecordMeta* meta = schema_ == nullptr ? nullptr : schema_->FindRecordMeta(id);
@@ -140,7 +131,7 @@ uint32_t Series::AppendRecordWithVarList(const Key& key, const char* format, ...
 }
 
 uint32_t Series::AppendArguments(const Key& key, unsigned int ttl, const char* format, va_list args) {
-  return Guarded([&] {
+  return StatusOf([&] {
     const RecordMeta* meta = FindMeta(format);
     if (meta == nullptr) return RefuseMissingMeta();
     Record record(meta, args);
@@ -150,7 +141,7 @@ uint32_t Series::AppendArguments(const Key& key, unsigned int ttl, const char* f
 
 uint32_t Series::AppendRecord(const Key& key, unsigned int ttl, const char* format,
                               std::vector<Value> values) {
-  return Guarded([&] {
+  return StatusOf([&] {
     const RecordMeta* meta = FindMeta(format);
     return AppendRecord(key, ttl, meta, std::move(values));
   });
@@ -159,7 +150,7 @@ uint32_t Series::AppendRecord(const Key& key, unsigned int ttl, const char* form
 uint32_t Series::AppendRecord(const Key& key, unsigned int ttl, const RecordMeta* meta,
                               std::vector<Value> values) {
   if (meta == nullptr) return RefuseMissingMeta();
-  return Guarded([&] {
+  return StatusOf([&] {
     Record record(meta, std::move(values));
     return AppendRecord(key, ttl, record);
   });
