@@ -34,21 +34,21 @@ class RecordMetaIndex {
 
   // The record type of `key`, or null.
   RecordMeta* Find(const Key& key) const {
-    const Entry* entry = SlotOf(*table_.load(std::memory_order_acquire), key).load(std::memory_order_acquire);
+    const Entry* entry = Search(*table_.load(std::memory_order_acquire), key).entry;
     return entry == nullptr ? nullptr : entry->meta.load(std::memory_order_acquire);
   }
 
   // Makes `meta` the record type of `key`, in place of the one it had.
   void Assign(const Key& key, RecordMeta* meta) {
     Table* table = table_.load(std::memory_order_relaxed);
-    if (Entry* entry = SlotOf(*table, key).load(std::memory_order_relaxed); entry != nullptr) {
-      entry->meta.store(meta, std::memory_order_release);
+    if (Entry* known = Search(*table, key).entry; known != nullptr) {
+      known->meta.store(meta, std::memory_order_release);
       return;
     }
     auto entry = std::make_unique<Entry>(key, meta);
     // Half of the slots stay empty: that ends every search.
     if ((table->used + 1) * 2 > table->capacity) table = Grow(table);
-    SlotOf(*table, key).store(entry.release(), std::memory_order_release);
+    Search(*table, key).slot->store(entry.release(), std::memory_order_release);
     ++table->used;
   }
 
@@ -74,14 +74,19 @@ class RecordMetaIndex {
     size_t used = 0;        // for the writer
   };
 
+  struct Place {
+    Slot* slot;
+    Entry* entry;  // what the slot held when it was looked at; a reader must not look twice
+  };
+
   // The slot that holds `key`, or the empty one where it belongs. Entries never move and never go.
-  static Slot& SlotOf(const Table& table, const Key& key) {
+  static Place Search(const Table& table, const Key& key) {
     // Standard hashes of numbers are the numbers: spread them over the table.
     size_t i = (std::hash<Key>()(key) * 0x9E3779B97F4A7C15u) >> 32;
     for (;; ++i) {
       Slot& slot = table.slots[i & (table.capacity - 1)];
-      const Entry* entry = slot.load(std::memory_order_acquire);
-      if (entry == nullptr || entry->key == key) return slot;
+      Entry* entry = slot.load(std::memory_order_acquire);
+      if (entry == nullptr || entry->key == key) return {&slot, entry};
     }
   }
 
@@ -99,7 +104,7 @@ class RecordMetaIndex {
     for (size_t i = 0; i < table->capacity; ++i) {
       Entry* entry = table->slots[i].load(std::memory_order_relaxed);
       if (entry == nullptr) continue;
-      SlotOf(*grown, entry->key).store(entry, std::memory_order_relaxed);
+      Search(*grown, entry->key).slot->store(entry, std::memory_order_relaxed);
       ++grown->used;
     }
     table_.store(grown.get(), std::memory_order_release);
