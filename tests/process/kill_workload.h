@@ -1,0 +1,29 @@
+// What the killed processes of the kill sweep do, and what the processes after them expect to find.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "tests/support/scripted_store.h"
+
+namespace Kestrun::Testing {
+
+// Everything that changes a store, with flushes inside writes, two compactions, a clear and reopenings.
+Script KillWorkload();
+
+// Lies in memory that all processes of one attempt share; writing to it takes no system call.
+struct KillProgress {
+  std::atomic<int> started;  // steps that were begun
+  std::atomic<int> done;     // steps that were acknowledged
+  int settled[kScriptKeys];  // what the last generation left under each key
+  char message[1000];        // what went wrong
+};
+
+// The workload, in the directory. 0, or 1 with a message when a step fails.
+int RunKillWorkload(const std::string& directory, KillProgress* progress);
+
+// Generation 1 finds what the killed process left; the others what the one before them left. Each of them
+// checks every key, writes, flushes, compacts, reopens, and checks again. 0, or 1 with a message.
+int RunGeneration(int generation, const std::string& directory, KillProgress* progress);
+
+}  // namespace Kestrun::Testing

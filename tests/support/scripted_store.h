@@ -1,0 +1,121 @@
+// A scripted use of a store through its public interface, and a model of what the store may hold.
+//
+// A script is a list of steps, each with a number of its own. A value is made from the number of the step
+// that wrote it, so that whatever is read back tells where it comes from. The model knows for every key which
+// steps' values may be found under it: exactly one while every step is known to be done, more where a step
+// was cut off or failed, until somebody has looked.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kestrun/lsdb.h"
+#include "kestrun/series.h"
+
+namespace Kestrun::Testing {
+
+// Keys are numbered: bytes under keys with a common primary, bytes under long keys without one, and records.
+inline constexpr int kPlainKeys = 16;
+inline constexpr int kLongKeys = 4;
+inline constexpr int kRecordKeys = 6;
+inline constexpr int kScriptKeys = kPlainKeys + kLongKeys + kRecordKeys;
+inline constexpr int kFirstRecordKey = kPlainKeys + kLongKeys;
+
+std::string ScriptKey(int key);
+
+struct Step {
+  enum class Kind {
+    Open,         // `size` is that of the log
+    Close,        //
+    Insert,       // `size` bytes under `key`
+    Delete,       // `key`
+    DeleteRange,  // the keys from `key` up to `end`, which is left out; plain keys only
+    Flush,
+    Compact,
+    Clear,
+    CreateType,  // the record type with the number `end`
+    Append,      // under `key`, a record of the type with the number `end` with a text of `size` bytes
+    Get,         // `key`
+    Contains,    // `key`
+    Scan,
+  };
+  Kind kind;
+  int key = 0;
+  int end = 0;
+  uint32_t size = 0;
+};
+using Script = std::vector<Step>;
+
+const char* StepName(Step::Kind kind);
+// "step 12, Insert user-03" for messages.
+std::string Describe(int number, const Step& step);
+
+inline constexpr int kAbsent = -1;
+inline constexpr int kForeign = -2;  // something that no step has written
+
+class StoreModel {
+ public:
+  // An empty store.
+  StoreModel();
+
+  enum class Outcome {
+    Done,
+    Unknown,  // not done, done, or, where it concerns several keys, done for some
+  };
+  void Apply(int number, const Step& step, Outcome outcome);
+
+  bool Allows(int key, int found) const { return possible_[Index(key)].count(found) != 0; }
+  // Whether it is certain that there is no such key, or that there is one.
+  bool MustBeAbsent(int key) const { return possible_[Index(key)] == std::set<int>{kAbsent}; }
+  bool MustBePresent(int key) const { return possible_[Index(key)].count(kAbsent) == 0; }
+  // From now on only this is possible.
+  void Settle(int key, int found) { possible_[Index(key)] = {found}; }
+  // The values that are possible, "7 or none" for messages.
+  std::string Expected(int key) const;
+
+ private:
+  static size_t Index(int key) { return static_cast<size_t>(key); }
+
+  std::vector<std::set<int>> possible_;
+  // What may show when the log is gone and the blocks are not, as in the middle of Clear: everything that the
+  // key has had since the last flush that is known to be done.
+  std::vector<std::set<int>> inBlocks_;
+};
+
+// Runs steps on the store in one directory, through an engine and a series that are open on it together.
+class ScriptedStore {
+ public:
+  explicit ScriptedStore(std::string path) : path_(std::move(path)) {}
+
+  bool IsOpen() const { return engine_ != nullptr; }
+
+  struct Result {
+    bool ran = false;  // false where the store would have to be open and is not
+    uint32_t status = 0;
+    int found = kForeign;   // Get: the number of the step whose value was read, or kAbsent
+    bool contains = false;  // Contains
+  };
+  Result Run(int number, const Step& step);
+
+  // Compares all that can be read with the model, and settles it. Empty, or a message that says what is
+  // wrong.
+  std::string Verify(StoreModel* model);
+
+ private:
+  uint32_t Open(uint32_t walSize);
+  uint32_t Append(int number, const Step& step);
+  uint32_t Find(int key, int* found);
+  uint32_t Read(int key, int* found);
+
+  std::string path_;
+  std::unique_ptr<LSDBImpl> engine_;
+  std::unique_ptr<Series> series_;
+};
+
+// Statuses that the operation of a step may give when the system refuses something, but no file is damaged.
+bool IsExpectedFailure(Step::Kind kind, uint32_t status);
+
+}  // namespace Kestrun::Testing
