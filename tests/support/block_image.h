@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,8 @@ struct BlockImageEntry {
 struct BlockImage {
   // The entries must be in ascending order of their keys. A page size of 0 is the machine's.
   explicit BlockImage(const std::vector<BlockImageEntry>& entries, uint64_t pageSize = 0);
+  explicit BlockImage(std::initializer_list<BlockImageEntry> entries, uint64_t pageSize = 0)
+      : BlockImage(std::vector<BlockImageEntry>(entries), pageSize) {}
 
   // Where the record of entry `index` begins.
   size_t EntryOffset(size_t index) const { return entryTable + 28 + 48 * index; }
