@@ -22,6 +22,7 @@
 namespace Kestrun {
 namespace {
 
+using Testing::ScratchDirectory;
 using Testing::ThreadDiagnostics;
 
 constexpr unsigned kThreads = 4;
@@ -284,14 +285,14 @@ std::string FailureOf(const std::string& path, const std::vector<LSDBImpl*>& eng
 }
 
 void RunOnOneEngine(uint64_t operations, bool mayClear) {
-  const Testing::ScratchDirectory directory;
+  const ScratchDirectory directory(ScratchDirectory::Place::Memory);
   const std::unique_ptr<LSDBImpl> engine = OpenStore(directory.Path());
   const std::vector<LSDBImpl*> engines(kThreads, engine.get());
   EXPECT_EQ(FailureOf(directory.Path(), engines, operations, mayClear), "");
 }
 
 void RunOnAnEngineEach(uint64_t operations, bool mayClear) {
-  const Testing::ScratchDirectory directory;
+  const ScratchDirectory directory(ScratchDirectory::Place::Memory);
   std::vector<std::unique_ptr<LSDBImpl>> owners;
   std::vector<LSDBImpl*> engines;
   for (unsigned i = 0; i < kThreads; ++i) {

@@ -27,12 +27,18 @@ class Directories {
   std::vector<std::string> paths_;
 };
 
+std::string ParentOf(ScratchDirectory::Place place) {
+  const char* parent = std::getenv("TMPDIR");
+  if (parent != nullptr && *parent != '\0') return parent;
+  const bool inMemory = place == ScratchDirectory::Place::Memory && access("/dev/shm", W_OK) == 0;
+  return inMemory ? "/dev/shm" : "/tmp";
+}
+
 }  // namespace
 
-ScratchDirectory::ScratchDirectory() {
+ScratchDirectory::ScratchDirectory(Place place) {
   static Directories directories;
-  const char* parent = std::getenv("TMPDIR");
-  path_ = std::string(parent == nullptr || *parent == '\0' ? "/tmp" : parent) + "/kestrun-test-XXXXXX";
+  path_ = ParentOf(place) + "/kestrun-test-XXXXXX";
   if (mkdtemp(path_.data()) == nullptr) {
     std::perror(path_.c_str());
     std::exit(EXIT_FAILURE);

@@ -8,8 +8,12 @@ namespace Kestrun::Testing {
 
 class ScratchDirectory {
  public:
-  // Makes an empty directory below TMPDIR, or /tmp. Ends the program when it can't.
-  ScratchDirectory();
+  // Where a directory is made when TMPDIR does not say. Memory is for tests that force thousands of files to
+  // the disk and don't care whether it is one.
+  enum class Place { Disk, Memory };
+
+  // Makes an empty directory. Ends the program when it can't.
+  explicit ScratchDirectory(Place place = Place::Disk);
 
   // Without a slash at the end.
   const std::string& Path() const { return path_; }
