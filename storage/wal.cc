@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -40,6 +41,7 @@ void WalSharedState::Clear() {
     index = std::make_shared<MemTable<DataEntry>>();
   }
   applied = kWalFirstRecord;
+  end = kWalFirstRecord;
   first.bytes.clear();
   last.bytes.clear();
   startOver = false;
@@ -92,6 +94,7 @@ uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t v
   if (valueSize != 0) std::memcpy(base_ + record.valueOffset, value, valueSize);
   PublishUsed(header, static_cast<uint32_t>(end));
 
+  state_->end = static_cast<uint32_t>(end);
   // Behind a damaged record, where replay has stopped, the offset stays.
   if (state_->applied == offset) {
     Remember(offset, offset);
@@ -145,6 +148,7 @@ void Wal::CatchUp(const WalHeader& header) {
   if (offset == start) return;
   Remember(start, static_cast<uint32_t>(lastOffset));
   state_->applied = static_cast<uint32_t>(offset);
+  state_->end = std::max(state_->end, state_->applied);
 }
 
 // A sound record lies between `offset` and the end of the used area. One that reaches beyond is not followed:
@@ -159,9 +163,13 @@ bool Wal::ReadRecord(uint64_t offset, uint64_t used, WalRecord* record) const {
 }
 
 bool Wal::WasEmptiedElsewhere(const WalHeader& header) const {
-  if (state_->applied == kWalFirstRecord) return false;
-  return header.used < state_->applied || WasReplaced(state_->first, header.used) ||
-         WasReplaced(state_->last, header.used);
+  if (header.used < state_->end) return true;
+  if (state_->applied == kWalFirstRecord) {
+    // Entries without a replay come from appends behind a damaged first record. It does not heal by itself.
+    WalRecord record;
+    return !state_->index->empty() && ReadRecord(kWalFirstRecord, header.used, &record);
+  }
+  return WasReplaced(state_->first, header.used) || WasReplaced(state_->last, header.used);
 }
 
 // A record that is merely damaged now is not another record: its entry stays.

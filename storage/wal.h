@@ -46,6 +46,7 @@ struct WalSharedState {
   };
 
   uint32_t applied = kWalFirstRecord;  // everything before this offset is in the index
+  uint32_t end = kWalFirstRecord;      // of the last record that was replayed or appended by this process
   std::shared_ptr<MemTable<DataEntry>> index = std::make_shared<MemTable<DataEntry>>();
   Seen first;  // of the records before `applied`
   Seen last;

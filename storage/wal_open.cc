@@ -75,17 +75,17 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out)
   }
   // From here on no other thread of this process may look at the log while it is being made.
   const FileLockGuard threadLock(file, LockLevel::ThreadOnly);
+  // A log of 4 GiB or more can't be addressed by its own offsets.
+  const bool mappable = size <= std::numeric_limits<uint32_t>::max();
   if (size < config.walSize) {
     if (const uint32_t status = GrowTo(*file, config.walSize, &size, &madeAnew); status != kStatusOk)
       return status;
-  } else if (!file->Reserve(size)) {
+  } else if (mappable && !file->Reserve(size)) {
     if (madeAnew) return kStatusCreateFailed;
     std::printf("Failed to map wal: %s", path.c_str());
     return kStatusOk;
   }
 
-  // A log of 4 GiB or more can't be addressed by its own offsets.
-  const bool mappable = size <= std::numeric_limits<uint32_t>::max();
   void* base = mappable ? file->Map(static_cast<uint32_t>(size), 0, 0) : nullptr;
   if (base == nullptr) {
     std::printf("Failed to map wal: %s", path.c_str());
