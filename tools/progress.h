@@ -1,0 +1,29 @@
+// tools/progress.h: a bar on the last line of standard error, on a terminal only.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace Kestrun::Tools {
+
+class Progress {
+ public:
+  // `total` in the unit of Update; 0 when it is not known.
+  Progress(std::string what, uint64_t total);
+  // Removes the bar.
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // Draws at most ten times a second, and hands over what the library has printed.
+  void Update(uint64_t done, uint64_t rows);
+
+ private:
+  std::string what_;
+  uint64_t total_;
+  bool shown_;
+  std::chrono::steady_clock::time_point next_;
+};
+
+}  // namespace Kestrun::Tools
