@@ -3,10 +3,11 @@
 //
 //   portable_store write|read|continue|read-continued DIRECTORY
 //
-// The clock is the program's own and stands still, so that two runs write the same bytes: times of writing
-// and, through the seed of the random numbers, the names of the blocks.
+// Clock and random numbers are the program's own and the same in every run, so that two runs write the same
+// bytes: times of writing and names of blocks.
 #include <sys/time.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,15 +22,17 @@
 #pragma GCC visibility push(default)
 extern "C" {
 
-int gettimeofday(struct timeval* now, void* /*zone*/) noexcept {
+// Each as its header declares it: some C libraries promise that it throws nothing.
+int gettimeofday(struct timeval* now, void* zone) noexcept(noexcept(gettimeofday(now, zone))) {
   now->tv_sec = 1700000000;
   now->tv_usec = 0;
   return 0;
 }
 
-time_t time(time_t* now) noexcept {
-  if (now != nullptr) *now = 1700000000;
-  return 1700000000;
+int rand() noexcept(noexcept(rand())) {
+  static uint32_t state = 1;
+  state = state * 1103515245 + 12345;
+  return static_cast<int>(state >> 16);
 }
 
 }  // extern "C"
