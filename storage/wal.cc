@@ -89,6 +89,7 @@ uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t v
   record.checksum = StoreChecksum(&record, WalRecordOffset::kChecksum);
   state_->index->insert_or_assign(key, EntryOf(record));
 
+  if (state_->applied < offset) SpoilRecord(state_->applied, offset);
   std::memcpy(base_ + offset, &record, sizeof(record));
   std::memcpy(base_ + offset + sizeof(record), key.Data(), keySize);
   if (valueSize != 0) std::memcpy(base_ + record.valueOffset, value, valueSize);
@@ -160,6 +161,17 @@ bool Wal::ReadRecord(uint64_t offset, uint64_t used, WalRecord* record) const {
   if (StoreChecksum(record, WalRecordOffset::kChecksum) != record->checksum || record->keySize == 0)
     return false;
   return offset + sizeof(WalRecord) + record->keySize + record->valueSize <= limit;
+}
+
+// Where replay has stopped, the next append can make a record fit into the used area that did not fit before:
+// an old one whose neighbours were lost with the power. Its key would get a value that lies inside newer
+// records, and they would never be replayed. So what stopped the replay is made to stop it for good.
+void Wal::SpoilRecord(uint32_t offset, uint32_t used) {
+  WalRecord record;
+  if (uint64_t{offset} + sizeof(record) > used) return;  // is overwritten by what is appended
+  std::memcpy(&record, base_ + offset, sizeof(record));
+  if (StoreChecksum(&record, WalRecordOffset::kChecksum) != record.checksum) return;
+  base_[offset + WalRecordOffset::kChecksum] ^= 0xFF;
 }
 
 bool Wal::WasEmptiedElsewhere(const WalHeader& header) const {

@@ -134,6 +134,7 @@ class Wal {
   void PublishUsed(WalHeader header, uint32_t used);
   void FollowGrowth(uint32_t used);
   void CatchUp(const WalHeader& header);
+  void SpoilRecord(uint32_t offset, uint32_t used);
   bool WasEmptiedElsewhere(const WalHeader& header) const;
   bool WasReplaced(const WalSharedState::Seen& seen, uint32_t used) const;
   bool BelongsToAnother(const Key& key, const DataEntry& entry) const;
