@@ -13,6 +13,7 @@
 #include "storage/file_window.h"
 #include "storage/key_filter.h"
 #include "storage/manifest_replacement.h"
+#include "storage/manifest_tail.h"
 #include "storage/published_header.h"
 
 namespace Kestrun {
@@ -240,9 +241,20 @@ Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
     };
     const uint64_t end = size < sizeof(ManifestHeader) ? 0 : size - sizeof(ManifestHeader);
     complete = ParseEntries(end, view, &reading.entries, &badEntry);
+    if (badEntry) complete = EndsUnfinished(size, reading.entries);
   }
   if (!complete) reading.outcome = badEntry ? Reading::Outcome::BadEntry : Reading::Outcome::Unreadable;
   return reading;
+}
+
+// Whether everything behind the sound entries is one whose bytes were lost with the power.
+bool Manifest::EndsUnfinished(uint64_t size, const BlockEntries& entries) const {
+  uint64_t begin = sizeof(ManifestHeader);
+  for (const std::shared_ptr<BlockEntry>& entry : entries) begin += sizeof(ManifestEntry) + entry->filter.size();
+  if (size - begin > kLongestManifestEntry) return false;
+  std::vector<uint8_t> tail(static_cast<size_t>(size - begin));
+  const ssize_t count = file_->PReadFully(tail.data(), tail.size(), static_cast<int64_t>(begin));
+  return count == static_cast<ssize_t>(tail.size()) && IsUnfinishedEntry(tail.data(), tail.size(), begin);
 }
 
 BlockEntries Manifest::Entries() {
