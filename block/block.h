@@ -62,6 +62,8 @@ class Block {
   Block(std::shared_ptr<OsFile> file, std::vector<IndexedEntry> entries);
 
   uint32_t Count() const;
+  // Tells the block's file apart from every other one, as long as the block lives.
+  const InodeId& FileId() const { return file_->Id(); }
   // Whether there is an entry for exactly this key; deletion markers and expired entries count.
   bool Contains(const Key& key) const;
   // kStatusOk with the key's entry, kStatusInvalid without one.

@@ -1,9 +1,11 @@
 #include "block/block_cache.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "kestrun/status.h"
 
@@ -20,15 +22,25 @@ uint32_t SettleFailure(uint32_t status, const std::string& path) {
   return gone ? kStatusOk : status;
 }
 
+// A file that is gone is no other file: the block that was loaded from it lives on.
+bool IsAnotherFile(const Block& block, const std::string& path) {
+  struct stat info = {};
+  return stat(path.c_str(), &info) == 0 && !(IdOf(info) == block.FileId());
+}
+
 }  // namespace
 
 std::shared_ptr<Block> BlockCache::GetOrLoad(const std::string& name, const std::string& path,
-                                             uint32_t* failure) {
+                                             uint32_t* failure, const std::shared_ptr<const void>& listing) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (failure != nullptr) *failure = kStatusOk;
   if (const auto found = index_.find(name); found != index_.end()) {
-    blocks_.splice(blocks_.begin(), blocks_, found->second);
-    return blocks_.front().second;
+    Cached& cached = *found->second;
+    if (cached.listing == listing || !IsAnotherFile(*cached.block, path)) {
+      cached.listing = listing;
+      blocks_.splice(blocks_.begin(), blocks_, found->second);
+      return cached.block;
+    }
   }
   Block* loaded = nullptr;
   if (const uint32_t status = Block::Load(path, &loaded); status != kStatusOk) {
@@ -37,7 +49,7 @@ std::shared_ptr<Block> BlockCache::GetOrLoad(const std::string& name, const std:
     return nullptr;
   }
   const std::shared_ptr<Block> block(loaded);
-  Insert(name, block);
+  Insert({name, block, listing});
   return block;
 }
 
@@ -53,20 +65,20 @@ bool BlockCache::Check(const std::string& name, const std::string& path, uint32_
 
 void BlockCache::Put(const std::string& name, const std::shared_ptr<Block>& block) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  Insert(name, block);
+  Insert({name, block, nullptr});
 }
 
-void BlockCache::Insert(const std::string& name, const std::shared_ptr<Block>& block) {
+void BlockCache::Insert(Cached cached) {
   Blocks node;
-  node.emplace_front(name, block);
-  const auto [entry, isNew] = index_.try_emplace(name, node.begin());
+  node.push_front(std::move(cached));
+  const auto [entry, isNew] = index_.try_emplace(node.front().name, node.begin());
   if (!isNew) {
     blocks_.erase(entry->second);
     entry->second = node.begin();
   }
   blocks_.splice(blocks_.begin(), node);
   while (index_.size() > kBlockCacheCapacity) {
-    index_.erase(blocks_.back().first);
+    index_.erase(blocks_.back().name);
     blocks_.pop_back();
   }
 }

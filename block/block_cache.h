@@ -15,7 +15,6 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <utility>
 
 #include "block/block.h"
 
@@ -28,8 +27,13 @@ class BlockCache {
   // Returns the block `name`, loaded from `path` on a miss, and makes it the most recent one. A failed load
   // caches nothing, so the next call tries again. `*failure`, when asked for, is the status of a load that
   // may succeed later, and kStatusOk otherwise: also when the file is gone, or was corrupt and is gone now.
+  //
+  // `listing` is what the name was found through. A block found through another one is loaded again when the
+  // file at `path` is not the one that it was loaded from: a name comes back when a process draws it after a
+  // compaction of another process has removed its file.
   std::shared_ptr<Block> GetOrLoad(const std::string& name, const std::string& path,
-                                   uint32_t* failure = nullptr);
+                                   uint32_t* failure = nullptr,
+                                   const std::shared_ptr<const void>& listing = nullptr);
   // Looks whether the block `name` can be read from `path`, and deletes a corrupt file as GetOrLoad does,
   // without loading it. `*failure` as above.
   bool Check(const std::string& name, const std::string& path, uint32_t* failure);
@@ -42,9 +46,14 @@ class BlockCache {
   void Clear();
 
  private:
-  using Blocks = std::list<std::pair<std::string, std::shared_ptr<Block>>>;
+  struct Cached {
+    std::string name;
+    std::shared_ptr<Block> block;
+    std::shared_ptr<const void> listing;  // what the block is known to belong to
+  };
+  using Blocks = std::list<Cached>;
 
-  void Insert(const std::string& name, const std::shared_ptr<Block>& block);
+  void Insert(Cached cached);
 
   std::mutex mutex_;
   Blocks blocks_;  // guarded by mutex_; the most recent one is in front

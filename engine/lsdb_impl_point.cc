@@ -46,7 +46,8 @@ uint32_t LSDBImpl::FindBlock(const Key& key, std::shared_ptr<Block>* found) {
   const BlockEntries candidates = manifest_->FindCandidates(key);
   for (auto entry = candidates.rbegin(); entry != candidates.rend(); ++entry) {
     uint32_t failure = kStatusOk;
-    std::shared_ptr<Block> block = cache_->GetOrLoad((*entry)->name, BlockPath((*entry)->name), &failure);
+    std::shared_ptr<Block> block =
+        cache_->GetOrLoad((*entry)->name, BlockPath((*entry)->name), &failure, *entry);
     if (failure != kStatusOk) return failure;
     if (block != nullptr && block->Contains(key)) {
       *found = std::move(block);

@@ -31,7 +31,8 @@ uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
     NoticeManifestMoves();
     const BlockEntries candidates = samePrimary ? manifest_->FindCandidates(primary) : manifest_->Entries();
     for (const std::shared_ptr<BlockEntry>& entry : candidates) {
-      const std::shared_ptr<Block> block = cache_->GetOrLoad(entry->name, BlockPath(entry->name));
+      const std::shared_ptr<Block> block =
+          cache_->GetOrLoad(entry->name, BlockPath(entry->name), nullptr, entry);
       if (block != nullptr) block->ForEachInRange(from, to, visit);
     }
     wal_->Enumerate(from, to, visit);
