@@ -159,9 +159,11 @@ uint32_t ScriptedStore::Append(int number, const Step& step) {
 // entry. The key is gone in any case.
 uint32_t ScriptedStore::Find(int key, int* found) {
   const uint32_t status = Read(key, found);
-  if (status != kStatusInvalid || engine_->Contains(Key(ScriptKey(key)))) return status;
-  *found = kAbsent;
-  return kStatusOk;
+  if (status != kStatusInvalid) return status;
+  DataEntry entry = {};
+  const uint32_t entryStatus = engine_->GetDataEntry(Key(ScriptKey(key)), entry);
+  if (entryStatus == kStatusOk && entry.deleted) *found = kAbsent;
+  return entry.deleted ? entryStatus : status;
 }
 
 uint32_t ScriptedStore::Read(int key, int* found) {
