@@ -250,7 +250,8 @@ Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
 // Whether everything behind the sound entries is one whose bytes were lost with the power.
 bool Manifest::EndsUnfinished(uint64_t size, const BlockEntries& entries) const {
   uint64_t begin = sizeof(ManifestHeader);
-  for (const std::shared_ptr<BlockEntry>& entry : entries) begin += sizeof(ManifestEntry) + entry->filter.size();
+  for (const std::shared_ptr<BlockEntry>& entry : entries)
+    begin += sizeof(ManifestEntry) + entry->filter.size();
   if (size - begin > kLongestManifestEntry) return false;
   std::vector<uint8_t> tail(static_cast<size_t>(size - begin));
   const ssize_t count = file_->PReadFully(tail.data(), tail.size(), static_cast<int64_t>(begin));

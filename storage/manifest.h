@@ -67,8 +67,8 @@ class Manifest {
   Manifest& operator=(const Manifest&) = delete;
 
   // Reads the list again if the header's generation is not the one it was read at. A failure leaves the list
-  // as it was. An entry header that is cut off by the end of the file is not an entry, nor is a last one whose
-  // bytes did not reach the disk (storage/manifest_tail.h).
+  // as it was. An entry header that is cut off by the end of the file is not an entry, nor is a last one
+  // whose bytes did not reach the disk (storage/manifest_tail.h).
   //
   // kStatusManifestChecksum    "Invalid manifest header checksum"
   // kStatusManifestUnreadable  "Failed to decode header of block entry" when an entry fails its checksum or
