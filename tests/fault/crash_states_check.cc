@@ -152,7 +152,7 @@ void JudgeKeys(const std::string& directory, const Promise& promise, const LogCo
   for (int key = 0; key < kScriptKeys; ++key) names.insert(ScriptKey(key));
   const uint32_t status = engine->EnumerateKeys(Key::MinKey(), Key::MaxKey(), [&](const Key& key) {
     const std::string name(reinterpret_cast<const char*>(key.Data()), key.Size());
-    if (names.count(name) != 0) return false;
+    if (names.count(name) != 0 || name.rfind(kOtherKeys, 0) == 0) return false;
     const auto record = log.newest.find(name);
     if (whole || record == log.newest.end() || record->second.end <= kConsistentPart) {
       Fail(verdict, "a key that nobody wrote, %zu bytes", name.size());

@@ -15,6 +15,8 @@ namespace Kestrun::Testing {
 // Keys that no script uses: the check writes to them.
 inline constexpr int kFirstCheckKey = kPlainKeys - 3;
 inline constexpr int kCheckRecordKey = kScriptKeys - 1;
+// Keys that begin so may be in a store without belonging to a script.
+inline constexpr char kOtherKeys[] = "other/";
 
 // What a loss of power at one moment may leave. Everything up to the last flush or clear that had returned is
 // promised; of what was begun since, anything may be there.

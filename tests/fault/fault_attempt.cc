@@ -1,0 +1,178 @@
+#include "tests/fault/fault_attempt.h"
+
+#include <cstdio>
+
+#include "tests/support/scripted_store.h"
+
+namespace Kestrun::Testing {
+namespace {
+
+using Kind = Step::Kind;
+
+constexpr uint32_t kWalSize = 2048;
+constexpr int kNumbersAfterwards = 500;
+
+void Insert(Script* script, int first, int last, uint32_t size) {
+  for (int key = first; key <= last; ++key) {
+    script->push_back({Kind::Insert, key, 0, size + static_cast<uint32_t>(key) % 7 * 4});
+  }
+}
+
+void Read(Script* script) {
+  for (const int key : {1, 3, 5, kPlainKeys, kFirstRecordKey, kFirstRecordKey + 1}) {
+    script->push_back({Kind::Get, key});
+    script->push_back({Kind::Contains, key});
+  }
+  script->push_back({Kind::Scan});
+}
+
+Script FaultWorkload() {
+  Script script = {{Kind::Open, 0, 0, kWalSize}};
+  Insert(&script, 0, 8, 40);
+  script.push_back({Kind::Append, kFirstRecordKey, 0, 30});
+  Insert(&script, kPlainKeys, kPlainKeys, 60);
+  script.push_back({Kind::Insert, 3, 0, 900});
+  script.push_back({Kind::Insert, 4, 0, 500});  // flushes
+  script.push_back({Kind::Delete, 0});
+  Read(&script);
+  script.push_back({Kind::CreateType, 0, 1});
+  script.push_back({Kind::Append, kFirstRecordKey + 1, 1, 24});
+  script.push_back({Kind::Flush});
+  script.push_back({Kind::DeleteRange, 5, 8});
+  script.push_back({Kind::Flush});
+  Insert(&script, 5, 6, 30);
+  script.push_back({Kind::Flush});
+  Insert(&script, 1, 1, 35);
+  script.push_back({Kind::Close});
+  script.push_back({Kind::Open, 0, 0, kWalSize});
+  Read(&script);
+  script.push_back({Kind::Compact});
+  Insert(&script, 9, 10, 28);
+  script.push_back({Kind::Append, kFirstRecordKey + 2, 2, 18});
+  Read(&script);
+  script.push_back({Kind::Flush});
+  script.push_back({Kind::Delete, 3});
+  script.push_back({Kind::Clear});
+  Insert(&script, 2, 3, 40);
+  script.push_back({Kind::Append, kFirstRecordKey + 3, 1, 20});
+  script.push_back({Kind::Flush});
+  Insert(&script, 3, 5, 40);
+  Read(&script);
+  script.push_back({Kind::Close});
+  script.push_back({Kind::Open, 0, 0, kWalSize});
+  Insert(&script, 11, 12, 33);
+  return script;
+}
+
+Script AfterwardsScript() {
+  Script script;
+  for (int round = 0; round < 4; ++round) {
+    script.push_back({Kind::Insert, 12 + round, 0, 50});
+    script.push_back({Kind::Append, kFirstRecordKey + round, 3 + round % 2, 20});
+    script.push_back({Kind::Flush});
+  }
+  script.push_back({Kind::Compact});
+  script.push_back({Kind::Insert, 2, 0, 50});
+  return script;
+}
+
+class Attempt {
+ public:
+  Attempt(const std::string& directory, bool mustSucceed, FaultReport* report)
+      : store_(directory), mustSucceed_(mustSucceed), report_(report) {
+    store_.SetCallHook(&ArmFaults);
+  }
+
+  bool Run(const Script& script) {
+    int number = 0;
+    for (const Step& step : script) {
+      if (!Take(number++, step)) return false;
+    }
+    return true;
+  }
+
+  // The failures are over.
+  bool RunAfterwards() {
+    for (size_t i = 0; i < kFaults; ++i) report_->calls[i] = FaultCalls(static_cast<Fault>(i));
+    SetFaultPlan({});
+    if (!store_.IsOpen() && !Take(kNumbersAfterwards - 1, {Kind::Open, 0, 0, kWalSize})) return false;
+    if (!Verify("afterwards")) return false;
+    int number = kNumbersAfterwards;
+    for (const Step& step : AfterwardsScript()) {
+      if (!Take(number++, step)) return false;
+    }
+    if (!Verify("at the end")) return false;
+    for (int key = 0; key < kScriptKeys; ++key) {
+      for (int value = kAbsent; value < number; ++value) {
+        if (model_.Allows(key, value)) report_->progress.settled[key] = value;
+      }
+    }
+    return true;
+  }
+
+ private:
+  bool Fail(const std::string& message) {
+    std::snprintf(report_->message, sizeof(report_->message), "%s", message.c_str());
+    return false;
+  }
+
+  bool Verify(const std::string& when) {
+    const std::string wrong = store_.Verify(&model_);
+    return wrong.empty() || Fail(when + " " + wrong);
+  }
+
+  bool Take(int number, const Step& step) {
+    const long before = FaultHits();
+    const ScriptedStore::Result result = store_.Run(number, step);
+    const bool hit = FaultHits() != before;
+    report_->hits += FaultHits() - before;
+    if (!result.ran) return true;
+    ++report_->steps;
+    if (result.status != 0) {
+      ++report_->refused;
+      if (!hit || mustSucceed_ || !IsExpectedFailure(step.kind, result.status)) {
+        return Fail(Describe(number, step) + " gives " + std::to_string(result.status));
+      }
+    }
+    // A range's deletion succeeds whatever becomes of the keys.
+    const bool certain = result.status == 0 && !(hit && !mustSucceed_ && step.kind == Kind::DeleteRange);
+    model_.Apply(number, step, certain ? StoreModel::Outcome::Done : StoreModel::Outcome::Unknown);
+    return Compare(number, step, result, hit);
+  }
+
+  // What was read must be possible, however little the system does; what can't be found out counts as there.
+  bool Compare(int number, const Step& step, const ScriptedStore::Result& result, bool hit) {
+    if (step.kind == Kind::Get && result.status == 0) {
+      if (!model_.Allows(step.key, result.found)) {
+        return Fail(Describe(number, step) + " finds " + std::to_string(result.found) + " where " +
+                    model_.Expected(step.key) + " was expected");
+      }
+      model_.Settle(step.key, result.found);
+    }
+    if (step.kind == Kind::Contains) {
+      const bool possible =
+          result.contains ? hit || !model_.MustBeAbsent(step.key) : !model_.MustBePresent(step.key);
+      if (!possible) return Fail(Describe(number, step) + " is wrong");
+    }
+    return true;
+  }
+
+  ScriptedStore store_;
+  StoreModel model_;
+  const bool mustSucceed_;
+  FaultReport* const report_;
+};
+
+}  // namespace
+
+int RunFaultAttempt(const std::string& directory, const FaultPlan& plan, bool mustSucceed,
+                    FaultReport* report) {
+  static char buffer[1 << 16];
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
+  std::setvbuf(stdout, buffer, _IOFBF, sizeof(buffer));
+  SetFaultPlan(plan);
+  Attempt attempt(directory, mustSucceed, report);
+  return attempt.Run(FaultWorkload()) && attempt.RunAfterwards() ? 0 : 1;
+}
+
+}  // namespace Kestrun::Testing

@@ -1,0 +1,26 @@
+// One run of a workload during which a system call or an allocation fails, and what is found afterwards.
+#pragma once
+
+#include <string>
+
+#include "tests/fault/fault_injection.h"
+#include "tests/process/kill_workload.h"
+
+namespace Kestrun::Testing {
+
+struct FaultReport {
+  KillProgress progress;  // what the processes afterwards start from
+  long calls[kFaults];    // how often each call was made by the workload
+  long hits;              // calls that failed or did only a part
+  int refused;            // steps that gave a status
+  int steps;
+  char message[1000];
+};
+
+// Runs the workload in the fresh directory. Every step must give success or a status that is documented for
+// it, reads that succeed must be right, and with `mustSucceed` nothing may fail at all. Afterwards, without
+// failures, the same process must find everything, and write, flush and compact. 0, or 1 with a message.
+int RunFaultAttempt(const std::string& directory, const FaultPlan& plan, bool mustSucceed,
+                    FaultReport* report);
+
+}  // namespace Kestrun::Testing

@@ -1,0 +1,59 @@
+// System calls and allocations that fail when a test wants them to.
+//
+// A program that links fault_injection has its calls of the functions behind each Fault arrive here first.
+// They are counted and made to fail only while a plan is armed; everything else passes through. stdio's own
+// calls and those inside the C library do not come by.
+//
+// Threads: one thread while a plan is armed.
+#pragma once
+
+#include <array>
+#include <climits>
+#include <cstddef>
+
+namespace Kestrun::Testing {
+
+enum class Fault {
+  Open,       // open
+  Read,       // read
+  PRead,      // pread
+  PWrite,     // write and pwrite
+  Sync,       // fsync
+  Map,        // mmap
+  Truncate,   // ftruncate
+  Reserve,    // fallocate
+  Lock,       // fcntl
+  MakeDir,    // mkdir
+  OpenDir,    // opendir
+  Link,       // linkat
+  Unlink,     // unlink, remove
+  Access,     // access
+  Stat,       // fstat, stat
+  Seek,       // lseek
+  SyncMap,    // msync
+  LockWhole,  // flock
+  Allocate,   // malloc and its kin, and thereby operator new
+};
+inline constexpr size_t kFaults = 19;
+
+const char* FaultName(Fault fault);
+
+struct FaultPlan {
+  Fault fault = Fault::Open;
+  long first = LONG_MAX;  // the number of the first call that fails, counted from 1
+  long last = LONG_MAX;
+  // Reads and writes: only half of the bytes are moved, and nothing fails. Other calls pass through.
+  bool halves = false;
+  // Where halves is set: the calls behind the first one do fail.
+  bool failsBehind = false;
+  int error = 0;
+};
+
+// Replaces the plan and counts anew. Nothing is counted before Arm(true).
+void SetFaultPlan(const FaultPlan& plan);
+void ArmFaults(bool armed);
+// Calls that were made while armed, and how many of them did not do all that they were to do.
+long FaultCalls(Fault fault);
+long FaultHits();
+
+}  // namespace Kestrun::Testing

@@ -1,0 +1,277 @@
+// Makes every call of the system and every allocation that the library asks for fail once, and from then on,
+// with the errors that it may meet, and looks whether each operation gives a status and is either done or
+// not, and whether the store is whole and goes on working afterwards.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "tests/fault/fault_attempt.h"
+#include "tests/support/child_process.h"
+#include "tests/support/random_run.h"
+#include "tests/support/scratch_directory.h"
+
+namespace Kestrun::Testing {
+namespace {
+
+constexpr int kWorkers = 2;
+constexpr unsigned int kAttemptSeconds = 60;  // an attempt takes milliseconds, unless it never ends
+
+enum class Span {
+  Once,
+  Thrice,  // less often than a lock is tried
+  FromThenOn,
+};
+
+struct FaultCase {
+  Fault fault;
+  int error;
+  Span span;
+  bool mustSucceed = false;
+  bool halves = false;
+  bool failsBehind = false;
+};
+
+constexpr bool kMustSucceed = true;
+constexpr bool kHalves = true;
+
+const FaultCase kSystemCalls[] = {
+    {Fault::Open, EIO, Span::Once},
+    {Fault::Open, EMFILE, Span::Once},
+    {Fault::Open, EMFILE, Span::FromThenOn},
+    {Fault::Open, ENOSPC, Span::FromThenOn},
+    {Fault::Open, EINTR, Span::Thrice},
+    {Fault::Read, EIO, Span::Once},
+    {Fault::Read, EIO, Span::FromThenOn},
+    {Fault::Read, EINTR, Span::Thrice, kMustSucceed},
+    {Fault::Read, 0, Span::FromThenOn, kMustSucceed, kHalves},
+    {Fault::PRead, EIO, Span::Once},
+    {Fault::PRead, EIO, Span::FromThenOn},
+    {Fault::PRead, EINTR, Span::Thrice, kMustSucceed},
+    {Fault::PRead, 0, Span::FromThenOn, kMustSucceed, kHalves},
+    {Fault::PRead, EIO, Span::FromThenOn, false, kHalves, true},
+    {Fault::PWrite, EIO, Span::Once},
+    {Fault::PWrite, EIO, Span::FromThenOn},
+    {Fault::PWrite, ENOSPC, Span::Once},
+    {Fault::PWrite, ENOSPC, Span::FromThenOn},
+    {Fault::PWrite, EINTR, Span::Thrice, kMustSucceed},
+    {Fault::PWrite, 0, Span::FromThenOn, kMustSucceed, kHalves},
+    {Fault::PWrite, ENOSPC, Span::FromThenOn, false, kHalves, true},
+    {Fault::Sync, EIO, Span::Once},
+    {Fault::Sync, EIO, Span::FromThenOn},
+    {Fault::Sync, ENOSPC, Span::Once},
+    {Fault::Sync, EINTR, Span::Once},
+    {Fault::Map, ENOMEM, Span::Once},
+    {Fault::Map, ENOMEM, Span::FromThenOn},
+    {Fault::Truncate, EIO, Span::Once},
+    {Fault::Truncate, ENOSPC, Span::FromThenOn},
+    {Fault::Truncate, EINTR, Span::Once},
+    {Fault::Reserve, ENOSPC, Span::Once},
+    {Fault::Reserve, ENOSPC, Span::FromThenOn},
+    {Fault::Reserve, EIO, Span::Once},
+    {Fault::Reserve, EINTR, Span::Thrice, kMustSucceed},
+    {Fault::Reserve, EOPNOTSUPP, Span::FromThenOn, kMustSucceed},
+    {Fault::Lock, EIO, Span::Once, kMustSucceed},
+    {Fault::Lock, ENOLCK, Span::FromThenOn},
+    {Fault::Lock, EINTR, Span::Thrice, kMustSucceed},
+    {Fault::MakeDir, EACCES, Span::Once},
+    {Fault::MakeDir, ENOSPC, Span::FromThenOn},
+    {Fault::OpenDir, EMFILE, Span::Once},
+    {Fault::OpenDir, EMFILE, Span::FromThenOn},
+    {Fault::Link, EPERM, Span::FromThenOn},
+    {Fault::Link, ENOSPC, Span::Once},
+    {Fault::Unlink, EIO, Span::Once},
+    {Fault::Unlink, EIO, Span::FromThenOn},
+    {Fault::Access, EIO, Span::Once},
+    {Fault::Access, EIO, Span::FromThenOn},
+    {Fault::Stat, EIO, Span::Once},
+    {Fault::Stat, EIO, Span::FromThenOn},
+    {Fault::Seek, EIO, Span::Once},
+    {Fault::Seek, EIO, Span::FromThenOn},
+    {Fault::SyncMap, EIO, Span::Once},
+    {Fault::SyncMap, EIO, Span::FromThenOn},
+    {Fault::LockWhole, EINTR, Span::FromThenOn},
+};
+
+const FaultCase kAllocations[] = {
+    {Fault::Allocate, ENOMEM, Span::Once},
+    {Fault::Allocate, ENOMEM, Span::FromThenOn},
+};
+
+FaultPlan PlanFor(const FaultCase& faultCase, long number) {
+  FaultPlan plan;
+  plan.fault = faultCase.fault;
+  plan.error = faultCase.error;
+  plan.halves = faultCase.halves;
+  plan.failsBehind = faultCase.failsBehind;
+  plan.first = number;
+  plan.last =
+      faultCase.span == Span::FromThenOn ? LONG_MAX : number + (faultCase.span == Span::Thrice ? 2 : 0);
+  return plan;
+}
+
+std::string Describe(const FaultCase& faultCase, long number) {
+  std::string text = std::string(FaultName(faultCase.fault)) + " number " + std::to_string(number);
+  if (faultCase.span == Span::FromThenOn) text += " and all behind it";
+  if (faultCase.span == Span::Thrice) text += " and the next two";
+  if (faultCase.halves) text += " moves half of its bytes";
+  if (faultCase.error != 0)
+    text += std::string(faultCase.halves ? ", then " : " fails: ") + strerror(faultCase.error);
+  return text;
+}
+
+struct SweepReport {
+  long attempts = 0;
+  long hits = 0;
+  long steps = 0;
+  long refused = 0;
+  int failures = 0;
+  char message[8000] = {};
+};
+
+template <typename T>
+T* Shared() {
+  void* memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) std::abort();
+  return new (memory) T();
+}
+
+// One of the processes that share out the attempts.
+class Worker {
+ public:
+  Worker(const std::string& directory, SweepReport* report) : directory_(directory), report_(report) {}
+
+  // False when there are fewer calls than that.
+  bool Try(const FaultCase& faultCase, long number) {
+    std::filesystem::remove_all(directory_);
+    new (attempt_) FaultReport();
+    const FaultPlan plan = PlanFor(faultCase, number);
+    ChildProcess process([&](ChildLink&) {
+      alarm(kAttemptSeconds);
+      return RunFaultAttempt(directory_, plan, faultCase.mustSucceed, attempt_);
+    });
+    const int status = process.Wait();
+    if (status > 1) Fail(faultCase, number, "the process ends with " + std::to_string(status));
+    if (status == 1) Fail(faultCase, number, attempt_->message);
+    if (attempt_->hits == 0) return false;
+    ++report_->attempts;
+    report_->hits += attempt_->hits;
+    report_->steps += attempt_->steps;
+    report_->refused += attempt_->refused;
+    if (status == 0) GoOn(faultCase, number);
+    return true;
+  }
+
+ private:
+  // In processes of their own.
+  void GoOn(const FaultCase& faultCase, long number) {
+    for (int generation = 2; generation <= 3; ++generation) {
+      ChildProcess process([&](ChildLink&) {
+        alarm(kAttemptSeconds);
+        return RunGeneration(generation, directory_, &attempt_->progress);
+      });
+      const int status = process.Wait();
+      if (status == 0) continue;
+      Fail(faultCase, number,
+           status == 1 ? attempt_->progress.message : "the next process ends with " + std::to_string(status));
+      return;
+    }
+  }
+
+  void Fail(const FaultCase& faultCase, long number, const std::string& message) {
+    ++report_->failures;
+    const size_t used = std::strlen(report_->message);
+    std::snprintf(report_->message + used, sizeof(report_->message) - used, "%s: %s\n",
+                  Describe(faultCase, number).c_str(), message.c_str());
+  }
+
+  const std::string directory_;
+  SweepReport* const report_;
+  FaultReport* const attempt_ = Shared<FaultReport>();
+};
+
+// The attempts at one case: all of them, or at most so many, spread over the whole workload.
+void TryAll(Worker& worker, const FaultCase& faultCase, long calls, long most) {
+  const long stride = std::max(1L, (calls + most - 1) / most);
+  for (long number = 1; number <= calls; number += stride) {
+    if (!worker.Try(faultCase, number)) return;
+  }
+}
+
+// A run in which nothing fails; it tells how often each call is made.
+const FaultReport& RunWithoutFaults(const std::string& directory) {
+  FaultReport* report = Shared<FaultReport>();
+  ChildProcess process([&](ChildLink&) { return RunFaultAttempt(directory, {}, true, report); });
+  EXPECT_EQ(process.Wait(), 0) << report->message;
+  return *report;
+}
+
+class FaultSweep : public testing::Test {
+ protected:
+  static ScratchDirectory ScratchInMemory() {
+    if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 0);
+    return ScratchDirectory();
+  }
+
+  template <size_t kCount>
+  void Sweep(const char* what, const FaultCase (&cases)[kCount], long most) {
+    const auto begun = std::chrono::steady_clock::now();
+    const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"));
+    auto* next = Shared<std::atomic<size_t>>();
+    std::array<SweepReport*, kWorkers> reports;
+    std::vector<std::unique_ptr<ChildProcess>> workers;
+    for (size_t i = 0; i < kWorkers; ++i) {
+      reports[i] = Shared<SweepReport>();
+      workers.push_back(std::make_unique<ChildProcess>([&, i](ChildLink&) {
+        Worker worker(scratch_.PathOf("store-" + std::to_string(i)), reports[i]);
+        for (size_t at = (*next)++; at < kCount; at = (*next)++) {
+          TryAll(worker, cases[at], whole.calls[static_cast<size_t>(cases[at].fault)], most);
+        }
+        return 0;
+      }));
+    }
+    SweepReport sum;
+    for (size_t i = 0; i < kWorkers; ++i) {
+      EXPECT_EQ(workers[i]->Wait(), 0);
+      EXPECT_EQ(reports[i]->failures, 0) << reports[i]->message;
+      sum.attempts += reports[i]->attempts;
+      sum.hits += reports[i]->hits;
+      sum.steps += reports[i]->steps;
+      sum.refused += reports[i]->refused;
+      sum.failures += reports[i]->failures;
+    }
+    std::printf(
+        "%s: %ld runs with %ld failed calls in %zu ways, %ld operations, %ld of them refused with a status, "
+        "%ld generations of processes after, %d losses, %.1f s\n",
+        what, sum.attempts, sum.hits, kCount, sum.steps, sum.refused, 2 * sum.attempts, sum.failures,
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
+    EXPECT_GT(sum.refused, 0);
+  }
+
+  const ScratchDirectory scratch_ = ScratchInMemory();
+};
+
+TEST_F(FaultSweep, AFailedSystemCallGivesAStatusAndLeavesTheStoreWhole) {
+  Sweep("failure sweep over system calls", kSystemCalls, static_cast<long>(TestSize(25, LONG_MAX / 2)));
+}
+
+TEST_F(FaultSweep, AFailedAllocationGivesAStatusAndLeavesTheStoreWhole) {
+  Sweep("failure sweep over allocations", kAllocations, static_cast<long>(TestSize(150, LONG_MAX / 2)));
+}
+
+}  // namespace
+}  // namespace Kestrun::Testing
