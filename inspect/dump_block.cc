@@ -1,3 +1,4 @@
+#include <cstring>
 #include <functional>
 
 #include "inspect/block_file.h"
@@ -21,7 +22,8 @@ void DumpSectionHeader(const SectionView& section, const std::string& title, Fie
   const SectionHeader& header = section.header;
   writer->Part(title);
   writer->Field(2, "type", std::to_string(header.type));
-  writer->Field(sizeof(header.name), "name", Printable({header.name, sizeof(header.name)}));
+  writer->Field(sizeof(header.name), "name",
+                Printable({header.name, strnlen(header.name, sizeof(header.name))}));
   writer->Field(2, "zero", std::to_string(header.zero));
   writer->Field(4, "size", std::to_string(header.size));
   writer->Field(4, "checksum",

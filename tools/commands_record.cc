@@ -115,7 +115,7 @@ int Show(const RecordOptions& options) {
   const std::string_view bytes = value.Bytes();
   if (bytes.size() <= kRecordIdSize) {
     throw StoreFailure(kStatusRecordTypeUnknown,
-                       "the value has " + std::to_string(bytes.size()) + " bytes, too few for a record");
+                       "the value is too short for a record, " + std::to_string(bytes.size()) + " of 3 bytes or more");
   }
   const auto id =
       static_cast<uint16_t>(static_cast<unsigned char>(bytes[0]) | static_cast<unsigned char>(bytes[1]) << 8);
