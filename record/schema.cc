@@ -111,6 +111,8 @@ RecordMeta* Schema::GetOrCreateRecordMeta(const std::string& text) {
 
   // The shared level, although a line may be written, and whether or not it is obtained: so do all others.
   const FileLockGuard lock(file_, LockLevel::Shared);
+  // A line that an earlier call could not force to the disk is still in the file and would now be found.
+  if (isUnsynced_ && !ForceToDisk()) return nullptr;
   IgnoreStatus(Load());  // Create reads again and does not go on without
   if (RecordMeta* known = metasByText_.Find(text)) return known;
   return Create(text);
@@ -121,7 +123,6 @@ RecordMeta* Schema::GetOrCreateRecordMeta(const std::string& text) {
 // may take long, and before the type is handed out: no record may be stored whose type can still be lost.
 RecordMeta* Schema::Create(const std::string& text) {
   RecordMeta* meta = nullptr;
-  bool first = false;
   {
     const CreationGuard creation(*file_);
     if (Read() != ReadResult::Complete) return nullptr;
@@ -130,10 +131,9 @@ RecordMeta* Schema::Create(const std::string& text) {
     const uint64_t id = uint64_t{metasByText_.Count()} + 1;
     meta = FindOrMakeRecordMeta(static_cast<uint16_t>(id), text);
     if (meta == nullptr) return nullptr;
-    if (!AppendLine(SchemaLine(id, text), &first)) return nullptr;
+    if (!AppendLine(SchemaLine(id, text))) return nullptr;
   }
-  if (file_->Sync() != 0) return nullptr;
-  if (first && !SyncDirectory(DirectoryOf(file_->Path()))) return nullptr;
+  if (!ForceToDisk()) return nullptr;
 
   metasByText_.Assign(text, meta);
   metasById_.Assign(meta->id, meta);
@@ -141,14 +141,17 @@ RecordMeta* Schema::Create(const std::string& text) {
 }
 
 // Writes at the true end of the file: after a failed read or beside a process without the byte, any other
-// place might hold lines already. `*first` tells whether the file was empty.
-bool Schema::AppendLine(const std::string& line, bool* first) {
+// place might hold lines already.
+bool Schema::AppendLine(const std::string& line) {
   uint64_t end = 0;
   if (file_->Size(&end) != 0) return false;
-  *first = end == 0;
 
   const ssize_t written = file_->PWriteFully(line.data(), line.size(), static_cast<int64_t>(end));
-  if (written == static_cast<ssize_t>(line.size())) return true;
+  if (written == static_cast<ssize_t>(line.size())) {
+    isUnsynced_ = true;
+    isNameUnsynced_ = isNameUnsynced_ || end == 0;
+    return true;
+  }
 
   // Half a line would swallow the next one. It goes, unless somebody has written behind it.
   uint64_t now = 0;
@@ -156,6 +159,15 @@ bool Schema::AppendLine(const std::string& line, bool* first) {
     IgnoreStatus(file_->Truncate(static_cast<int64_t>(end)));  // nothing is left to try
   }
   return false;
+}
+
+// With the first line the name of the file must last, too: whoever created it may not have got that far.
+bool Schema::ForceToDisk() {
+  if (file_->Sync() != 0) return false;
+  if (isNameUnsynced_ && !SyncDirectory(DirectoryOf(file_->Path()))) return false;
+  isUnsynced_ = false;
+  isNameUnsynced_ = false;
+  return true;
 }
 
 RecordMeta* Schema::FindRecordMeta(uint16_t id) {

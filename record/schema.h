@@ -41,7 +41,7 @@ class Schema {
   // The record type of `text`. When it is not known, not even after reading the file again, it is created:
   // its line is written and forced to the disk. Null when `text` is not a record type, when the file could
   // not be read to its end, and when the line could not be written (the file is as it was) or not be forced
-  // to the disk (the line stays: others may have seen it).
+  // to the disk (the line stays, since others may have seen it, and the next call tries once more).
   RecordMeta* GetOrCreateRecordMeta(const std::string& text);
 
   // The record type with the number `id`, after reading the file again when it is not known; or null.
@@ -58,11 +58,15 @@ class Schema {
 
   ReadResult Read();
   RecordMeta* Create(const std::string& text);
-  bool AppendLine(const std::string& line, bool* first);
+  bool AppendLine(const std::string& line);
+  bool ForceToDisk();
 
   std::shared_ptr<OsFile> file_;
   RecordMetaIndex<std::string> metasByText_;
   RecordMetaIndex<uint16_t> metasById_;
+  // Guarded by the file's mutex: a line, or the file's name with it, may not be on the disk yet.
+  bool isUnsynced_ = false;
+  bool isNameUnsynced_ = false;
 };
 
 }  // namespace Kestrun
