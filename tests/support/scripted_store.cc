@@ -2,7 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <initializer_list>
 
 #include "kestrun/status.h"
@@ -137,22 +137,39 @@ uint32_t ScriptedStore::Open(uint32_t walSize) {
   LSDBConfig config = {};
   config.walSize = walSize;
   LSDBImpl* engine = nullptr;
-  if (const uint32_t status = LSDBImpl::Open(path_, config, &engine); status != kStatusOk) return status;
+  if (const uint32_t status = Call([&] { return LSDBImpl::Open(path_, config, &engine); });
+      status != kStatusOk) {
+    return status;
+  }
   std::unique_ptr<LSDBImpl> opened(engine);
 
   SeriesConfig seriesConfig = {};
   seriesConfig.walSize = walSize;
   Series* series = nullptr;
-  if (const uint32_t status = Series::Open(path_, seriesConfig, &series); status != kStatusOk) return status;
+  if (const uint32_t status = Call([&] { return Series::Open(path_, seriesConfig, &series); });
+      status != kStatusOk) {
+    return status;
+  }
   engine_ = std::move(opened);
   series_.reset(series);
   return kStatusOk;
 }
 
+void ScriptedStore::Close() {
+  Call([this] {
+    series_.reset();
+    engine_.reset();
+    return 0;
+  });
+}
+
 uint32_t ScriptedStore::Append(int number, const Step& step) {
+  const Key key(ScriptKey(step.key));
   const std::string text = ValueOf(number, step.size);
-  return series_->AppendRecord(Key(ScriptKey(step.key)), kTtlSeconds, FormatOf(step.end).c_str(), number,
-                               text.c_str(), number / 2.0);
+  const std::string format = FormatOf(step.end);
+  return Call([&] {
+    return series_->AppendRecord(key, kTtlSeconds, format.c_str(), number, text.c_str(), number / 2.0);
+  });
 }
 
 // A deletion marker has no time to live: a second later a block that holds it answers as for any expired
@@ -160,17 +177,20 @@ uint32_t ScriptedStore::Append(int number, const Step& step) {
 uint32_t ScriptedStore::Find(int key, int* found) {
   const uint32_t status = Read(key, found);
   if (status != kStatusInvalid) return status;
+  const Key name(ScriptKey(key));
   DataEntry entry = {};
-  const uint32_t entryStatus = engine_->GetDataEntry(Key(ScriptKey(key)), entry);
-  if (entryStatus == kStatusOk && entry.deleted) *found = kAbsent;
-  return entry.deleted ? entryStatus : status;
+  const uint32_t entryStatus = Call([&] { return engine_->GetDataEntry(name, entry); });
+  if (entryStatus == kStatusOk && !entry.deleted) return status;
+  *found = kAbsent;
+  return entryStatus;
 }
 
 uint32_t ScriptedStore::Read(int key, int* found) {
   *found = kAbsent;
+  const Key name(ScriptKey(key));
   if (key >= kFirstRecordKey) {
     Record* record = nullptr;
-    const uint32_t status = series_->Get(Key(ScriptKey(key)), &record);
+    const uint32_t status = Call([&] { return series_->Get(name, &record); });
     const std::unique_ptr<Record> owner(record);
     if (status != kStatusOk || record == nullptr) return status;
     *found = NumberOf(record->GetValue("text").str);
@@ -181,7 +201,7 @@ uint32_t ScriptedStore::Read(int key, int* found) {
   }
   const void* value = nullptr;
   unsigned int size = 0;
-  const uint32_t status = engine_->Get(Key(ScriptKey(key)), &value, &size);
+  const uint32_t status = Call([&] { return engine_->Get(name, &value, &size); });
   if (status == kStatusOk && value != nullptr) {
     *found = NumberOf(std::string(static_cast<const char*>(value), size));
     std::free(const_cast<void*>(value));
@@ -202,32 +222,36 @@ ScriptedStore::Result ScriptedStore::Run(int number, const Step& step) {
   const Key key(ScriptKey(step.key));
   switch (step.kind) {
     case Step::Kind::Close:
-      series_.reset();
-      engine_.reset();
+      Close();
       break;
     case Step::Kind::Insert: {
       const std::string value = ValueOf(number, step.size);
-      result.status = engine_->Insert(key, kTtlSeconds, value.data(), step.size);
+      result.status = Call([&] { return engine_->Insert(key, kTtlSeconds, value.data(), step.size); });
       break;
     }
     case Step::Kind::Delete:
-      result.status = engine_->Delete(key);
+      result.status = Call([&] { return engine_->Delete(key); });
       break;
-    case Step::Kind::DeleteRange:
-      result.status = engine_->DeleteByRange(key, Key(ScriptKey(step.end)));
+    case Step::Kind::DeleteRange: {
+      const Key end(ScriptKey(step.end));
+      result.status = Call([&] { return engine_->DeleteByRange(key, end); });
       break;
+    }
     case Step::Kind::Flush:
-      result.status = engine_->ResetWal();
+      result.status = Call([&] { return engine_->ResetWal(); });
       break;
     case Step::Kind::Compact:
-      result.status = engine_->ForceCompact();
+      result.status = Call([&] { return engine_->ForceCompact(); });
       break;
     case Step::Kind::Clear:
-      result.status = engine_->Clear();
+      result.status = Call([&] { return engine_->Clear(); });
       break;
-    case Step::Kind::CreateType:
-      result.status = series_->CreateRecordMeta(FormatOf(step.end)) == nullptr ? kStatusNoMemory : kStatusOk;
+    case Step::Kind::CreateType: {
+      const std::string format = FormatOf(step.end);
+      const bool created = Call([&] { return series_->CreateRecordMeta(format) != nullptr; });
+      result.status = created ? kStatusOk : kStatusNoMemory;
       break;
+    }
     case Step::Kind::Append:
       result.status = Append(number, step);
       break;
@@ -235,11 +259,13 @@ ScriptedStore::Result ScriptedStore::Run(int number, const Step& step) {
       result.status = Find(step.key, &result.found);
       break;
     case Step::Kind::Contains:
-      result.contains = engine_->Contains(key);
+      result.contains = Call([&] { return engine_->Contains(key); });
       break;
-    case Step::Kind::Scan:
-      result.status = engine_->EnumerateKeys(Key::MinKey(), Key::MaxKey(), [](const Key&) { return false; });
+    case Step::Kind::Scan: {
+      const std::function<bool(const Key&)> visit = [](const Key&) { return false; };
+      result.status = Call([&] { return engine_->EnumerateKeys(Key::MinKey(), Key::MaxKey(), visit); });
       break;
+    }
     case Step::Kind::Open:
       break;
   }

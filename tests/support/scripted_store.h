@@ -90,6 +90,10 @@ class ScriptedStore {
  public:
   explicit ScriptedStore(std::string path) : path_(std::move(path)) {}
 
+  // Calls `hook(true)` right before every call of the library that a step makes, and `hook(false)` right after
+  // it. Nothing of this class is called or allocated between the two.
+  void SetCallHook(void (*hook)(bool inside)) { hook_ = hook; }
+
   bool IsOpen() const { return engine_ != nullptr; }
 
   struct Result {
@@ -105,12 +109,21 @@ class ScriptedStore {
   std::string Verify(StoreModel* model);
 
  private:
+  template <typename Body>
+  auto Call(Body body) {
+    if (hook_ != nullptr) hook_(true);
+    const auto result = body();
+    if (hook_ != nullptr) hook_(false);
+    return result;
+  }
   uint32_t Open(uint32_t walSize);
+  void Close();
   uint32_t Append(int number, const Step& step);
   uint32_t Find(int key, int* found);
   uint32_t Read(int key, int* found);
 
   std::string path_;
+  void (*hook_)(bool inside) = nullptr;
   std::unique_ptr<LSDBImpl> engine_;
   std::unique_ptr<Series> series_;
 };
