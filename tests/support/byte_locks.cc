@@ -18,25 +18,34 @@ struct flock LockOf(short type, int64_t start, int64_t length) {
   return lock;
 }
 
+// The lock with the lowest bytes from `start` on. The system tells of any one of several.
+bool FindFirstLock(int descriptor, int64_t start, struct flock* first) {
+  bool found = false;
+  for (int64_t length = 0;;) {  // at first up to the end of what can be locked
+    struct flock lock = LockOf(F_WRLCK, start, length);
+    const bool looked = fcntl(descriptor, F_GETLK, &lock) == 0;
+    EXPECT_TRUE(looked);
+    if (!looked || lock.l_type == F_UNLCK) return found;
+    *first = lock;
+    found = true;
+    length = lock.l_start - start;
+    if (length <= 0) return true;
+  }
+}
+
 }  // namespace
 
 std::string LocksOfOthers(const std::string& path) {
   const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
   if (descriptor < 0) return "can't open the file";
   std::string text;
-  for (int64_t start = 0;;) {
-    struct flock lock = LockOf(F_WRLCK, start, 0);  // up to the end of what can be locked
-    if (fcntl(descriptor, F_GETLK, &lock) != 0) {
-      text = "can't look";
-      break;
-    }
-    if (lock.l_type == F_UNLCK) break;
+  struct flock lock = {};
+  for (int64_t start = 0; FindFirstLock(descriptor, start, &lock); start = lock.l_start + lock.l_len) {
     char one[64];
     std::snprintf(one, sizeof(one), "%s%s %llx+%llx", text.empty() ? "" : ", ",
                   lock.l_type == F_RDLCK ? "read" : "write", static_cast<unsigned long long>(lock.l_start),
                   static_cast<unsigned long long>(lock.l_len));
     text += one;
-    start = lock.l_start + lock.l_len;
   }
   close(descriptor);
   return text;

@@ -1,0 +1,215 @@
+// What lands in the middle of a compaction, between the list of blocks that it begins with and the one that
+// it leaves behind. The merge reads the clock when it begins: there the test steps in.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tests/engine/store_fixture.h"
+#include "tests/support/captured_stdout.h"
+#include "tests/support/child_process.h"
+#include "tests/support/forged_clock.h"
+
+namespace Kestrun::Testing {
+namespace {
+
+class CompactRaceTest : public StoreTest {
+ protected:
+  void MakeStore() {
+    engine_ = Open();
+    MakeBlocks(*engine_, 4);
+  }
+
+  // Compacts, and does `meanwhile` when the list of the blocks has been taken and nothing is locked.
+  uint32_t CompactWhile(const std::function<void()>& meanwhile) {
+    if (engine_ == nullptr) MakeStore();
+    const Strings before = BlockFiles();
+    bool done = false;
+    clock_.OnReading([&](int) {
+      // The file that is to be written has its name by then.
+      if (done || BlockFiles() == before) return;
+      done = true;
+      meanwhile();
+    });
+    const uint32_t status = engine_->ForceCompact();
+    clock_.OnReading(nullptr);
+    EXPECT_TRUE(done);
+    return status;
+  }
+  // The same in another process, which has had the store open since before the compaction.
+  uint32_t CompactWhileAnotherProcess(const std::function<void(LSDBImpl&)>& act) {
+    ChildProcess other([&](ChildLink& parent) {
+      parent.Await();
+      const std::unique_ptr<LSDBImpl> engine = Open();
+      Value(*engine, "key0");
+      parent.Signal();
+      parent.Await();
+      act(*engine);
+      parent.Signal();
+      parent.Await();
+      return HasFailure() ? 1 : 0;
+    });
+    MakeStore();
+    other.Signal();
+    other.Await();
+    const uint32_t status = CompactWhile([&other] {
+      other.Signal();
+      other.Await();
+    });
+    other.Signal();
+    EXPECT_EQ(other.Wait(), 0);
+    return status;
+  }
+
+  void ExpectTheFourBlocks(LSDBImpl& engine) {
+    for (int i = 0; i < 4; ++i) {
+      EXPECT_EQ(Value(engine, "key" + std::to_string(i)), "value" + std::to_string(i));
+    }
+  }
+  // In this process, which knows what happened, and in one that finds what is on the disk.
+  void ExpectEverywhere(const std::function<void(LSDBImpl&)>& expectations) {
+    expectations(*engine_);
+    ChildProcess later([&](ChildLink&) {
+      expectations(*Open());
+      return HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(later.Wait(), 0);
+  }
+
+  ForgedClock clock_;
+  std::unique_ptr<LSDBImpl> engine_;
+};
+
+TEST_F(CompactRaceTest, ABlockFlushedMeanwhileByTheSameProcessStaysBehindTheMergedOne) {
+  EXPECT_EQ(CompactWhile([this] {
+              MakeBlock(*engine_, {{"flushed", "meanwhile"}, {"shared", "newest"}});
+            }),
+            kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 2u);
+  EXPECT_EQ(BlockFiles().size(), 2u);
+  ExpectEverywhere([this](LSDBImpl& engine) {
+    ExpectTheFourBlocks(engine);
+    EXPECT_EQ(Value(engine, "flushed"), "meanwhile");
+    EXPECT_EQ(Value(engine, "shared"), "newest") << "the later block is the newer one";
+  });
+}
+
+TEST_F(CompactRaceTest, BlocksFlushedMeanwhileByAnotherThreadKeepTheirOrder) {
+  EXPECT_EQ(CompactWhile([this] {
+              std::thread other([this] {
+                MakeBlock(*engine_, {{"a", "first"}, {"b", "first"}});
+                MakeBlock(*engine_, {{"b", "second"}});
+              });
+              other.join();
+            }),
+            kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 3u);
+  ExpectEverywhere([this](LSDBImpl& engine) {
+    ExpectTheFourBlocks(engine);
+    EXPECT_EQ(Value(engine, "a"), "first");
+    EXPECT_EQ(Value(engine, "b"), "second");
+  });
+}
+
+TEST_F(CompactRaceTest, ABlockFlushedMeanwhileByAnotherProcessStays) {
+  EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
+              MakeBlock(engine, {{"flushed", "meanwhile"}, {"shared", "newest"}});
+            }),
+            kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 2u);
+  ExpectEverywhere([this](LSDBImpl& engine) {
+    ExpectTheFourBlocks(engine);
+    EXPECT_EQ(Value(engine, "flushed"), "meanwhile");
+    EXPECT_EQ(Value(engine, "shared"), "newest");
+  });
+}
+
+TEST_F(CompactRaceTest, AKeyDeletedAndFlushedMeanwhileStaysDeleted) {
+  EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
+              EXPECT_EQ(engine.Delete("key1"), kStatusOk);
+              Flush(engine);
+            }),
+            kStatusOk);
+  ExpectEverywhere([](LSDBImpl& engine) {
+    EXPECT_FALSE(engine.Contains("key1"));
+    EXPECT_EQ(Value(engine, "key2"), "value2");
+  });
+}
+
+TEST_F(CompactRaceTest, TheSecondOfTwoCompactionsGivesWay) {
+  const auto compact = [](LSDBImpl& engine) { EXPECT_EQ(engine.ForceCompact(), kStatusOk); };
+  EXPECT_EQ(CompactWhileAnotherProcess(compact), kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 1u);
+  EXPECT_EQ(BlockFiles(), ListedBlocks()) << "the file that is not needed is gone";
+  ExpectEverywhere([this](LSDBImpl& engine) { ExpectTheFourBlocks(engine); });
+
+  MakeBlocks(*engine_, 4);  // five with the merged one
+  EXPECT_EQ(CompactWhile([&] { compact(*engine_); }), kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 1u);
+  EXPECT_EQ(BlockFiles(), ListedBlocks());
+  ExpectEverywhere([this](LSDBImpl& engine) { ExpectTheFourBlocks(engine); });
+}
+
+TEST_F(CompactRaceTest, ACompactionAndAFlushMeanwhileAreBothKept) {
+  EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
+              EXPECT_EQ(engine.ForceCompact(), kStatusOk);
+              MakeBlock(engine, {{"flushed", "after it"}});
+            }),
+            kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 2u);
+  EXPECT_EQ(BlockFiles().size(), 2u);
+  ExpectEverywhere([this](LSDBImpl& engine) {
+    ExpectTheFourBlocks(engine);
+    EXPECT_EQ(Value(engine, "flushed"), "after it");
+  });
+}
+
+TEST_F(CompactRaceTest, WhatWasClearedMeanwhileByTheSameProcessStaysCleared) {
+  EXPECT_EQ(CompactWhile([this] { EXPECT_EQ(engine_->Clear(), kStatusOk); }), kStatusOk);
+  EXPECT_TRUE(ListedBlocks().empty());
+  EXPECT_TRUE(BlockFiles().empty());
+  ExpectEverywhere([](LSDBImpl& engine) { EXPECT_EQ(Keys(engine), Strings()); });
+  MakeBlock(*engine_, {{"new", "value"}});
+  ExpectEverywhere([](LSDBImpl& engine) { EXPECT_EQ(Keys(engine), Strings{"new"}); });
+}
+
+// Clearing leaves the generation alone, so the list alone does not tell. This process may go on using its own
+// list, as without a compaction, but nothing comes back on the disk.
+TEST_F(CompactRaceTest, WhatWasClearedMeanwhileByAnotherProcessStaysCleared) {
+  EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) { EXPECT_EQ(engine.Clear(), kStatusOk); }),
+            kStatusOk);
+  EXPECT_TRUE(ListedBlocks().empty());
+  EXPECT_TRUE(BlockFiles().empty());
+  engine_.reset();
+  engine_ = Open();
+  ExpectEverywhere([](LSDBImpl& engine) { EXPECT_EQ(Keys(engine), Strings()); });
+}
+
+TEST_F(CompactRaceTest, WhatWasWrittenAfterAClearMeanwhileStays) {
+  EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
+              EXPECT_EQ(engine.Clear(), kStatusOk);
+              MakeBlock(engine, {{"new", "value"}});
+              EXPECT_EQ(Insert(engine, "in the log", "value"), kStatusOk);
+            }),
+            kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 1u);
+  EXPECT_EQ(BlockFiles(), ListedBlocks());
+  ExpectEverywhere([](LSDBImpl& engine) { EXPECT_EQ(Keys(engine), (Strings{"new", "in the log"})); });
+}
+
+TEST_F(CompactRaceTest, WritesAndReadsMeanwhileGoOn) {
+  EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
+              EXPECT_EQ(Insert(engine, "key0", "overwritten"), kStatusOk);
+              EXPECT_EQ(engine.Delete("key1"), kStatusOk);
+              EXPECT_EQ(Value(engine, "key2"), "value2");
+            }),
+            kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 1u);
+  ExpectEverywhere([](LSDBImpl& engine) {
+    EXPECT_EQ(Value(engine, "key0"), "overwritten");
+    EXPECT_FALSE(engine.Contains("key1"));
+    EXPECT_EQ(Value(engine, "key2"), "value2");
+  });
+}
+
+}  // namespace
+}  // namespace Kestrun::Testing

@@ -1,0 +1,167 @@
+// In which order files reach the disk, and what happens when they don't. The functions below take the place
+// of the C library's in this program.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "tests/engine/store_fixture.h"
+#include "tests/support/captured_stdout.h"
+
+namespace {
+
+std::vector<std::string> calls;
+int failingSync = 0;  // the number of the fsync that fails, or 0
+int syncs = 0;
+bool directoryAppears = false;
+
+// "block", "manifest" and so on for a path of the store.
+std::string Kind(const std::string& path) {
+  const std::string name = path.substr(path.rfind('/') + 1);
+  if (name.find(".blk_v5") != std::string::npos) return "block";
+  return name == "store" ? "directory" : name;
+}
+
+}  // namespace
+
+extern "C" int fsync(int descriptor) {
+  char path[4096] = {};
+  const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+  if (readlink(link.c_str(), path, sizeof(path) - 1) > 0) calls.push_back("sync " + Kind(path));
+  if (++syncs == failingSync) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+extern "C" int remove(const char* path) noexcept {
+  calls.push_back("remove " + Kind(path));
+  return unlink(path);
+}
+
+// Another process makes the directory at the last moment.
+extern "C" int mkdir(const char* path, mode_t mode) noexcept {
+  const auto result = static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, path, mode));
+  return directoryAppears ? static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, path, mode)) : result;
+}
+
+namespace Kestrun::Testing {
+namespace {
+
+class DurabilityTest : public StoreTest {
+ protected:
+  ~DurabilityTest() override { FailSync(0); }
+
+  static void FailSync(int number) {
+    calls.clear();
+    syncs = 0;
+    failingSync = number;
+  }
+
+  std::unique_ptr<LSDBImpl> engine_ = Open();
+};
+
+TEST_F(DurabilityTest, ABlockAndItsNameAreOnTheDiskBeforeTheManifestNamesIt) {
+  ASSERT_EQ(Insert(*engine_, "key", "value"), kStatusOk);
+  FailSync(0);
+  ASSERT_EQ(engine_->ResetWal(), kStatusOk);
+  EXPECT_EQ(calls, (Strings{"sync block", "sync directory", "sync manifest_v5"}));
+}
+
+TEST_F(DurabilityTest, OldBlocksGoWhenTheListWithoutThemIsOnTheDisk) {
+  MakeBlocks(*engine_, 4);
+  FailSync(0);
+  ASSERT_EQ(engine_->ForceCompact(), kStatusOk);
+  ASSERT_EQ(calls.size() >= 7, true);
+  EXPECT_EQ(Strings(calls.begin(), calls.begin() + 2), (Strings{"sync block", "sync directory"}));
+  const auto manifest = std::find(calls.begin(), calls.end(), "sync manifest_v5");
+  ASSERT_NE(manifest, calls.end());
+  EXPECT_LT(manifest, std::find(calls.begin(), calls.end(), "remove block"));
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "remove block"), 4);
+}
+
+TEST_F(DurabilityTest, AFlushWhoseBlockDoesNotReachTheDiskIsUndone) {
+  ASSERT_EQ(Insert(*engine_, "key", "value"), kStatusOk);
+  const auto before = Contents();
+  for (const int number : {1, 2}) {
+    FailSync(number);
+    CapturedStdout output;
+    EXPECT_EQ(engine_->ResetWal(), kStatusSyncFailed);
+    EXPECT_EQ(output.Take(), "Failed to dump wal file");
+    EXPECT_TRUE(Contents() == before) << number;
+  }
+  FailSync(0);
+  EXPECT_EQ(engine_->ResetWal(), kStatusOk);
+  EXPECT_EQ(Value(*engine_, "key"), "value");
+}
+
+// The record is in the file and may yet reach the disk, so the block is used; the log keeps its entries.
+TEST_F(DurabilityTest, AFlushWhoseRecordDoesNotReachTheDiskKeepsTheLogAndTheBlock) {
+  ASSERT_EQ(Insert(*engine_, "key", "value"), kStatusOk);
+  const uint32_t used = LogUsed();
+  FailSync(3);
+  CapturedStdout output;
+  EXPECT_EQ(engine_->ResetWal(), kStatusSyncFailed);
+  EXPECT_EQ(output.Take(), "Failed to update manifest");
+  FailSync(0);
+  EXPECT_EQ(LogUsed(), used);
+  EXPECT_EQ(ListedBlocks(), BlockFiles());
+  EXPECT_NE(engine_->FindBlock("key"), nullptr);
+  EXPECT_EQ(Value(*engine_, "key"), "value");
+  EXPECT_EQ(engine_->ResetWal(), kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 2u);
+  EXPECT_EQ(Value(*Open(), "key"), "value");
+}
+
+// Wherever it happens: no source is deleted, and everything can be read.
+TEST_F(DurabilityTest, ACompactionWhoseDataDoesNotReachTheDiskDeletesNothing) {
+  MakeBlocks(*engine_, 4);
+  int number = 1;
+  for (;; ++number) {
+    const Strings before = BlockFiles();
+    FailSync(number);
+    CapturedStdout output;
+    const uint32_t status = engine_->ForceCompact();
+    const bool failed = syncs >= number;
+    FailSync(0);
+    output.Take();
+    const auto readable = [](LSDBImpl& engine) {
+      for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(Value(engine, "key" + std::to_string(i)), "value" + std::to_string(i));
+      }
+      EXPECT_EQ(Value(engine, "shared"), "3");
+    };
+    readable(*engine_);
+    readable(*Open());
+    if (!failed) {
+      EXPECT_EQ(status, kStatusOk);
+      break;
+    }
+    if (status != kStatusOk) {
+      EXPECT_EQ(status, kStatusSyncFailed) << number;
+      const Strings after = BlockFiles();
+      EXPECT_TRUE(std::includes(after.begin(), after.end(), before.begin(), before.end())) << number;
+    }
+    while (ListedBlocks().size() < 4) MakeBlocks(*engine_, 4);
+  }
+  EXPECT_GE(number, 5) << "block, directory, side file, directory and manifest at least";
+}
+
+TEST_F(DurabilityTest, ADirectoryThatAnotherProcessMakesAtTheSameMomentIsAsGood) {
+  path_ += " of two";
+  directoryAppears = true;
+  CapturedStdout output;
+  const std::unique_ptr<LSDBImpl> engine = Open();
+  directoryAppears = false;
+  EXPECT_EQ(output.Take(), "");
+  ASSERT_NE(engine, nullptr);
+  EXPECT_EQ(Insert(*engine, "key", "value"), kStatusOk);
+}
+
+}  // namespace
+}  // namespace Kestrun::Testing
