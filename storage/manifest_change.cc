@@ -109,7 +109,10 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
   }
 
   const std::string sidePath = ReplacementPath(file_->Path());
-  if (const uint32_t status = WriteReplacement(sidePath, replacement); status != kStatusOk) return status;
+  if (const uint32_t status = WriteReplacement(sidePath, replacement); status != kStatusOk) {
+    if (status == kStatusManifestWriteFailed) std::printf("Failed to write block entry");
+    return status;
+  }
   bool restored = false;
   if (const uint32_t status = WriteReplacing(replacement, old, &restored); status != kStatusOk) {
     // Where the old entries could not be put back either, the side file lets the next change finish this one.
