@@ -16,7 +16,7 @@ cd "$work/stores"
 
 # Without the flags of whoever builds for the other architecture.
 (unset CC CXX CFLAGS CXXFLAGS LDFLAGS CMAKE_TOOLCHAIN_FILE
-  cmake -S "$source" -B "$work/native" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKESTRUN_BUILD_TOOLS=OFF &&
+  cmake -S "$source" -B "$work/native" -G Ninja -DCMAKE_BUILD_TYPE= -DKESTRUN_BUILD_TOOLS=OFF &&
   cmake --build "$work/native" --target portable_store) >"$work/native.log" 2>&1 || { cat "$work/native.log"; exit 1; }
 here=("$work/native/tests/abi/portable_store")
 

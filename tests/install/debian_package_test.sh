@@ -34,8 +34,10 @@ expect "the file is named after package, version and architecture" test -f "$pac
 field() { dpkg-deb -f "$package" "$1"; }
 expect "the control file tells the same" bash -c "
   [ '$(field Package) $(field Version) $(field Architecture)' = 'kestrun2 $version $architecture' ]"
-expect "the dependencies are the C++ and C runtime and nothing else" bash -c "
-  tr ',' '\n' <<<'$(field Depends)' | sed 's/^ *//; s/ .*//' | sort | diff - <(printf '%s\n' libc6 libgcc-s1 libstdc++6)"
+# The program brings in the packages that it needs; the library has none but the runtime.
+if [ -x "$build/tools/kestrun" ]; then allowed='libc6|libgcc-s1|libstdc\+\+6|libcsv3'; else allowed='libc6|libgcc-s1|libstdc\+\+6'; fi
+expect "the dependencies are the C++ and C runtime and, for the program, a CSV parser" bash -c "
+  tr ',' '\n' <<<'$(field Depends)' | sed 's/^ *//; s/ .*//' | { ! grep -v -x -E '$allowed'; }"
 expect "the dynamic linker learns of the library" bash -c "
   dpkg-deb --ctrl-tarfile '$package' | tar -xO ./postinst | grep -q ldconfig &&
   [ \"\$(dpkg-deb --ctrl-tarfile '$package' | tar -xO ./shlibs)\" = 'libKestrun2 $major kestrun2 (>= $version)' ] ||
@@ -52,7 +54,10 @@ expect "a program builds against the package" bash -c "
 mkdir store
 expect "and runs" env LD_LIBRARY_PATH=root/usr/lib ./program store
 if [ -x "$build/tools/kestrun" ]; then
-  expect "the program is in the package and runs" root/usr/bin/kestrun --version
+  expect "the program is in the package and runs" bash -c "
+    [ \"\$(root/usr/bin/kestrun --version)\" = \"\$('$build/tools/kestrun' --version)\" ]"
+  expect "it finds the library beside itself" bash -c "
+    ldd root/usr/bin/kestrun | grep -q 'libKestrun2.*$work/root/usr/'"
   expect "its manual page is there" test -f root/usr/share/man/man1/kestrun.1
 fi
 
