@@ -50,13 +50,17 @@ uint32_t LSDBImpl::Compact() {
   }
 
   NewBlockFile file;
-  if (const uint32_t status = file.Claim(path_); status != kStatusOk) return status;
+  if (const uint32_t status = file.Claim(path_, manifest_->ForeignMoves() != 0); status != kStatusOk)
+    return status;
   Block* merged = nullptr;
   if (const uint32_t status = Block::WriteFromBlocks(file.Path(), sources, &merged); status != kStatusOk) {
     // Where others have compacted or cleared the store meanwhile, its files are gone for a good reason.
     const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
-    const bool overtaken = manifestLock.Status() == kStatusOk && !manifest_->StillLists(old);
-    return overtaken ? kStatusOk : status;
+    if (manifestLock.Status() != kStatusOk) {
+      std::printf("Failed lock manifest");
+      return manifestLock.Status();
+    }
+    return manifest_->StillLists(old) ? status : kStatusOk;
   }
   const std::shared_ptr<Block> block(merged);
   file.Keep();

@@ -32,7 +32,7 @@ uint32_t LSDBImpl::Flush(const std::function<uint32_t()>& lastStep) {
 
   NewBlockFile file;
   Block* written = nullptr;
-  uint32_t status = file.Claim(path_);
+  uint32_t status = file.Claim(path_, manifest_->ForeignMoves() != 0);
   if (status == kStatusOk) status = Block::WriteFromWal(file.Path(), *wal_, &written);
   if (status != kStatusOk) {
     std::printf("Failed to dump wal file");

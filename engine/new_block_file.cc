@@ -19,9 +19,10 @@ constexpr int kDraws = 1000;
 }  // namespace
 
 // Processes that start in the same second draw the same names.
-uint32_t NewBlockFile::Claim(const std::string& directory) {
+uint32_t NewBlockFile::Claim(const std::string& directory, bool shared) {
   for (int draw = 0; draw < kDraws; ++draw) {
     name_ = MakeBlockFileName();
+    if (shared) name_ = SetApart(name_);
     path_ = directory + "/" + name_ + kBlockFileSuffix;
     if (ClaimFileName(path_)) {
       kept_ = false;

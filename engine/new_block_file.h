@@ -15,9 +15,11 @@ class NewBlockFile {
   NewBlockFile(const NewBlockFile&) = delete;
   NewBlockFile& operator=(const NewBlockFile&) = delete;
 
-  // Draws a name that no file in the directory has, and claims it with an empty file. kStatusOpenFailed when
-  // the names drawn are all taken.
-  uint32_t Claim(const std::string& directory);
+  // Draws a name that no file in the directory has, and claims it with an empty file. Where the store is
+  // `shared` with other processes the name is also none that they come to later, when the file may be gone
+  // again: they may have it in their caches or be merging it. kStatusOpenFailed when the names drawn are all
+  // taken.
+  uint32_t Claim(const std::string& directory, bool shared);
 
   const std::string& Name() const { return name_; }
   const std::string& Path() const { return path_; }

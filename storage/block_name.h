@@ -10,4 +10,8 @@ namespace Kestrun {
 // makes a file of that name checks whether there is one. Safe from any thread as far as rand is.
 std::string MakeBlockFileName();
 
+// The name `drawn` with its last characters replaced by ones that no other process comes to: processes that
+// start in the same second draw the same names one after the other.
+std::string SetApart(std::string drawn);
+
 }  // namespace Kestrun
