@@ -1,0 +1,17 @@
+# Fails when a public header includes anything but the other public headers and the standard library.
+file(GLOB headers ${HEADERS}/kestrun/*.h)
+if(NOT headers)
+  message(FATAL_ERROR "no headers in ${HEADERS}/kestrun")
+endif()
+foreach(header ${headers})
+  file(STRINGS ${header} includes REGEX "^[ \t]*#[ \t]*include")
+  foreach(line ${includes})
+    if(line MATCHES "<[a-z0-9_]+>$")
+      continue()  # of the standard library: those of POSIX end in .h
+    endif()
+    if(line MATCHES "\"(kestrun/[a-z_]+\\.h)\"$" AND EXISTS ${HEADERS}/${CMAKE_MATCH_1})
+      continue()
+    endif()
+    message(SEND_ERROR "${header}: ${line}")
+  endforeach()
+endforeach()
