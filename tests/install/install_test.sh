@@ -106,6 +106,17 @@ if [ -e "$prefix/bin/kestrun" ]; then
   expect "the installed program finds the library beside itself" "$prefix/bin/kestrun" --version
   expect "the manual page is installed and without a flaw" bash -c "
     [ -z \"\$(groff -man -ww -z '$prefix/share/man/man1/kestrun.1' 2>&1)\" ]"
+  page=$(sed 's/\\-/-/g' "$prefix/share/man/man1/kestrun.1")
+  documented() {  # documented COMMAND: the page names the command and every option that its help names
+    local option
+    grep -q "kestrun $1 " <<<"$page" || { echo "the command $1 is missing"; return 1; }
+    for option in $("$prefix/bin/kestrun" "$1" --help | grep -o -E '^  +(-h,)?--[a-z-]+' | grep -o -E -- '--[a-z-]+'); do
+      grep -q -E -- "$option( |$|\\\\)" <<<"$page" || { echo "the option $option of $1 is missing"; return 1; }
+    done
+  }
+  commands=$("$prefix/bin/kestrun" --help | awk '/^Subcommands:/ { on = 1; next } /^$/ { on = 0 } on { print $1 }')
+  expect "the program has commands" test "$(wc -w <<<"$commands")" -ge 19
+  for command in $commands; do expect "the manual page has the command $command and its options" documented "$command"; done
 fi
 
 exit $((failures > 0))
