@@ -84,6 +84,8 @@ inline NameList Names(Manifest& manifest) {
 
 class ManifestTest : public testing::Test {
  protected:
+  explicit ManifestTest(ScratchDirectory::Place place = ScratchDirectory::Place::Disk) : directory_(place) {}
+
   std::string NewPath() { return directory_.PathOf("manifest_v5." + std::to_string(++files_)); }
   std::string Bytes() const { return ReadFile(path_); }
   std::string SidePath() const { return path_ + ".next"; }

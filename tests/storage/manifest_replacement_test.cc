@@ -17,7 +17,7 @@ namespace {
 
 class ManifestReplacementTest : public ManifestTest {
  protected:
-  ManifestReplacementTest() {
+  ManifestReplacementTest() : ManifestTest(ScratchDirectory::Place::Memory) {
     for (const std::string& name : {a_, b_, c_}) old_.Append(name, FilterOf(name));
     new_.SetGeneration(old_.Generation());
     new_.Append(d_, "the filter of the merged block");

@@ -21,6 +21,9 @@ constexpr char kShortEntry[] = "Failed to read block entryFailed to load block e
 
 class ManifestOpenTest : public ManifestTest {
  protected:
+  explicit ManifestOpenTest(ScratchDirectory::Place place = ScratchDirectory::Place::Disk)
+      : ManifestTest(place) {}
+
   Answer Open(const std::string& path) {
     return AnswerOf([&] { return OpenManifest(path, &manifest_); });
   }
@@ -35,6 +38,12 @@ class ManifestOpenTest : public ManifestTest {
 
   std::unique_ptr<Manifest> manifest_;
   std::string newest_;
+};
+
+// With a file for every byte.
+class ManifestDamageTest : public ManifestOpenTest {
+ protected:
+  ManifestDamageTest() : ManifestOpenTest(ScratchDirectory::Place::Memory) {}
 };
 
 TEST_F(ManifestOpenTest, AMissingOrEmptyManifestIsMadeWithAHeaderAndNoEntries) {
@@ -93,7 +102,7 @@ TEST_F(ManifestOpenTest, VersionAndHeaderSizeAreNotLookedAt) {
   EXPECT_EQ(Names(*manifest_), NameList{a_});
 }
 
-TEST_F(ManifestOpenTest, EveryFlippedHeaderByteIsFoundUnlessNothingCoversIt) {
+TEST_F(ManifestDamageTest, EveryFlippedHeaderByteIsFoundUnlessNothingCoversIt) {
   ManifestImage image;
   image.Append(a_, "f");
   for (size_t offset = 0; offset < 128; ++offset) {
@@ -107,7 +116,7 @@ TEST_F(ManifestOpenTest, EveryFlippedHeaderByteIsFoundUnlessNothingCoversIt) {
   }
 }
 
-TEST_F(ManifestOpenTest, EveryFlippedByteOfAnEntryIsFoundUnlessItIsOfTheFilter) {
+TEST_F(ManifestDamageTest, EveryFlippedByteOfAnEntryIsFoundUnlessItIsOfTheFilter) {
   ManifestImage image;
   const size_t first = image.Append(a_, "filter");
   const size_t second = image.Append(b_, "filter");
@@ -121,7 +130,7 @@ TEST_F(ManifestOpenTest, EveryFlippedByteOfAnEntryIsFoundUnlessItIsOfTheFilter) 
   }
 }
 
-TEST_F(ManifestOpenTest, AManifestCutAtAnyLengthOpensWithWholeEntriesUnlessAFilterIsCut) {
+TEST_F(ManifestDamageTest, AManifestCutAtAnyLengthOpensWithWholeEntriesUnlessAFilterIsCut) {
   ManifestImage image;
   image.Append(a_, "filter of a");
   const size_t second = image.Append(b_, "filter of b");

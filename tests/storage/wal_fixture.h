@@ -86,6 +86,8 @@ using KeyList = std::vector<std::string>;
 
 class WalTest : public testing::Test {
  protected:
+  explicit WalTest(ScratchDirectory::Place place = ScratchDirectory::Place::Disk) : directory_(place) {}
+
   // A file of the same directory that no test has used yet.
   std::string NewPath() { return directory_.PathOf("wal_v5." + std::to_string(++files_)); }
   void Put(const LogImage& image) { WriteFile(path_, image.Bytes()); }

@@ -15,6 +15,8 @@ namespace {
 
 class WalOpenTest : public WalTest {
  protected:
+  explicit WalOpenTest(ScratchDirectory::Place place = ScratchDirectory::Place::Disk) : WalTest(place) {}
+
   Answer Open(uint32_t walSize) { return Open(path_, walSize); }
   Answer Open(const std::string& path, uint32_t walSize) {
     return AnswerOf([&] { return OpenWal(path, walSize, &wal_); });
@@ -22,6 +24,12 @@ class WalOpenTest : public WalTest {
   bool HasHandle() const { return wal_ != nullptr; }
 
   std::unique_ptr<Wal> wal_;
+};
+
+// With a file for every byte.
+class WalDamageTest : public WalOpenTest {
+ protected:
+  WalDamageTest() : WalOpenTest(ScratchDirectory::Place::Memory) {}
 };
 
 TEST_F(WalOpenTest, AMissingLogIsMadeWithTheGivenLengthAndAnEmptyHeader) {
@@ -152,7 +160,7 @@ TEST_F(WalOpenTest, VersionUsedAndReservedAreNotLookedAt) {
   }
 }
 
-TEST_F(WalOpenTest, EveryFlippedHeaderByteIsFoundUnlessNothingCoversIt) {
+TEST_F(WalDamageTest, EveryFlippedHeaderByteIsFoundUnlessNothingCoversIt) {
   LogImage image(1000);
   image.Append({"k", "v"});
   for (size_t offset = 0; offset < 128; ++offset) {
@@ -172,7 +180,7 @@ TEST_F(WalOpenTest, EveryFlippedHeaderByteIsFoundUnlessNothingCoversIt) {
 }
 
 // Whether a file counts as a log is its length: what is cut below the wanted size is made anew.
-TEST_F(WalOpenTest, ALogCutAtAnyLengthOpensWithTheRecordsThatAreWhole) {
+TEST_F(WalDamageTest, ALogCutAtAnyLengthOpensWithTheRecordsThatAreWhole) {
   LogImage image(300);
   const size_t first = image.Append({"first", "1"});
   const size_t second = image.Append({"second", "22"});

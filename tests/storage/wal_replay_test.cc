@@ -14,6 +14,8 @@ namespace {
 
 class WalReplayTest : public WalTest {
  protected:
+  WalReplayTest() : WalTest(ScratchDirectory::Place::Memory) {}
+
   // The log as one finds it that nobody of this process has had open.
   std::unique_ptr<Wal> OpenLog(const LogImage& image) {
     const std::string path = NewPath();
