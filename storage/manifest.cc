@@ -140,7 +140,7 @@ void Manifest::Attach(bool madeAnew) {
   }
   ++state_->handles;
 
-  if (access(ReplacementPath(file_->Path()).c_str(), F_OK) != 0) return;
+  if (!MayHaveReplacement(ReplacementPath(file_->Path()))) return;
   const FileLockGuard lock(file_, LockLevel::Exclusive);
   // While somebody holds the lock the replacement may still be under way; reading the list knows what to do.
   if (lock.Status() == kStatusOk) IgnoreStatus(FinishReplacement());
@@ -228,13 +228,14 @@ Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
 
   ManifestReplacement replacement;
   uint64_t size = 0;
-  if (FindUnfinished(header, &replacement)) {
+  const Unfinished unfinished = FindUnfinished(header, &replacement);
+  if (unfinished == Unfinished::Yes) {
     const auto view = [&replacement](uint64_t offset, size_t, const uint8_t** bytes) {
       *bytes = replacement.entries.data() + offset;
       return true;
     };
     complete = ParseEntries(replacement.entries.size(), view, &reading.entries, &badEntry);
-  } else if (file_->Size(&size) == 0) {
+  } else if (unfinished == Unfinished::No && file_->Size(&size) == 0) {
     FileWindow window(file_, kListWindow);
     const auto view = [&window](uint64_t offset, size_t length, const uint8_t** bytes) {
       return window.View(sizeof(ManifestHeader) + offset, length, bytes) == FileWindow::Result::Ok;

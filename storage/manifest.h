@@ -134,7 +134,8 @@ class Manifest {
   uint32_t LoadLocked();
   Reading ReadList(const ManifestHeader& header) const;
   bool EndsUnfinished(uint64_t size, const BlockEntries& entries) const;
-  bool FindUnfinished(const ManifestHeader& header, ManifestReplacement* replacement) const;
+  enum class Unfinished { No, Yes, Unknown };
+  Unfinished FindUnfinished(const ManifestHeader& header, ManifestReplacement* replacement) const;
   uint32_t Adopt(Reading reading);
   uint32_t PrepareChange(ManifestHeader* header, uint64_t* end);
   uint32_t FinishReplacement();

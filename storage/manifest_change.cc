@@ -116,7 +116,7 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
   bool restored = false;
   if (const uint32_t status = WriteReplacing(replacement, old, &restored); status != kStatusOk) {
     // Where the old entries could not be put back either, the side file lets the next change finish this one.
-    if (restored) RemoveReplacement(sidePath);
+    if (restored) IgnoreStatus(RemoveReplacement(sidePath));  // the next change tries again
     return status;
   }
   *done = true;
@@ -124,7 +124,7 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
   PublishGeneration(header, replacement.generation);
   state_->loadedGeneration = replacement.generation;
   if (file_->Sync() != 0) return kStatusSyncFailed;
-  RemoveReplacement(sidePath);
+  IgnoreStatus(RemoveReplacement(sidePath));  // as above
   return kStatusOk;
 }
 
@@ -155,7 +155,7 @@ bool Manifest::StillLists(const BlockEntries& entries) {
 uint32_t Manifest::Truncate() {
   const std::string sidePath = ReplacementPath(file_->Path());
   // Before the entries go: what it would bring back must stay dropped.
-  if (access(sidePath.c_str(), F_OK) == 0) RemoveReplacement(sidePath);
+  if (MayHaveReplacement(sidePath)) IgnoreStatus(RemoveReplacement(sidePath));
   state_->entries.clear();
   if (file_->Truncate(kFirstEntry) != 0) return kStatusTruncateFailed;
   IgnoreStatus(file_->Sync());  // only a loss of power could tell
@@ -166,7 +166,10 @@ uint32_t Manifest::Truncate() {
 // behind, reads what other processes have recorded, follows a truncation, which does not move the generation,
 // and cuts off what a torn write left behind the last entry.
 uint32_t Manifest::PrepareChange(ManifestHeader* header, uint64_t* end) {
-  if (const uint32_t status = FinishReplacement(); status != kStatusOk) return status;
+  if (const uint32_t status = FinishReplacement(); status != kStatusOk) {
+    if (status == kStatusManifestUnreadable) std::printf("Failed to read block entry");
+    return status;
+  }
   if (const uint32_t status = Load(); status != kStatusOk) return status;
   if (!ReadHeader(header)) {
     std::printf("Invalid manifest header checksum");
@@ -186,27 +189,39 @@ uint32_t Manifest::PrepareChange(ManifestHeader* header, uint64_t* end) {
 }
 
 // Whether the side file tells of a replacement that the manifest's bytes do not show completely. Where they
-// still are the old ones nothing was begun; and a later generation says that somebody has seen to it.
-bool Manifest::FindUnfinished(const ManifestHeader& header, ManifestReplacement* replacement) const {
-  if (!ReadReplacement(ReplacementPath(file_->Path()), replacement)) return false;
+// still are the old ones nothing was begun; and a later generation, or an entry behind the old ones, says
+// that somebody has seen to it.
+Manifest::Unfinished Manifest::FindUnfinished(const ManifestHeader& header,
+                                              ManifestReplacement* replacement) const {
+  bool unreadable = false;
+  if (!ReadReplacement(ReplacementPath(file_->Path()), replacement, &unreadable)) {
+    return unreadable ? Unfinished::Unknown : Unfinished::No;
+  }
   const bool published = header.generation == replacement->generation;
-  if (!published && header.generation + 1 != replacement->generation) return false;
+  if (!published && header.generation + 1 != replacement->generation) return Unfinished::No;
 
   uint64_t size = 0;
   std::vector<uint8_t> bytes;
-  if (file_->Size(&size) != 0 || !ReadEntryBytes(size, &bytes)) return false;
-  if (published) return bytes != replacement->entries;
-  return bytes.size() != replacement->oldLength ||
-         ReplacementHash(bytes.data(), bytes.size()) != replacement->oldHash;
+  if (file_->Size(&size) != 0 || !ReadEntryBytes(size, &bytes)) return Unfinished::Unknown;
+  const bool beginsAsOld = bytes.size() >= replacement->oldLength &&
+                           ReplacementHash(bytes.data(), replacement->oldLength) == replacement->oldHash;
+  const bool isSeenTo =
+      published ? bytes == replacement->entries || (beginsAsOld && bytes.size() > replacement->oldLength)
+                : beginsAsOld && bytes.size() == replacement->oldLength;
+  return isSeenTo ? Unfinished::No : Unfinished::Yes;
 }
 
-// The list is not touched: whoever goes on reads it again, at the generation published here.
+// The list is not touched: whoever goes on reads it again, at the generation published here. A side file that
+// can't be read stays: it may be all that is left of the list.
 uint32_t Manifest::FinishReplacement() {
   const std::string sidePath = ReplacementPath(file_->Path());
-  if (access(sidePath.c_str(), F_OK) != 0) return kStatusOk;
+  if (!MayHaveReplacement(sidePath)) return kStatusOk;
   ManifestHeader header;
+  if (!ReadHeader(&header)) return kStatusOk;  // which is what the caller will find, too
   ManifestReplacement replacement;
-  if (ReadHeader(&header) && FindUnfinished(header, &replacement)) {
+  const Unfinished unfinished = FindUnfinished(header, &replacement);
+  if (unfinished == Unfinished::Unknown) return kStatusManifestUnreadable;
+  if (unfinished == Unfinished::Yes) {
     const std::vector<uint8_t>& entries = replacement.entries;
     const auto end = static_cast<int64_t>(kFirstEntry + entries.size());
     if (file_->PWriteFully(entries.data(), entries.size(), kFirstEntry) !=
@@ -218,8 +233,7 @@ uint32_t Manifest::FinishReplacement() {
     PublishGeneration(header, replacement.generation);
     if (file_->Sync() != 0) return kStatusSyncFailed;
   }
-  RemoveReplacement(sidePath);
-  return kStatusOk;
+  return RemoveReplacement(sidePath) ? kStatusOk : kStatusManifestWriteFailed;
 }
 
 bool Manifest::ReadEntryBytes(uint64_t end, std::vector<uint8_t>* bytes) const {

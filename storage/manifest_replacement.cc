@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <type_traits>
@@ -70,18 +71,33 @@ uint32_t WriteReplacement(const std::string& path, const ManifestReplacement& re
   if (OsFile::Open(path, kOpenReadWrite, &file) != kStatusOk) return kStatusManifestWriteFailed;
   uint32_t status = WriteWhole(*file, image);
   if (status == kStatusOk && !SyncDirectory(DirectoryOf(path))) status = kStatusSyncFailed;
-  if (status != kStatusOk) RemoveReplacement(path);
+  if (status != kStatusOk)
+    IgnoreStatus(RemoveReplacement(path));  // the next change of the manifest tries again
   return status;
 }
 
-bool ReadReplacement(const std::string& path, ManifestReplacement* replacement) {
-  if (access(path.c_str(), F_OK) != 0) return false;
+bool MayHaveReplacement(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0 || errno != ENOENT;
+}
+
+bool ReadReplacement(const std::string& path, ManifestReplacement* replacement, bool* unreadable) {
+  bool ignored = false;
+  if (unreadable == nullptr) unreadable = &ignored;
+  *unreadable = MayHaveReplacement(path);
+  if (!*unreadable) return false;
   std::shared_ptr<OsFile> file;
   if (OsFile::Open(path, kOpenReadOnly, &file) != kStatusOk) return false;
   uint64_t size = 0;
-  if (file->Size(&size) != 0 || size < sizeof(SideHeader) || size > kLongestSideFile) return false;
-  std::vector<uint8_t> image(size);
-  if (file->PReadFully(image.data(), image.size(), 0) != static_cast<ssize_t>(size)) return false;
+  if (file->Size(&size) != 0) return false;
+  std::vector<uint8_t> image;
+  if (size >= sizeof(SideHeader) && size <= kLongestSideFile) {
+    image.resize(size);
+    const ssize_t count = file->PReadFully(image.data(), image.size(), 0);
+    if (count < 0) return false;
+    image.resize(static_cast<size_t>(count));
+  }
+  *unreadable = false;
+  if (image.size() < sizeof(SideHeader)) return false;
 
   SideHeader header;
   std::memcpy(&header, image.data(), sizeof(header));
@@ -96,11 +112,17 @@ bool ReadReplacement(const std::string& path, ManifestReplacement* replacement) 
   return true;
 }
 
-void RemoveReplacement(const std::string& path) {
-  if (unlink(path.c_str()) != 0) return;
-  // A side file that came back with a loss of power would be compared with the manifest once more, which is
-  // harmless unless the manifest has been truncated meanwhile.
-  if (!SyncDirectory(DirectoryOf(path))) return;
+bool RemoveReplacement(const std::string& path) {
+  if (unlink(path.c_str()) == 0) {
+    // A side file that came back with a loss of power would be compared with the manifest once more, which is
+    // harmless unless the manifest has been truncated meanwhile.
+    IgnoreStatus(SyncDirectory(DirectoryOf(path)));
+    return true;
+  }
+  if (errno == ENOENT) return true;
+  std::shared_ptr<OsFile> file;
+  return OsFile::Open(path, kOpenReadWrite, &file) == kStatusOk && file->Truncate(0) == 0 &&
+         file->Sync() == 0;
 }
 
 }  // namespace Kestrun

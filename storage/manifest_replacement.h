@@ -38,10 +38,16 @@ uint64_t ReplacementHash(const void* data, size_t size, uint64_t begun = 0xCBF29
 // there is no side file then.
 [[nodiscard]] uint32_t WriteReplacement(const std::string& path, const ManifestReplacement& replacement);
 
-// False when there is no side file or it is incomplete, which means that the manifest was not touched yet.
-[[nodiscard]] bool ReadReplacement(const std::string& path, ManifestReplacement* replacement);
+// False when there is no side file or it is incomplete, which means that the manifest was not touched yet;
+// and with `*unreadable`, when asked for, where the system did not let anybody see.
+[[nodiscard]] bool ReadReplacement(const std::string& path, ManifestReplacement* replacement,
+                                   bool* unreadable = nullptr);
 
-// Removes the side file, for good.
-void RemoveReplacement(const std::string& path);
+// Whether there is a side file, complete or not; true also where that can't be found out.
+[[nodiscard]] bool MayHaveReplacement(const std::string& path);
+
+// Removes the side file, for good; one that can't be removed is emptied. False when that failed, too: the
+// manifest must not change then, as the file would be taken for the unfinished replacement of a later list.
+bool RemoveReplacement(const std::string& path);
 
 }  // namespace Kestrun

@@ -1,12 +1,16 @@
 // What becomes of a manifest whose entries were being replaced when the process that did it was killed.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "kestrun/status.h"
 #include "storage/manifest.h"
+#include "tests/support/child_process.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/manifest_image.h"
 #include "tests/support/scratch_directory.h"
@@ -66,6 +70,39 @@ TEST_F(InterruptedReplacement, IsFollowedByTheNextBlockRecorded) {
   WriteFile(elsewhere.PathOf("manifest_v5"), ReadFile(path_));
   EXPECT_EQ(NamesAfterOpening(elsewhere.PathOf("manifest_v5")),
             (std::vector<std::string>{Name('C'), Name('D')}));
+}
+
+// A side file that was not read was taken for one that says nothing, and removed: what was left was a
+// manifest that nobody could open any more.
+TEST_F(InterruptedReplacement, IsKeptWhileItsSideFileCanNotBeRead) {
+  Testing::ChildProcess process([this](Testing::ChildLink&) {
+    const int next = open("/dev/null", O_RDONLY);
+    const rlimit forTheManifestAlone = {static_cast<rlim_t>(next) + 2, static_cast<rlim_t>(next) + 2};
+    if (setrlimit(RLIMIT_NOFILE, &forTheManifestAlone) != 0) return 1;
+    Manifest* manifest = nullptr;
+    return Manifest::Open(path_, &manifest) == kStatusManifestUnreadable ? 0 : 2;
+  });
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_EQ(access((path_ + ".next").c_str(), F_OK), 0);
+  EXPECT_EQ(NamesAfterOpening(path_), std::vector<std::string>{Name('C')});
+}
+
+// A side file that could not be removed came into force when the next block recorded brought the manifest to
+// the generation that it was written for.
+TEST(StaleReplacement, IsDroppedWhereABlockWasRecordedBehindTheEntriesThatItWasToReplace) {
+  const ScratchDirectory directory;
+  const std::string path = directory.PathOf("manifest_v5");
+  ManifestImage manifest;
+  manifest.Append(Name('A'), std::string(20, '\5'));
+  manifest.Append(Name('B'), std::string(30, '\5'));
+  const std::string old = manifest.Entries();
+  manifest.Append(Name('D'), std::string(9, '\5'));
+  WriteFile(path, manifest.Bytes());
+  WriteFile(path + ".next",
+            Testing::SideFileBytes(3, old, Testing::ManifestEntryBytes(Name('C'), std::string(25, '\5'))));
+
+  EXPECT_EQ(NamesAfterOpening(path), (std::vector<std::string>{Name('A'), Name('B'), Name('D')}));
+  EXPECT_NE(access((path + ".next").c_str(), F_OK), 0);
 }
 
 }  // namespace
