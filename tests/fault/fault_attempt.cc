@@ -10,6 +10,7 @@ namespace {
 using Kind = Step::Kind;
 
 constexpr uint32_t kWalSize = 2048;
+constexpr int kNumbersOfRecovery = 300;
 constexpr int kNumbersAfterwards = 500;
 
 void Insert(Script* script, int first, int last, uint32_t size) {
@@ -64,6 +65,21 @@ Script FaultWorkload() {
   return script;
 }
 
+Script RecoveryScript() {
+  Script script = {{Kind::Open, 0, 0, kWalSize}};
+  Read(&script);
+  Insert(&script, 6, 7, 45);
+  script.push_back({Kind::Flush});
+  script.push_back({Kind::Append, kFirstRecordKey, 1, 18});
+  script.push_back({Kind::Delete, 6});
+  script.push_back({Kind::Flush});
+  script.push_back({Kind::Compact});
+  script.push_back({Kind::Close});
+  script.push_back({Kind::Open, 0, 0, kWalSize});
+  Read(&script);
+  return script;
+}
+
 Script AfterwardsScript() {
   Script script;
   for (int round = 0; round < 4; ++round) {
@@ -83,8 +99,16 @@ class Attempt {
     store_.SetCallHook(&ArmFaults);
   }
 
-  bool Run(const Script& script) {
-    int number = 0;
+  // What a process that did not get further with its steps has left is what there is now.
+  void Inherit(const Script& script) {
+    for (int i = 0; i < report_->progress.started; ++i) {
+      const bool done = i < report_->progress.done;
+      model_.Apply(i, script[static_cast<size_t>(i)],
+                   done ? StoreModel::Outcome::Done : StoreModel::Outcome::Unknown);
+    }
+  }
+
+  bool Run(const Script& script, int number) {
     for (const Step& step : script) {
       if (!Take(number++, step)) return false;
     }
@@ -123,7 +147,9 @@ class Attempt {
 
   bool Take(int number, const Step& step) {
     const long before = FaultHits();
+    report_->progress.started = number + 1;
     const ScriptedStore::Result result = store_.Run(number, step);
+    report_->progress.done = number + 1;
     const bool hit = FaultHits() != before;
     report_->hits += FaultHits() - before;
     if (!result.ran) return true;
@@ -163,16 +189,34 @@ class Attempt {
   FaultReport* const report_;
 };
 
+void DropMessages() {
+  static char buffer[1 << 16];
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) return;
+  std::setvbuf(stdout, buffer, _IOFBF, sizeof(buffer));
+}
+
 }  // namespace
 
 int RunFaultAttempt(const std::string& directory, const FaultPlan& plan, bool mustSucceed,
                     FaultReport* report) {
-  static char buffer[1 << 16];
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
-  std::setvbuf(stdout, buffer, _IOFBF, sizeof(buffer));
+  DropMessages();
   SetFaultPlan(plan);
   Attempt attempt(directory, mustSucceed, report);
-  return attempt.Run(FaultWorkload()) && attempt.RunAfterwards() ? 0 : 1;
+  return attempt.Run(FaultWorkload(), 0) && attempt.RunAfterwards() ? 0 : 1;
+}
+
+int RunUntilEnd(const std::string& directory, const FaultPlan& plan, FaultReport* report) {
+  DropMessages();
+  SetFaultPlan(plan);
+  return Attempt(directory, true, report).Run(FaultWorkload(), 0) ? 0 : 1;
+}
+
+int RunFaultyRecovery(const std::string& directory, const FaultPlan& plan, FaultReport* report) {
+  DropMessages();
+  SetFaultPlan(plan);
+  Attempt attempt(directory, false, report);
+  attempt.Inherit(FaultWorkload());
+  return attempt.Run(RecoveryScript(), kNumbersOfRecovery) && attempt.RunAfterwards() ? 0 : 1;
 }
 
 }  // namespace Kestrun::Testing

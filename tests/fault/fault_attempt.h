@@ -23,4 +23,11 @@ struct FaultReport {
 int RunFaultAttempt(const std::string& directory, const FaultPlan& plan, bool mustSucceed,
                     FaultReport* report);
 
+// Begins the workload and ends the process with kEndedByPlan at the call that the plan names. 0 when there is
+// no such call.
+int RunUntilEnd(const std::string& directory, const FaultPlan& plan, FaultReport* report);
+
+// As RunFaultAttempt, with a shorter workload on what such a process has left.
+int RunFaultyRecovery(const std::string& directory, const FaultPlan& plan, FaultReport* report);
+
 }  // namespace Kestrun::Testing

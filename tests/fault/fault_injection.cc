@@ -28,6 +28,7 @@ Verdict Judge(Fault fault) {
   const long number = ++calls[static_cast<size_t>(fault)];
   if (fault != plan.fault || number < plan.first || number > plan.last) return Verdict::Pass;
   ++hits;
+  if (plan.ends) _exit(kEndedByPlan);
   if (plan.halves && (number == plan.first || !plan.failsBehind)) return Verdict::Half;
   errno = plan.error;
   return Verdict::Fail;

@@ -46,8 +46,11 @@ struct FaultPlan {
   bool halves = false;
   // Where halves is set: the calls behind the first one do fail.
   bool failsBehind = false;
+  // The process ends there, as if it were killed, with this exit status.
+  bool ends = false;
   int error = 0;
 };
+inline constexpr int kEndedByPlan = 99;
 
 // Replaces the plan and counts anew. Nothing is counted before Arm(true).
 void SetFaultPlan(const FaultPlan& plan);

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <string>
@@ -107,6 +108,19 @@ const FaultCase kSystemCalls[] = {
     {Fault::LockWhole, EINTR, Span::FromThenOn},
 };
 
+// Where a process ends before another one meets failures: the calls behind which a change takes effect.
+const Fault kEnds[] = {Fault::Truncate, Fault::Sync, Fault::Unlink, Fault::PWrite};
+
+const FaultCase kFaultsOfRecovery[] = {
+    {Fault::Open, EMFILE, Span::Once},       {Fault::Open, EMFILE, Span::FromThenOn},
+    {Fault::PRead, EIO, Span::Once},         {Fault::PRead, EIO, Span::FromThenOn},
+    {Fault::PWrite, ENOSPC, Span::Once},     {Fault::PWrite, ENOSPC, Span::FromThenOn},
+    {Fault::Truncate, EIO, Span::Once},      {Fault::Truncate, EIO, Span::FromThenOn},
+    {Fault::Sync, EIO, Span::Once},          {Fault::Unlink, EIO, Span::FromThenOn},
+    {Fault::Stat, EIO, Span::Once},          {Fault::Access, EIO, Span::Once},
+    {Fault::Lock, ENOLCK, Span::FromThenOn}, {Fault::Allocate, ENOMEM, Span::Once},
+};
+
 const FaultCase kAllocations[] = {
     {Fault::Allocate, ENOMEM, Span::Once},
     {Fault::Allocate, ENOMEM, Span::FromThenOn},
@@ -160,11 +174,8 @@ class Worker {
     std::filesystem::remove_all(directory_);
     new (attempt_) FaultReport();
     const FaultPlan plan = PlanFor(faultCase, number);
-    ChildProcess process([&](ChildLink&) {
-      alarm(kAttemptSeconds);
-      return RunFaultAttempt(directory_, plan, faultCase.mustSucceed, attempt_);
-    });
-    const int status = process.Wait();
+    const int status =
+        Run([&] { return RunFaultAttempt(directory_, plan, faultCase.mustSucceed, attempt_); });
     if (status > 1) Fail(faultCase, number, "the process ends with " + std::to_string(status));
     if (status == 1) Fail(faultCase, number, attempt_->message);
     if (attempt_->hits == 0) return false;
@@ -176,15 +187,46 @@ class Worker {
     return true;
   }
 
+  // One process ends at a call, and the next one, which finds what it left, meets failures. False when there
+  // are fewer calls than that of either kind.
+  bool TryRecovery(Fault end, long endNumber, const FaultCase& faultCase, long number) {
+    std::filesystem::remove_all(directory_);
+    new (attempt_) FaultReport();
+    FaultPlan endPlan;
+    endPlan.fault = end;
+    endPlan.first = endNumber;
+    endPlan.ends = true;
+    if (Run([&] { return RunUntilEnd(directory_, endPlan, attempt_); }) != kEndedByPlan) return false;
+    attempt_->hits = 0;
+    const FaultPlan plan = PlanFor(faultCase, number);
+    const int status = Run([&] { return RunFaultyRecovery(directory_, plan, attempt_); });
+    const std::string where =
+        "after an end at " + std::string(FaultName(end)) + " number " + std::to_string(endNumber) + ", ";
+    if (status > 1) Fail(faultCase, number, where + "the process ends with " + std::to_string(status));
+    if (status == 1) Fail(faultCase, number, where + attempt_->message);
+    if (attempt_->hits == 0) return false;
+    ++report_->attempts;
+    report_->hits += attempt_->hits;
+    report_->steps += attempt_->steps;
+    report_->refused += attempt_->refused;
+    if (status == 0) GoOn(faultCase, number);
+    return true;
+  }
+
  private:
+  template <typename Body>
+  static int Run(Body body) {
+    ChildProcess process([&](ChildLink&) {
+      alarm(kAttemptSeconds);
+      return body();
+    });
+    return process.Wait();
+  }
+
   // In processes of their own.
   void GoOn(const FaultCase& faultCase, long number) {
     for (int generation = 2; generation <= 3; ++generation) {
-      ChildProcess process([&](ChildLink&) {
-        alarm(kAttemptSeconds);
-        return RunGeneration(generation, directory_, &attempt_->progress);
-      });
-      const int status = process.Wait();
+      const int status = Run([&] { return RunGeneration(generation, directory_, &attempt_->progress); });
       if (status == 0) continue;
       Fail(faultCase, number,
            status == 1 ? attempt_->progress.message : "the next process ends with " + std::to_string(status));
@@ -227,10 +269,10 @@ class FaultSweep : public testing::Test {
     return ScratchDirectory();
   }
 
-  template <size_t kCount>
-  void Sweep(const char* what, const FaultCase (&cases)[kCount], long most) {
+  // Shares out the numbers below `count` to workers, and adds up what they report.
+  template <typename Work>
+  void Sweep(const char* what, size_t count, Work work) {
     const auto begun = std::chrono::steady_clock::now();
-    const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"));
     auto* next = Shared<std::atomic<size_t>>();
     std::array<SweepReport*, kWorkers> reports;
     std::vector<std::unique_ptr<ChildProcess>> workers;
@@ -238,9 +280,7 @@ class FaultSweep : public testing::Test {
       reports[i] = Shared<SweepReport>();
       workers.push_back(std::make_unique<ChildProcess>([&, i](ChildLink&) {
         Worker worker(scratch_.PathOf("store-" + std::to_string(i)), reports[i]);
-        for (size_t at = (*next)++; at < kCount; at = (*next)++) {
-          TryAll(worker, cases[at], whole.calls[static_cast<size_t>(cases[at].fault)], most);
-        }
+        for (size_t at = (*next)++; at < count; at = (*next)++) work(worker, at);
         return 0;
       }));
     }
@@ -257,7 +297,7 @@ class FaultSweep : public testing::Test {
     std::printf(
         "%s: %ld runs with %ld failed calls in %zu ways, %ld operations, %ld of them refused with a status, "
         "%ld generations of processes after, %d losses, %.1f s\n",
-        what, sum.attempts, sum.hits, kCount, sum.steps, sum.refused, 2 * sum.attempts, sum.failures,
+        what, sum.attempts, sum.hits, count, sum.steps, sum.refused, 2 * sum.attempts, sum.failures,
         std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
     EXPECT_GT(sum.refused, 0);
   }
@@ -266,11 +306,37 @@ class FaultSweep : public testing::Test {
 };
 
 TEST_F(FaultSweep, AFailedSystemCallGivesAStatusAndLeavesTheStoreWhole) {
-  Sweep("failure sweep over system calls", kSystemCalls, static_cast<long>(TestSize(25, LONG_MAX / 2)));
+  const auto most = static_cast<long>(TestSize(16, LONG_MAX / 4));
+  const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"));
+  Sweep("failure sweep over system calls", std::size(kSystemCalls), [&](Worker& worker, size_t at) {
+    TryAll(worker, kSystemCalls[at], whole.calls[static_cast<size_t>(kSystemCalls[at].fault)], most);
+  });
 }
 
 TEST_F(FaultSweep, AFailedAllocationGivesAStatusAndLeavesTheStoreWhole) {
-  Sweep("failure sweep over allocations", kAllocations, static_cast<long>(TestSize(150, LONG_MAX / 2)));
+  const auto most = static_cast<long>(TestSize(100, LONG_MAX / 4));
+  const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"));
+  Sweep("failure sweep over allocations", std::size(kAllocations), [&](Worker& worker, size_t at) {
+    TryAll(worker, kAllocations[at], whole.calls[static_cast<size_t>(Fault::Allocate)], most);
+  });
+}
+
+TEST_F(FaultSweep, AFailureAfterTheEndOfAProcessCostsNothingEither) {
+  const auto most = static_cast<long>(TestSize(1, 40));
+  const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"));
+  const size_t cases = std::size(kFaultsOfRecovery);
+  Sweep("failure sweep after a kill", std::size(kEnds) * cases, [&](Worker& worker, size_t at) {
+    const Fault end = kEnds[at / cases];
+    const FaultCase& faultCase = kFaultsOfRecovery[at % cases];
+    for (long endNumber = 1; endNumber <= whole.calls[static_cast<size_t>(end)]; ++endNumber) {
+      // The opening and the reads behind it make the first calls. Few numbers are tried with each end, so
+      // other ones with the next.
+      const long first = 1 + (endNumber + static_cast<long>(at)) % 6 / most;
+      for (long number = first; number < first + most; ++number) {
+        if (!worker.TryRecovery(end, endNumber, faultCase, number)) break;
+      }
+    }
+  });
 }
 
 }  // namespace
