@@ -2,9 +2,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <csignal>
+#include <cstdint>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -13,6 +13,7 @@
 
 #include "kestrun/status.h"
 #include "record/schema.h"
+#include "tests/support/byte_locks.h"
 #include "tests/support/child_process.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/scratch_directory.h"
@@ -22,46 +23,16 @@ namespace {
 
 using Testing::ChildLink;
 using Testing::ChildProcess;
+using Testing::ForeignLock;
+using Testing::LocksOnFile;
 using Testing::ReadFile;
 using Testing::ScratchDirectory;
 using Testing::WriteFile;
 
-constexpr off_t kGateByte = 0x40000000;
-constexpr off_t kLockRange = 0x40000001;
-constexpr off_t kLockRangeLength = 511;
-constexpr off_t kCreationByte = 0x40000200;
-
-// Locks of this process on the file, set without the library.
-class RawLocks {
- public:
-  explicit RawLocks(const std::string& path) : descriptor_(open(path.c_str(), O_RDWR | O_CREAT, 0600)) {}
-  ~RawLocks() { close(descriptor_); }
-  RawLocks(const RawLocks&) = delete;
-  RawLocks& operator=(const RawLocks&) = delete;
-
-  bool Set(short type, off_t start, off_t length) {
-    struct flock lock = Describe(type, start, length);
-    return fcntl(descriptor_, F_SETLK, &lock) == 0;
-  }
-
-  // What another process holds there: F_UNLCK, F_RDLCK or F_WRLCK.
-  short HeldByOthers(off_t start, off_t length) {
-    struct flock lock = Describe(F_WRLCK, start, length);
-    return fcntl(descriptor_, F_GETLK, &lock) == 0 ? lock.l_type : static_cast<short>(-1);
-  }
-
- private:
-  static struct flock Describe(short type, off_t start, off_t length) {
-    struct flock lock = {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = start;
-    lock.l_len = length;
-    return lock;
-  }
-
-  int descriptor_;
-};
+constexpr int64_t kGateByte = 0x40000000;
+constexpr int64_t kLockRange = 0x40000001;
+constexpr int64_t kLockRangeLength = 511;
+constexpr int64_t kCreationByte = 0x40000200;
 
 class SchemaProcessesTest : public testing::Test {
  protected:
@@ -101,82 +72,43 @@ TEST_F(SchemaProcessesTest, TypeOfOneProcessIsFoundByTheOther) {
 TEST_F(SchemaProcessesTest, LookupByNumberTakesTheExclusiveLevelAndGoesOnWithoutIt) {
   const auto schema = Open();
   WriteFile(path_, "5#T a:%i4\n");
-  ChildProcess child([this](ChildLink& parent) {
-    RawLocks locks(path_);
-    if (!locks.Set(F_RDLCK, kLockRange, kLockRangeLength)) return 1;
-    parent.Signal();
-    parent.Await();
-    return locks.HeldByOthers(kGateByte, 1) == F_WRLCK ? 0 : 2;
-  });
-  ASSERT_TRUE(child.Await());
+  ForeignLock reader(path_, F_RDLCK, kLockRange, kLockRangeLength);
   ASSERT_NE(schema->FindRecordMeta(5), nullptr);
   EXPECT_EQ(schema->FindRecordMeta(5)->text, "T a:%i4");
-  child.Signal();
-  EXPECT_EQ(child.Wait(), 0);
+  reader.Release();
+  EXPECT_EQ(LocksOnFile(path_), "write 40000000+1");
 }
 
 TEST_F(SchemaProcessesTest, MakingATypeTakesTheSharedLevelBesideAnotherReader) {
   const auto schema = Open();
-  ChildProcess child([this](ChildLink& parent) {
-    RawLocks locks(path_);
-    if (!locks.Set(F_RDLCK, kLockRange, kLockRangeLength)) return 1;
-    parent.Signal();
-    parent.Await();
-    return locks.HeldByOthers(kGateByte, 1) == F_UNLCK ? 0 : 2;
-  });
-  ASSERT_TRUE(child.Await());
+  ForeignLock reader(path_, F_RDLCK, kLockRange, kLockRangeLength);
   EXPECT_EQ(schema->GetOrCreateRecordMeta("T a:%i4")->id, 1);
-  child.Signal();
-  EXPECT_EQ(child.Wait(), 0);
+  reader.Release();
+  EXPECT_EQ(LocksOnFile(path_), "");
 }
 
 TEST_F(SchemaProcessesTest, MakingATypeGoesOnWithoutTheLock) {
   const auto schema = Open();
-  ChildProcess child([this](ChildLink& parent) {
-    RawLocks locks(path_);
-    if (!locks.Set(F_WRLCK, kGateByte, 1 + kLockRangeLength)) return 1;
-    parent.Signal();
-    return parent.Await() ? 0 : 2;
-  });
-  ASSERT_TRUE(child.Await());
+  const ForeignLock writer(path_, F_WRLCK, kGateByte, 1 + kLockRangeLength);
   ASSERT_NE(schema->GetOrCreateRecordMeta("T a:%i4"), nullptr);
   EXPECT_EQ(ReadFile(path_), "1#T a:%i4\n");
-  child.Signal();
-  EXPECT_EQ(child.Wait(), 0);
 }
 
 TEST_F(SchemaProcessesTest, NothingStaysLockedAfterMakingAndLookingUp) {
   const auto schema = Open();
-  ChildProcess child([this](ChildLink& parent) {
-    RawLocks locks(path_);
-    while (parent.Await()) {
-      if (locks.HeldByOthers(0, 0) != F_UNLCK) return 1;
-      parent.Signal();
-    }
-    return 0;
-  });
   EXPECT_NE(schema->GetOrCreateRecordMeta("T a:%i4"), nullptr);
-  child.Signal();
-  ASSERT_TRUE(child.Await());
+  EXPECT_EQ(LocksOnFile(path_), "");
   EXPECT_EQ(schema->GetOrCreateRecordMeta("T"), nullptr);
+  EXPECT_EQ(LocksOnFile(path_), "");
   EXPECT_EQ(schema->FindRecordMeta(2), nullptr);
-  child.Signal();
-  ASSERT_TRUE(child.Await());
+  EXPECT_EQ(LocksOnFile(path_), "");
 }
 
 TEST_F(SchemaProcessesTest, TypeIsMadeEvenWhenAnotherMakerNeverEnds) {
   const auto schema = Open();
-  ChildProcess child([this](ChildLink& parent) {
-    RawLocks locks(path_);
-    if (!locks.Set(F_WRLCK, kCreationByte, 1)) return 1;
-    parent.Signal();
-    return parent.Await() ? 0 : 2;
-  });
-  ASSERT_TRUE(child.Await());
+  const ForeignLock maker(path_, F_WRLCK, kCreationByte, 1);
   ASSERT_NE(schema->GetOrCreateRecordMeta("T a:%i4"), nullptr);
   EXPECT_EQ(ReadFile(path_), "1#T a:%i4\n");
-  child.Signal();
-  EXPECT_EQ(child.Wait(), 0);
 }
 
 // Every process makes types of its own and types that all of them make. Each text ends up with one line and
