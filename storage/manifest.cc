@@ -37,8 +37,10 @@ bool IsUsableName(const char (&name)[kBlockNameLength + 1]) {
 
 }  // namespace
 
+// The child shares the store with its parent from the beginning, and draws the same random names.
 void ManifestSharedState::AfterFork() {
   MakeAnew(movesMutex);
+  ++foreignMoves;
 }
 
 // A missing manifest is born complete. What exists is opened, filled in when it is empty, mapped, verified

@@ -41,7 +41,7 @@ struct ManifestSharedState {
 
   std::mutex movesMutex;
   std::atomic<uint32_t> knownGeneration{0};  // the last one that this process published or noticed
-  std::atomic<uint64_t> foreignMoves{0};     // generations that it noticed and had not published
+  std::atomic<uint64_t> foreignMoves{0};     // generations that it noticed and had not published, and a fork
 
   void AfterFork();
 };

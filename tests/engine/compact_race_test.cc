@@ -196,6 +196,32 @@ TEST_F(CompactRaceTest, WhatWasWrittenAfterAClearMeanwhileStays) {
   ExpectEverywhere([](LSDBImpl& engine) { EXPECT_EQ(Keys(engine), (Strings{"new", "in the log"})); });
 }
 
+// A forked process draws the names that its parent draws. The one that it draws here is that of the file that
+// the parent is writing and that the clearing has taken away.
+TEST_F(CompactRaceTest, AForkedProcessDoesNotDrawTheNameOfTheFileThatIsBeingWritten) {
+  MakeStore();
+  ChildProcess forked([&](ChildLink& parent) {
+    const std::unique_ptr<LSDBImpl> engine = Open();
+    parent.Await();
+    EXPECT_EQ(engine->Clear(), kStatusOk);
+    MakeBlock(*engine, {{"new", "value"}});
+    parent.Signal();
+    parent.Await();
+    EXPECT_EQ(Keys(*engine), Strings{"new"});
+    return HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(CompactWhile([&forked] {
+              forked.Signal();
+              forked.Await();
+            }),
+            kStatusOk);
+  EXPECT_EQ(ListedBlocks().size(), 1u);
+  EXPECT_EQ(BlockFiles(), ListedBlocks());
+  forked.Signal();
+  EXPECT_EQ(forked.Wait(), 0);
+  ExpectEverywhere([](LSDBImpl& engine) { EXPECT_EQ(Keys(engine), Strings{"new"}); });
+}
+
 TEST_F(CompactRaceTest, WritesAndReadsMeanwhileGoOn) {
   EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
               EXPECT_EQ(Insert(engine, "key0", "overwritten"), kStatusOk);

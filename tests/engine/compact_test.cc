@@ -243,7 +243,7 @@ TEST_F(CompactTest, AtTheLimitOfOpenFilesNothingIsLost) {
 
 TEST_F(CompactTest, HundredsOfBlocksAreMergedWithFewDescriptors) {
   ChildProcess child([&](ChildLink&) {
-    const rlimit limit = {90, 90};
+    const rlimit limit = {100, 100};
     setrlimit(RLIMIT_NOFILE, &limit);
     const std::unique_ptr<LSDBImpl> engine = Open();
     for (int i = 0; i < 100; ++i) {
