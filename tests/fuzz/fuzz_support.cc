@@ -13,12 +13,20 @@
 #include <set>
 #include <system_error>
 
+#include "tests/fuzz/fuzz_check.h"
+
 // Nothing is forced to the disk: a fuzz target has no loss of power.
 extern "C" int fsync(int /*descriptor*/) {
   return 0;
 }
 extern "C" int msync(void* /*address*/, size_t /*length*/, int /*flags*/) {
   return 0;
+}
+
+// What the library keeps for each file would have the fuzzer look for leaks behind every input, which takes
+// longer than the input.
+extern "C" const char* __asan_default_options() {
+  return "detect_leaks=0:quarantine_size_mb=16";
 }
 
 namespace Kestrun::Fuzzing {
@@ -39,7 +47,7 @@ std::string MakeDirectory() {
   static Directories directories;
   const char* parent = std::getenv("TMPDIR");
   std::string path = std::string(parent == nullptr ? "/tmp" : parent) + "/kestrun-fuzz-XXXXXX";
-  Require(mkdtemp(path.data()) != nullptr, "a directory to work in");
+  Testing::FuzzCheck(mkdtemp(path.data()) != nullptr, "a directory to work in");
   directories.paths.insert(path);
   return path;
 }
@@ -101,23 +109,24 @@ std::string Input::Rest() {
 
 Directory::Directory() : path_(MakeDirectory()), kept_(MakeDirectory()) {
   // The library's diagnostics would be all that is seen.
-  Require(std::freopen("/dev/null", "w", stdout) != nullptr, "silence");
+  Testing::FuzzCheck(std::freopen("/dev/null", "w", stdout) != nullptr, "silence");
 }
 
 void Directory::Put(const std::string& name, const std::string& bytes) {
   const std::string kept = kept_ + "/" + name;
   const int file = open(kept.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  Require(file >= 0 && pwrite(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()) &&
-              ftruncate(file, static_cast<off_t>(bytes.size())) == 0,
-          "a file to work on");
+  Testing::FuzzCheck(file >= 0 &&
+                         pwrite(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()) &&
+                         ftruncate(file, static_cast<off_t>(bytes.size())) == 0,
+                     "a file to work on");
   close(file);
   const std::string path = PathOf(name);
   struct stat there = {};
   struct stat wanted = {};
-  Require(stat(kept.c_str(), &wanted) == 0, "a file to work on");
+  Testing::FuzzCheck(stat(kept.c_str(), &wanted) == 0, "a file to work on");
   if (stat(path.c_str(), &there) == 0 && there.st_ino == wanted.st_ino) return;
   unlink(path.c_str());
-  Require(link(kept.c_str(), path.c_str()) == 0, "a second name");
+  Testing::FuzzCheck(link(kept.c_str(), path.c_str()) == 0, "a second name");
 }
 
 void Directory::Remove(const std::string& name) {
@@ -126,7 +135,7 @@ void Directory::Remove(const std::string& name) {
 
 void Directory::RemoveMadeBlocks() {
   DIR* stream = opendir(path_.c_str());
-  Require(stream != nullptr, "a directory to work in");
+  Testing::FuzzCheck(stream != nullptr, "a directory to work in");
   while (const dirent* entry = readdir(stream)) {
     const std::string name = entry->d_name;
     const bool made =
@@ -178,12 +187,6 @@ std::string BlockFromChunks(Input& input, bool seal) {
     if (section < 2) file.resize(next);
   }
   return file;
-}
-
-void Require(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "failed: %s\n", what);
-  std::abort();
 }
 
 }  // namespace Kestrun::Fuzzing

@@ -55,7 +55,4 @@ std::string SealedSideFile(std::string bytes);
 // put where the sizes in the headers say, as far as that is near. `seal` makes the checksums fit.
 std::string BlockFromChunks(Input& input, bool seal);
 
-// Ends the program, as a finding, unless `condition` holds.
-void Require(bool condition, const char* what);
-
 }  // namespace Kestrun::Fuzzing

@@ -1,5 +1,6 @@
 // A manifest and its side file of any content, over two sound blocks. Input: a byte of flags, the manifest
 // and the side file as chunks, operations.
+#include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_operations.h"
 #include "tests/fuzz/fuzz_store_files.h"
 #include "tests/support/block_image.h"

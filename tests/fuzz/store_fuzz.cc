@@ -1,5 +1,6 @@
 // All files of a store at once. Input: a byte of flags; the log, the manifest and the side file as chunks;
 // two blocks of four chunks each; operations.
+#include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_operations.h"
 #include "tests/fuzz/fuzz_store_files.h"
 

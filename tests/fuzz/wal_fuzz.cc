@@ -1,4 +1,5 @@
 // A log of any content. Input: a byte of flags, the log as a chunk, operations.
+#include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_operations.h"
 #include "tests/fuzz/fuzz_store_files.h"
 
