@@ -94,6 +94,13 @@ TEST_F(ManifestReplacementTest, OldEntriesBelowTheNewHeaderAreReplaced) {
   ExpectNew(new_.Bytes().substr(0, 200), side_);
 }
 
+// The next block was recorded although the side file could not be removed.
+TEST_F(ManifestReplacementTest, OldEntriesWithAnotherBehindThemAreNotReplaced) {
+  ManifestImage later = old_;
+  later.Append(d_, FilterOf(d_));
+  ExpectAfterOpening(later.Bytes(), side_, {a_, b_, c_, d_}, later.Bytes());
+}
+
 TEST_F(ManifestReplacementTest, ASideFileOfAnotherGenerationIsDropped) {
   for (const uint32_t generation : {0u, 1u, old_.Generation() - 1, old_.Generation() + 2, 0xFFFFFFFFu}) {
     SCOPED_TRACE(generation);

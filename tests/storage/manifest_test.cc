@@ -156,6 +156,28 @@ TEST_F(ManifestDamageTest, AManifestCutAtAnyLengthOpensWithWholeEntriesUnlessAFi
   }
 }
 
+// The file grows before the bytes of an entry reach the disk: a loss of power leaves sectors of zeros.
+TEST_F(ManifestDamageTest, ALastEntryOfZerosIsNotAnEntryAndTheNextOneTakesItsPlace) {
+  ManifestImage image;
+  image.Append(a_, "filter of a");
+  for (const size_t length : {56, 57, 100, 4153}) {
+    EXPECT_EQ(OpenBytes(image.Bytes() + std::string(length, '\0')), (Answer{0, ""})) << length;
+    EXPECT_EQ(Names(*manifest_), NameList{a_}) << length;
+    ASSERT_EQ(Append(*manifest_, b_), kStatusOk);
+    ManifestImage expected = image;
+    AppendTo(expected, b_);
+    EXPECT_EQ(ToHex(ReadFile(newest_)), ToHex(expected.Bytes())) << length;
+  }
+}
+
+TEST_F(ManifestDamageTest, ZerosThatAreMoreThanOneEntryOrStandBeforeOneAreDamage) {
+  ManifestImage image;
+  image.Append(a_, "filter of a");
+  EXPECT_EQ(OpenBytes(image.Bytes() + std::string(4154, '\0')), (Answer{258, kBadEntry}));
+  EXPECT_EQ(OpenBytes(image.Bytes() + std::string(67, '\0') + ManifestEntryBytes(b_, "f")),
+            (Answer{258, kBadEntry}));
+}
+
 // The name becomes part of a path, and what fails to load there is deleted.
 TEST_F(ManifestOpenTest, ANameThatWouldLeaveTheDirectoryOrItsFieldIsADamagedEntry) {
   for (const std::string& name : {std::string("../../../../etc/passwd"), std::string("a/b"), std::string("/"),

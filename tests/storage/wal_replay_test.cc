@@ -150,6 +150,21 @@ TEST_F(WalReplayTest, SizesThatReachBeyondTheUsedAreaEndTheReplay) {
   }
 }
 
+// Otherwise its key would get a value that lies inside newer records, once the used area has grown over it.
+TEST_F(WalReplayTest, ASoundRecordThatEndedTheReplayEndsItForGoodOnceSomethingIsAppended) {
+  LogImage image(1000);
+  image.Append({"before", "1"});
+  const size_t offset = image.Append({"too long", std::string(100, 'x')});
+  image.SetUsed(static_cast<uint32_t>(offset + 40 + 8 + 50));
+  auto wal = OpenLog(image);
+  EXPECT_EQ(Keys(*wal), KeyList{"before"});
+  ASSERT_EQ(Insert(*wal, "own", std::string(200, 'y')), kStatusOk);
+  EXPECT_EQ(Keys(*wal), (KeyList{"before", "own"}));
+  const std::string copy = NewPath();
+  WriteFile(copy, ReadFile(wal->File()->Path()));
+  EXPECT_EQ(Keys(*OpenWal(copy)), KeyList{"before"});
+}
+
 TEST_F(WalReplayTest, ARecordThatEndsWithTheUsedAreaCountsAndOneByteBeyondDoesNot) {
   LogImage image(1000);
   image.Append({"k", "value"});
