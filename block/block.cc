@@ -13,6 +13,9 @@ namespace {
 
 constexpr size_t kLoadWindow = 256 * 1024;
 
+// Of a longer value it is made sure that the file holds it before memory is allocated.
+constexpr uint32_t kModestValue = 64 * 1024;
+
 // Calls `take` with each entry of the file.
 template <typename Take>
 uint32_t ReadEntries(const std::shared_ptr<OsFile>& file, Take take) {
@@ -76,6 +79,9 @@ uint32_t Block::ReadValue(const DataEntry& entry, void** value) const {
     *value = nullptr;
     return kStatusOk;
   }
+  uint64_t size = 0;
+  const uint64_t end = uint64_t{entry.valueOffset} + entry.valueSize;
+  if (entry.valueSize > kModestValue && file_->Size(&size) == 0 && end > size) return kStatusBlockShortRead;
   std::unique_ptr<void, decltype(&std::free)> buffer(std::malloc(entry.valueSize), &std::free);
   if (buffer == nullptr) return kStatusNoMemory;
   const ssize_t read = file_->PReadFully(buffer.get(), entry.valueSize, entry.valueOffset);
