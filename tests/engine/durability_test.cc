@@ -31,7 +31,15 @@ std::string Kind(const std::string& path) {
 
 }  // namespace
 
-extern "C" int fsync(int descriptor) {
+// Named otherwise here, because C libraries declare these functions in different ways.
+extern "C" {
+int SyncOfTheTest(int descriptor) __asm__("fsync");
+int RemoveOfTheTest(const char* path) __asm__("remove");
+ssize_t ReadOfTheTest(int descriptor, void* buffer, size_t length, off_t offset) __asm__("pread");
+int MakeDirectoryOfTheTest(const char* path, mode_t mode) __asm__("mkdir");
+}
+
+int SyncOfTheTest(int descriptor) {
   char path[4096] = {};
   const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
   if (readlink(link.c_str(), path, sizeof(path) - 1) > 0) calls.push_back("sync " + Kind(path));
@@ -42,24 +50,23 @@ extern "C" int fsync(int descriptor) {
   return static_cast<int>(syscall(SYS_fsync, descriptor));
 }
 
-extern "C" int remove(const char* path) noexcept {
+int RemoveOfTheTest(const char* path) {
   calls.push_back("remove " + Kind(path));
   return unlink(path);
 }
 
-extern "C" ssize_t pread(int descriptor, void* buffer, size_t length, off_t offset) {
+ssize_t ReadOfTheTest(int descriptor, void* buffer, size_t length, off_t offset) {
   ++reads;
   if (reads == failingRead || (readsStumble && reads % 2 == 0)) {
     errno = reads == failingRead ? EIO : EINTR;
     return -1;
   }
   const size_t most = readsStumble ? 1000 : length;
-  return static_cast<ssize_t>(
-      syscall(SYS_pread64, descriptor, buffer, length < most ? length : most, offset));
+  return static_cast<ssize_t>(syscall(SYS_pread64, descriptor, buffer, std::min(length, most), offset));
 }
 
 // Another process makes the directory at the last moment.
-extern "C" int mkdir(const char* path, mode_t mode) noexcept {
+int MakeDirectoryOfTheTest(const char* path, mode_t mode) {
   const auto result = static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, path, mode));
   return directoryAppears ? static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, path, mode)) : result;
 }
@@ -130,6 +137,17 @@ TEST_F(DurabilityTest, AFlushWhoseRecordDoesNotReachTheDiskKeepsTheLogAndTheBloc
   EXPECT_EQ(engine_->ResetWal(), kStatusOk);
   EXPECT_EQ(ListedBlocks().size(), 2u);
   EXPECT_EQ(Value(*Open(), "key"), "value");
+}
+
+TEST_F(DurabilityTest, ABlockWhoseRecordDoesNotReachTheDiskIsInTheCache) {
+  ASSERT_EQ(Insert(*engine_, "key", "value"), kStatusOk);
+  FailSync(3);
+  CapturedStdout output;
+  EXPECT_EQ(engine_->ResetWal(), kStatusSyncFailed);
+  FailSync(0);
+  ASSERT_EQ(BlockFiles().size(), 1u);
+  std::filesystem::remove(PathOf(BlockFiles()[0]));
+  EXPECT_NE(engine_->FindBlock("key"), nullptr);
 }
 
 // Wherever it happens: no source is deleted, and everything can be read.

@@ -1,7 +1,6 @@
 // How a store comes into being, is opened, closed and removed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -128,21 +127,10 @@ TEST_F(OpenTest, TheManifestIsOpenedBeforeTheLog) {
 
 // The log itself reports success without a handle; a store can't do without one.
 TEST_F(OpenTest, ALogThatCannotBeMappedRefusesTheOpening) {
-  constexpr uint32_t kLarge = 256 * 1024 * 1024;
-  ASSERT_EQ(TryOpen(path_, &printed_, kLarge), kStatusOk);
-  ChildProcess child([this](ChildLink&) {
-    size_t pages = 0;
-    FILE* statm = std::fopen("/proc/self/statm", "r");
-    EXPECT_EQ(std::fscanf(statm, "%zu", &pages), 1);
-    std::fclose(statm);
-    const rlim_t bytes = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + kLarge / 2;
-    const rlimit limit = {bytes, bytes};
-    setrlimit(RLIMIT_AS, &limit);
-    EXPECT_EQ(TryOpen(path_, &printed_), kStatusWalOpenFailed);
-    EXPECT_EQ(printed_, "Failed to map wal: " + PathOf("wal_v5"));
-    return HasFailure() ? 1 : 0;
-  });
-  EXPECT_EQ(child.Wait(), 0);
+  ASSERT_EQ(TryOpen(path_, &printed_), kStatusOk);
+  ASSERT_EQ(truncate(PathOf("wal_v5").c_str(), off_t{1} << 32), 0);  // offsets have 32 bits
+  EXPECT_EQ(TryOpen(path_, &printed_), kStatusWalOpenFailed);
+  EXPECT_EQ(printed_, "Failed to map wal: " + PathOf("wal_v5"));
 }
 
 TEST_F(OpenTest, NothingIsFlushedWhenAStoreIsClosed) {

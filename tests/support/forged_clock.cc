@@ -21,8 +21,11 @@ time_t RealSeconds() {
 
 }  // namespace
 
-// Takes the place of the C library's function in the whole program.
-extern "C" int gettimeofday(struct timeval* now, void* /*zone*/) noexcept {
+// Takes the place of the C library's function in the whole program. Named otherwise here, because C libraries
+// declare that one in different ways.
+extern "C" int ReadForgedClock(struct timeval* now, void* zone) __asm__("gettimeofday");
+
+int ReadForgedClock(struct timeval* now, void* /*zone*/) {
   if (readingHook && !insideHook) {
     insideHook = true;
     const auto hook = readingHook;  // it may set another one
