@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "storage/page_size.h"
 #include "tests/storage/shared_memory.h"
@@ -153,6 +154,34 @@ TEST_F(WalProcessTest, AForkedChildGoesOnWithTheIndexOfItsParent) {
   });
   EXPECT_EQ(child.Wait(), 0);
   EXPECT_EQ(Keys(*wal), (KeyList{"before", "in the child"}));
+}
+
+// Opening, closing and looking at the log go on while others append.
+TEST_F(WalProcessTest, ThreadsOpenAppendAndReadThroughHandlesOfTheirOwn) {
+  constexpr int kThreads = 3;
+  const int rounds = static_cast<int>(TestSize(300, 20000));
+  const auto walSize = static_cast<uint32_t>(1000 + kThreads * rounds * 60);
+  std::atomic<int> bad{0};
+  std::vector<std::thread> threads;
+  for (int number = 0; number < kThreads; ++number) {
+    threads.emplace_back([&, number] {
+      const std::string key = "thread " + std::to_string(number);
+      std::unique_ptr<Wal> wal;
+      for (int round = 0; round < rounds; ++round) {
+        if (round % 10 == number && OpenWal(path_, walSize, &wal) != kStatusOk) ++bad;
+        if (wal == nullptr) continue;
+        const std::string value = std::to_string(round);
+        if (Insert(*wal, key, value) != kStatusOk || Get(*wal, key) != value) ++bad;
+        if (Keys(*wal).size() > kThreads) ++bad;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(bad, 0);
+  auto wal = OpenWal(path_, walSize);
+  for (int number = 0; number < kThreads; ++number) {
+    EXPECT_EQ(Get(*wal, "thread " + std::to_string(number)), std::to_string(rounds - 1));
+  }
 }
 
 void EndWithSuccess(int) {
