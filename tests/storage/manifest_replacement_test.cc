@@ -33,6 +33,7 @@ class ManifestReplacementTest : public ManifestTest {
     WriteFile(path, manifest);
     WriteFile(path + ".next", side);
     auto opened = OpenManifest(path);
+    ASSERT_NE(opened, nullptr);
     EXPECT_EQ(Names(*opened), names);
     EXPECT_EQ(ToHex(ReadFile(path)), ToHex(bytes));
     EXPECT_FALSE(Exists(path + ".next"));
