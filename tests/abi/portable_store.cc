@@ -19,6 +19,12 @@
 
 #include "kestrun/kestrun.h"
 
+namespace {
+
+uint32_t randomState = 1;
+
+}  // namespace
+
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -30,9 +36,8 @@ int gettimeofday(struct timeval* now, void* zone) noexcept(noexcept(gettimeofday
 }
 
 int rand() noexcept(noexcept(rand())) {
-  static uint32_t state = 1;
-  state = state * 1103515245 + 12345;
-  return static_cast<int>(state >> 16);
+  randomState = randomState * 1103515245 + 12345;
+  return static_cast<int>(randomState >> 16);
 }
 
 }  // extern "C"
@@ -224,6 +229,8 @@ int main(int argc, char** argv) {
     WriteValues(values);
     WriteRecords(records, 0, 400);
   } else if (verb == "continue") {
+    // Names that are in use already would be drawn again, and differently in every run.
+    randomState = 2;
     ContinueValues(values);
     WriteRecords(records, 400, 500);
   } else if (verb == "read") {
