@@ -163,7 +163,6 @@ TEST_F(LoadedBlockTest, AnEmptyVisitorIsHarmlessOverAnEmptyRange) {
 }
 
 TEST_F(LoadedBlockTest, AnEmptyVisitorAbortsWhenAKeyLiesInTheRange) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   const std::unique_ptr<Block> block = LoadWith({{"a", ""}});
   EXPECT_EXIT(block->ForEachInRange("a", "b", nullptr), ::testing::KilledBySignal(SIGABRT), "");
 }

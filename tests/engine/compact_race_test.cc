@@ -1,5 +1,5 @@
 // What lands in the middle of a compaction, between the list of blocks that it begins with and the one that
-// it leaves behind. The merge reads the clock when it begins: there the test steps in.
+// it leaves behind. The merge reads the clock: there the test steps in.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -12,21 +12,29 @@
 namespace Kestrun::Testing {
 namespace {
 
-class CompactRaceTest : public StoreTest {
+// Where in the merge the test steps in.
+enum class Moment { Beginning, End };
+
+// The merge reads the clock when it begins and then for each of the five keys that it copies.
+constexpr int kReadings = 1 + 5;
+
+class CompactRaceTest : public StoreTest, public ::testing::WithParamInterface<Moment> {
  protected:
   void MakeStore() {
     engine_ = Open();
     MakeBlocks(*engine_, 4);
   }
 
-  // Compacts, and does `meanwhile` when the list of the blocks has been taken and nothing is locked.
+  // Compacts, and does `meanwhile` while the merge is under way and nothing is locked.
   uint32_t CompactWhile(const std::function<void()>& meanwhile) {
     if (engine_ == nullptr) MakeStore();
     const Strings before = BlockFiles();
+    const int moment = GetParam() == Moment::Beginning ? 1 : kReadings;
+    int readings = 0;
     bool done = false;
     clock_.OnReading([&](int) {
-      // The file that is to be written has its name by then.
-      if (done || BlockFiles() == before) return;
+      // The file that is to be written has its name when the merge begins.
+      if (done || BlockFiles() == before || ++readings < moment) return;
       done = true;
       meanwhile();
     });
@@ -79,7 +87,7 @@ class CompactRaceTest : public StoreTest {
   std::unique_ptr<LSDBImpl> engine_;
 };
 
-TEST_F(CompactRaceTest, ABlockFlushedMeanwhileByTheSameProcessStaysBehindTheMergedOne) {
+TEST_P(CompactRaceTest, ABlockFlushedMeanwhileByTheSameProcessStaysBehindTheMergedOne) {
   EXPECT_EQ(CompactWhile([this] {
               MakeBlock(*engine_, {{"flushed", "meanwhile"}, {"shared", "newest"}});
             }),
@@ -93,7 +101,7 @@ TEST_F(CompactRaceTest, ABlockFlushedMeanwhileByTheSameProcessStaysBehindTheMerg
   });
 }
 
-TEST_F(CompactRaceTest, BlocksFlushedMeanwhileByAnotherThreadKeepTheirOrder) {
+TEST_P(CompactRaceTest, BlocksFlushedMeanwhileByAnotherThreadKeepTheirOrder) {
   EXPECT_EQ(CompactWhile([this] {
               std::thread other([this] {
                 MakeBlock(*engine_, {{"a", "first"}, {"b", "first"}});
@@ -110,7 +118,7 @@ TEST_F(CompactRaceTest, BlocksFlushedMeanwhileByAnotherThreadKeepTheirOrder) {
   });
 }
 
-TEST_F(CompactRaceTest, ABlockFlushedMeanwhileByAnotherProcessStays) {
+TEST_P(CompactRaceTest, ABlockFlushedMeanwhileByAnotherProcessStays) {
   EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
               MakeBlock(engine, {{"flushed", "meanwhile"}, {"shared", "newest"}});
             }),
@@ -123,7 +131,7 @@ TEST_F(CompactRaceTest, ABlockFlushedMeanwhileByAnotherProcessStays) {
   });
 }
 
-TEST_F(CompactRaceTest, AKeyDeletedAndFlushedMeanwhileStaysDeleted) {
+TEST_P(CompactRaceTest, AKeyDeletedAndFlushedMeanwhileStaysDeleted) {
   EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
               EXPECT_EQ(engine.Delete("key1"), kStatusOk);
               Flush(engine);
@@ -135,7 +143,7 @@ TEST_F(CompactRaceTest, AKeyDeletedAndFlushedMeanwhileStaysDeleted) {
   });
 }
 
-TEST_F(CompactRaceTest, TheSecondOfTwoCompactionsGivesWay) {
+TEST_P(CompactRaceTest, TheSecondOfTwoCompactionsGivesWay) {
   const auto compact = [](LSDBImpl& engine) { EXPECT_EQ(engine.ForceCompact(), kStatusOk); };
   EXPECT_EQ(CompactWhileAnotherProcess(compact), kStatusOk);
   EXPECT_EQ(ListedBlocks().size(), 1u);
@@ -149,7 +157,7 @@ TEST_F(CompactRaceTest, TheSecondOfTwoCompactionsGivesWay) {
   ExpectEverywhere([this](LSDBImpl& engine) { ExpectTheFourBlocks(engine); });
 }
 
-TEST_F(CompactRaceTest, ACompactionAndAFlushMeanwhileAreBothKept) {
+TEST_P(CompactRaceTest, ACompactionAndAFlushMeanwhileAreBothKept) {
   EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
               EXPECT_EQ(engine.ForceCompact(), kStatusOk);
               MakeBlock(engine, {{"flushed", "after it"}});
@@ -163,7 +171,7 @@ TEST_F(CompactRaceTest, ACompactionAndAFlushMeanwhileAreBothKept) {
   });
 }
 
-TEST_F(CompactRaceTest, WhatWasClearedMeanwhileByTheSameProcessStaysCleared) {
+TEST_P(CompactRaceTest, WhatWasClearedMeanwhileByTheSameProcessStaysCleared) {
   EXPECT_EQ(CompactWhile([this] { EXPECT_EQ(engine_->Clear(), kStatusOk); }), kStatusOk);
   EXPECT_TRUE(ListedBlocks().empty());
   EXPECT_TRUE(BlockFiles().empty());
@@ -174,7 +182,7 @@ TEST_F(CompactRaceTest, WhatWasClearedMeanwhileByTheSameProcessStaysCleared) {
 
 // Clearing leaves the generation alone, so the list alone does not tell. This process may go on using its own
 // list, as without a compaction, but nothing comes back on the disk.
-TEST_F(CompactRaceTest, WhatWasClearedMeanwhileByAnotherProcessStaysCleared) {
+TEST_P(CompactRaceTest, WhatWasClearedMeanwhileByAnotherProcessStaysCleared) {
   EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) { EXPECT_EQ(engine.Clear(), kStatusOk); }),
             kStatusOk);
   EXPECT_TRUE(ListedBlocks().empty());
@@ -184,7 +192,7 @@ TEST_F(CompactRaceTest, WhatWasClearedMeanwhileByAnotherProcessStaysCleared) {
   ExpectEverywhere([](LSDBImpl& engine) { EXPECT_EQ(Keys(engine), Strings()); });
 }
 
-TEST_F(CompactRaceTest, WhatWasWrittenAfterAClearMeanwhileStays) {
+TEST_P(CompactRaceTest, WhatWasWrittenAfterAClearMeanwhileStays) {
   EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
               EXPECT_EQ(engine.Clear(), kStatusOk);
               MakeBlock(engine, {{"new", "value"}});
@@ -198,7 +206,7 @@ TEST_F(CompactRaceTest, WhatWasWrittenAfterAClearMeanwhileStays) {
 
 // A forked process draws the names that its parent draws. The one that it draws here is that of the file that
 // the parent is writing and that the clearing has taken away.
-TEST_F(CompactRaceTest, AForkedProcessDoesNotDrawTheNameOfTheFileThatIsBeingWritten) {
+TEST_P(CompactRaceTest, AForkedProcessDoesNotDrawTheNameOfTheFileThatIsBeingWritten) {
   MakeStore();
   ChildProcess forked([&](ChildLink& parent) {
     const std::unique_ptr<LSDBImpl> engine = Open();
@@ -222,7 +230,7 @@ TEST_F(CompactRaceTest, AForkedProcessDoesNotDrawTheNameOfTheFileThatIsBeingWrit
   ExpectEverywhere([](LSDBImpl& engine) { EXPECT_EQ(Keys(engine), Strings{"new"}); });
 }
 
-TEST_F(CompactRaceTest, WritesAndReadsMeanwhileGoOn) {
+TEST_P(CompactRaceTest, WritesAndReadsMeanwhileGoOn) {
   EXPECT_EQ(CompactWhileAnotherProcess([](LSDBImpl& engine) {
               EXPECT_EQ(Insert(engine, "key0", "overwritten"), kStatusOk);
               EXPECT_EQ(engine.Delete("key1"), kStatusOk);
@@ -236,6 +244,11 @@ TEST_F(CompactRaceTest, WritesAndReadsMeanwhileGoOn) {
     EXPECT_EQ(Value(engine, "key2"), "value2");
   });
 }
+
+INSTANTIATE_TEST_SUITE_P(At, CompactRaceTest, ::testing::Values(Moment::Beginning, Moment::End),
+                         [](const auto& moment) {
+                           return moment.param == Moment::Beginning ? "BeginningOfTheMerge" : "EndOfTheMerge";
+                         });
 
 }  // namespace
 }  // namespace Kestrun::Testing

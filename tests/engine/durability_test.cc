@@ -20,6 +20,8 @@ int syncs = 0;
 bool directoryAppears = false;
 int failingRead = 0;  // the number of the pread that fails, or 0
 int reads = 0;
+int failingWrite = 0;  // the number of the pwrite that fails, or 0
+int writes = 0;
 bool readsStumble = false;  // every other pread is interrupted, and the rest are short
 
 // "block", "manifest" and so on for a path of the store.
@@ -36,6 +38,7 @@ extern "C" {
 int SyncOfTheTest(int descriptor) __asm__("fsync");
 int RemoveOfTheTest(const char* path) __asm__("remove");
 ssize_t ReadOfTheTest(int descriptor, void* buffer, size_t length, off_t offset) __asm__("pread");
+ssize_t WriteOfTheTest(int descriptor, const void* buffer, size_t length, off_t offset) __asm__("pwrite");
 int MakeDirectoryOfTheTest(const char* path, mode_t mode) __asm__("mkdir");
 }
 
@@ -63,6 +66,14 @@ ssize_t ReadOfTheTest(int descriptor, void* buffer, size_t length, off_t offset)
   }
   const size_t most = readsStumble ? 1000 : length;
   return static_cast<ssize_t>(syscall(SYS_pread64, descriptor, buffer, std::min(length, most), offset));
+}
+
+ssize_t WriteOfTheTest(int descriptor, const void* buffer, size_t length, off_t offset) {
+  if (++writes == failingWrite) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return static_cast<ssize_t>(syscall(SYS_pwrite64, descriptor, buffer, length, offset));
 }
 
 // Another process makes the directory at the last moment.
@@ -263,6 +274,67 @@ TEST_F(FailingReadTest, ACompactionThatCouldNotReadChangesNothing) {
   EXPECT_GE(number, 20) << "each of five blocks is read in several pieces, and then the manifest";
   EXPECT_EQ(ListedBlocks().size(), 1u);
   ExpectAll();
+}
+
+class FailingWriteTest : public DurabilityTest {
+ protected:
+  ~FailingWriteTest() override { FailWrite(0); }
+
+  static void FailWrite(int number) {
+    writes = 0;
+    failingWrite = number;
+  }
+
+  // Does `operation` with its first write failing, then with its second one, and so on, until all succeed.
+  // Each failure is reported, and leaves what there was and at most one file in no list. Returns the number
+  // of writes.
+  int FailEachWriteOf(const std::function<uint32_t()>& operation) {
+    auto before = Contents();
+    for (int number = 1;; ++number) {
+      FailWrite(number);
+      CapturedStdout output;
+      const uint32_t status = operation();
+      const bool reached = writes >= number;
+      FailWrite(0);
+      output.Take();
+      if (!reached) {
+        EXPECT_EQ(status, kStatusOk);
+        return number - 1;
+      }
+      EXPECT_TRUE(status == kStatusCreateFailed || status == kStatusBlockWriteFailed ||
+                  status == kStatusManifestWriteFailed)
+          << status << " at write " << number;
+      const auto after = Contents();
+      EXPECT_TRUE(std::includes(after.begin(), after.end(), before.begin(), before.end())) << number;
+      EXPECT_LE(after.size(), before.size() + 1) << number;
+      before = after;
+      if (HasFailure()) return number;
+    }
+  }
+};
+
+// Also when the disk is full for one moment only: a block with a hole would be deleted as corrupt later.
+TEST_F(FailingWriteTest, AFlushThatCouldNotWriteLosesNothing) {
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(Insert(*engine_, "key" + std::to_string(i), std::string(100, 'v')), kStatusOk);
+  }
+  EXPECT_GE(FailEachWriteOf([this] { return engine_->ResetWal(); }), 5)
+      << "header, values, keys, entries and the manifest's record";
+  EXPECT_EQ(ListedBlocks().size(), 1u);
+  const std::unique_ptr<LSDBImpl> later = Open();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(Value(*later, "key" + std::to_string(i)), std::string(100, 'v'));
+}
+
+TEST_F(FailingWriteTest, ACompactionThatCouldNotWriteLosesNothing) {
+  MakeBlocks(*engine_, 5);
+  EXPECT_GE(FailEachWriteOf([this] { return engine_->ForceCompact(); }), 6)
+      << "header, values, keys, entries, the manifest's side file and the manifest";
+  EXPECT_EQ(ListedBlocks().size(), 1u);
+  engine_.reset();
+  engine_ = Open();
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(Value(*engine_, "key" + std::to_string(i)), "value" + std::to_string(i));
+  }
 }
 
 TEST_F(DurabilityTest, ADirectoryThatAnotherProcessMakesAtTheSameMomentIsAsGood) {

@@ -112,7 +112,6 @@ TEST_F(RangeTest, ABlockThatCannotBeReadIsPassedOverInSilence) {
 }
 
 TEST_F(RangeTest, AnEmptyVisitorAbortsWhenABlockHoldsAKeyOfTheRange) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   MakeBlock(*engine_, {{"key", ""}});
   EXPECT_EXIT(engine_->EnumerateKeys("a", "z", nullptr), ::testing::KilledBySignal(SIGABRT), "");
   EXPECT_EQ(engine_->EnumerateKeys("l", "z", nullptr), kStatusOk);
