@@ -3,9 +3,10 @@
 //
 //   portable_store write|read|continue|read-continued DIRECTORY
 //
-// Clock and random numbers are the program's own and the same in every run, so that two runs write the same
-// bytes: times of writing and names of blocks.
+// Clock, random numbers and process number are the program's own and the same in every run, so that two runs
+// write the same bytes: times of writing and names of blocks.
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -38,6 +39,10 @@ int gettimeofday(struct timeval* now, void* zone) noexcept(noexcept(gettimeofday
 int rand() noexcept(noexcept(rand())) {
   randomState = randomState * 1103515245 + 12345;
   return static_cast<int>(randomState >> 16);
+}
+
+pid_t getpid() noexcept(noexcept(getpid())) {
+  return 4711;
 }
 
 }  // extern "C"
