@@ -38,7 +38,7 @@ class Output {
   explicit Output(const ExportOptions& options) : name_(Inspect::Printable(options.file)) {
     if (options.ToStandardOutput()) return;
     file_ = std::fopen(options.file.c_str(), "wbe");
-    if (file_ == nullptr) throw UsageError(name_ + " can't be written: " + std::strerror(errno));
+    if (file_ == nullptr) throw InputError(name_ + " can't be written: " + std::strerror(errno));
   }
   ~Output() {
     if (file_ != nullptr) std::fclose(file_);

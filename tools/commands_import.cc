@@ -95,7 +95,7 @@ ImportCounts Store(const ImportOptions& options, InputFile* file, RowReader* rea
     if (!decoder.Decode(row, capacity, &decoded, &problem)) {
       SayProblem(*file, row, problem, ++counts.bad);
       if (options.skipBadRows) continue;
-      throw UsageError(file->Name() + " changed while it was read; " + std::to_string(counts.stored) +
+      throw InputError(file->Name() + " changed while it was read; " + std::to_string(counts.stored) +
                        " rows before line " + std::to_string(row.line) + " are stored");
     }
     if (const uint32_t status = destination.Store(decoded); status != kStatusOk) {
@@ -121,7 +121,7 @@ int Import(const ImportOptions& options) {
   if (!options.skipBadRows) {
     const ImportCounts checked = Check(options, &file, reader.get(), decoder);
     if (checked.bad != 0) {
-      throw UsageError(
+      throw InputError(
           std::to_string(checked.bad) + " of " + std::to_string(checked.rows) +
           " rows can't be stored, so none was; correct them, or leave them out with --skip-bad-rows");
     }

@@ -114,8 +114,8 @@ int Show(const RecordOptions& options) {
   }
   const std::string_view bytes = value.Bytes();
   if (bytes.size() <= kRecordIdSize) {
-    throw StoreFailure(kStatusRecordTypeUnknown,
-                       "the value is too short for a record, " + std::to_string(bytes.size()) + " of 3 bytes or more");
+    throw StoreFailure(kStatusRecordTypeUnknown, "the value is too short for a record, " +
+                                                     std::to_string(bytes.size()) + " of 3 bytes or more");
   }
   const auto id =
       static_cast<uint16_t>(static_cast<unsigned char>(bytes[0]) | static_cast<unsigned char>(bytes[1]) << 8);

@@ -96,8 +96,8 @@ void CsvRowReader::Restart() {
   line_ = 0;
   Record header;
   if (!ReadRecord(&header))
-    throw UsageError(file_->Name() + " is empty; CSV begins with a line of column names");
-  if (!header.problem.empty()) throw UsageError(file_->Name() + ": the header: " + header.problem);
+    throw InputError(file_->Name() + " is empty; CSV begins with a line of column names");
+  if (!header.problem.empty()) throw InputError(file_->Name() + ": the header: " + header.problem);
   columns_ = std::move(header.fields);
 }
 

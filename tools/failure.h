@@ -1,4 +1,4 @@
-// tools/failure.h: the two ways in which a command ends without doing its work. main turns them into messages
+// tools/failure.h: the ways in which a command ends without doing its work. main turns them into messages
 // and exit statuses.
 #pragma once
 
@@ -17,6 +17,13 @@ enum ExitStatus : int {
 
 // The command line asks for something that can't be; the text says what would be right.
 class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The command line is right, but a file that it names is not, or holds what can't be stored. Exit status as
+// for wrong usage, without a word on how the command is called.
+class InputError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };

@@ -17,7 +17,7 @@ namespace {
 constexpr size_t kPiece = 64 * 1024;
 
 [[noreturn]] void FailToRead(const std::string& name) {
-  throw UsageError(name + " can't be read: " + std::strerror(errno));
+  throw InputError(name + " can't be read: " + std::strerror(errno));
 }
 
 void CopyStandardInput(FILE* to) {
@@ -38,7 +38,7 @@ std::string ReadStandardInput(uint64_t most) {
   while ((got = std::fread(piece.data(), 1, piece.size(), stdin)) > 0) {
     bytes.append(piece.data(), got);
     if (bytes.size() > most) {
-      throw UsageError("standard input has more than " + std::to_string(most) +
+      throw InputError("standard input has more than " + std::to_string(most) +
                        " bytes, which is all that an entry can hold");
     }
   }
@@ -59,7 +59,7 @@ InputFile::InputFile(const std::string& path) : name_(Inspect::Printable(path)) 
   struct stat status = {};
   if (fstat(fileno(file_.get()), &status) != 0) FailToRead(name_);
   if (!S_ISREG(status.st_mode)) {
-    throw UsageError(name_ + " is not a regular file; give '-' to read standard input");
+    throw InputError(name_ + " is not a regular file; give '-' to read standard input");
   }
   size_ = static_cast<uint64_t>(status.st_size);
   Seek(0);

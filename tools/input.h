@@ -1,6 +1,6 @@
 // tools/input.h: values and rows from files and from standard input.
 //
-// Failure: throws UsageError when a file can't be read.
+// Failure: throws InputError when a file can't be read.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ inline constexpr char kStandardInput[] = "-";
 // The size of the largest value that an entry can tell.
 inline constexpr uint64_t kLargestValue = 4294967295;
 
-// All of standard input. Throws UsageError when it has more than `most` bytes.
+// All of standard input. Throws InputError when it has more than `most` bytes.
 std::string ReadStandardInput(uint64_t most);
 
 // A file that is read line by line, and again. What "-" names is standard input, copied to a file without a

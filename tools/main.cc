@@ -45,6 +45,9 @@ int Perform(const CLI::App& app, const std::vector<std::string>& arguments, cons
     return status;
   } catch (const UsageError& error) {
     return Usage(app, arguments, error.what());
+  } catch (const InputError& error) {
+    Say("kestrun " + arguments.front() + ": " + error.what());
+    return kExitUsage;
   } catch (const StoreFailure& failure) {
     Say("kestrun " + arguments.front() + ": " + failure.Message());
   } catch (const SystemFailure& failure) {

@@ -48,7 +48,7 @@ class RowReader {
 
 enum class RowFormat { Csv, JsonLines };
 
-// The file must outlive the reader. Throws UsageError when a CSV file has no header.
+// The file must outlive the reader. Throws InputError when a CSV file has no header.
 std::unique_ptr<RowReader> MakeRowReader(InputFile* file, RowFormat format);
 
 // The format that a file name or `--format` asks for: "csv" and "jsonl"; JSON Lines when neither tells.
