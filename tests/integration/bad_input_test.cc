@@ -227,7 +227,7 @@ class DamagedStoreTest : public BadInputTest {
 TEST_F(DamagedStoreTest, FilesCutShort) {
   for (const std::string& name : {std::string("wal_v5"), std::string("manifest_v5"), block_}) {
     const std::string sound = Sound(name);
-    const size_t step = 1 + sound.size() / TestSize(8, 2000);
+    const size_t step = 1 + sound.size() / (1 + TestSize(8, 2000));
     for (size_t length = 0; length < sound.size(); length += length < 200 ? 29 : step) {
       UseWith(name, sound.substr(0, length));
       ASSERT_FALSE(HasFailure()) << name << " cut at " << length;
@@ -238,7 +238,7 @@ TEST_F(DamagedStoreTest, FilesCutShort) {
 TEST_F(DamagedStoreTest, BytesOverwritten) {
   for (const std::string& name : {std::string("wal_v5"), std::string("manifest_v5"), block_}) {
     const std::string sound = Sound(name);
-    const size_t step = 1 + 260 / TestSize(14, 260);
+    const size_t step = 1 + 260 / (1 + TestSize(14, 260));
     for (size_t offset = 0; offset < 260 && offset < sound.size(); offset += step) {
       std::string bytes = sound;
       bytes[offset] = static_cast<char>(~bytes[offset]);
