@@ -90,8 +90,8 @@ class ScriptedStore {
  public:
   explicit ScriptedStore(std::string path) : path_(std::move(path)) {}
 
-  // Calls `hook(true)` right before every call of the library that a step makes, and `hook(false)` right after
-  // it. Nothing of this class is called or allocated between the two.
+  // Calls `hook(true)` right before every call of the library that a step makes, and `hook(false)` right
+  // after it. Nothing of this class is called or allocated between the two.
   void SetCallHook(void (*hook)(bool inside)) { hook_ = hook; }
 
   bool IsOpen() const { return engine_ != nullptr; }
