@@ -10,6 +10,8 @@ namespace {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr uint64_t kSlowness = 4;
+#elif defined(__aarch64__)
+constexpr uint64_t kSlowness = 8;
 #else
 constexpr uint64_t kSlowness = 1;
 #endif

@@ -12,6 +12,7 @@ uint64_t TestSeed();
 
 // How much a test does: `usual`, unless KESTRUN_TEST_SCALE says otherwise. "full" asks for `full`, a number
 // multiplies `usual`. Sanitizers make everything slower: their builds do a quarter of `usual`.
+// Builds for 64-bit Arm, which run under emulation mostly, do an eighth.
 uint64_t TestSize(uint64_t usual, uint64_t full);
 
 // A generator for one of several threads or processes of a test.
