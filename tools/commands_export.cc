@@ -108,6 +108,11 @@ class RecordWriter {
   RecordWriter(const RecordMeta& meta, const RecordTypes& types, RowFormat format,
                const std::string& keyColumn)
       : meta_(meta), types_(types), format_(format), keyColumn_(keyColumn) {
+    bool isUtf8 = Inspect::IsUtf8(keyColumn);
+    for (const Field* field : meta.fields) isUtf8 = isUtf8 && Inspect::IsUtf8(field->name);
+    if (format == RowFormat::JsonLines && !isUtf8) {
+      throw UsageError("JSON can't hold a column name that is not UTF-8; give --format csv");
+    }
     for (const Field* field : meta.fields) {
       if (field->name != keyColumn) continue;
       throw UsageError("the record type has a field \"" + Inspect::Printable(keyColumn) +

@@ -26,6 +26,7 @@ struct ImportCounts {
   uint64_t rows = 0;
   uint64_t stored = 0;
   uint64_t bad = 0;
+  uint64_t unflushed = 0;  // stored under keys that a flush drops
 };
 
 void SayProblem(const InputFile& file, const Row& row, const std::string& problem, uint64_t number) {
@@ -104,6 +105,7 @@ ImportCounts Store(const ImportOptions& options, InputFile* file, RowReader* rea
                                      " before it were");
     }
     ++counts.stored;
+    if (IsDroppedByFlush(decoded.key)) ++counts.unflushed;
     progress.Update(file->Position(), counts.rows);
   }
   return counts;
@@ -128,6 +130,11 @@ int Import(const ImportOptions& options) {
     reader->Restart();
   }
   const ImportCounts counts = Store(options, &file, reader.get(), decoder);
+  if (counts.unflushed != 0) {
+    Say("kestrun: " + std::to_string(counts.unflushed) +
+        " of the rows have keys that begin with the byte 0xFF: they "
+        "stay in the log and are lost when it fills, in this import or later");
+  }
   if (options.json) {
     WriteJsonLine({{"rows", counts.rows}, {"stored", counts.stored}, {"bad", counts.bad}});
   } else {

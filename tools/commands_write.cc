@@ -15,12 +15,9 @@ struct WriteOptions : CommonOptions {
   std::optional<std::string> value;
 };
 
-// The next flush drops such a key; the library has no other place for it than the log.
-void WarnOfUnflushedKey(const Key& key) {
-  if (key.Data()[0] == 0xFF) {
-    Say("kestrun: keys that begin with the byte 0xFF stay in the log and are lost when another writer fills "
-        "it");
-  }
+void WarnOfDroppedKey(const std::string& key) {
+  if (!IsDroppedByFlush(key)) return;
+  Say("kestrun: keys that begin with the byte 0xFF stay in the log and are lost when it fills");
 }
 
 int Put(const WriteOptions& options) {
@@ -34,7 +31,7 @@ int Put(const WriteOptions& options) {
   const auto store = OpenStore(options, Access::Create);
   MustSucceed("storing the value",
               [&] { return store->Insert(key, ttl, value.data(), static_cast<uint32_t>(value.size())); });
-  WarnOfUnflushedKey(key);
+  WarnOfDroppedKey(options.key);
   if (options.json) {
     WriteJsonLine({{"key", JsonOfBytes(options.key)}, {"valueSize", value.size()}, {"ttl", ttl}});
   }

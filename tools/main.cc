@@ -54,6 +54,8 @@ int Perform(const CLI::App& app, const std::vector<std::string>& arguments, cons
     Say("kestrun " + arguments.front() + ": " + failure.what());
   } catch (const std::bad_alloc&) {
     Say("kestrun " + arguments.front() + ": memory could not be allocated");
+  } catch (const std::exception& error) {
+    Say("kestrun " + arguments.front() + ": " + Inspect::Printable(error.what()));
   }
   return kExitRefused;
 }

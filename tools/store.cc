@@ -208,6 +208,10 @@ EntryState ReadValue(LSDBImpl& store, const Key& key, StoredValue* value) {
   }
 }
 
+bool IsDroppedByFlush(std::string_view key) {
+  return !key.empty() && key.front() == '\xFF';
+}
+
 void FlushLog(LSDBImpl& store) {
   const std::vector<Unflushed> unflushed = CollectUnflushed(store);
   MustSucceed("flushing the log", [&] { return store.ResetWal(); });

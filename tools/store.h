@@ -70,7 +70,10 @@ class StoredValue {
 // `*value` is set when the result is Live.
 EntryState ReadValue(LSDBImpl& store, const Key& key, StoredValue* value);
 
-// Flushes the log and keeps the entries that a flush drops, those whose keys begin with the byte 0xFF.
+// Keys that begin with the byte 0xFF have no place in a block: a flush drops them.
+bool IsDroppedByFlush(std::string_view key);
+
+// Flushes the log and keeps the entries that a flush drops.
 void FlushLog(LSDBImpl& store);
 
 }  // namespace Kestrun::Tools

@@ -114,6 +114,13 @@ TEST_F(ExportTest, KeysMayHaveAColumnOfAnotherName) {
   EXPECT_EQ(RawEntriesAfterImport(file, {"--type", "T key:%s", "--key", "{id}"}), Do("scan", {"--json"}));
 }
 
+TEST_F(ExportTest, FieldNamesThatAreNotUtf8GoIntoCsvOnly) {
+  Do("append", {"a", "T \xFF:%i4", "1"});
+  EXPECT_EQ(Run("export").status, 2);
+  EXPECT_EQ(Do("export", {"--format", "csv"}), "key,\xFF\na,1\n");
+  EXPECT_EQ(DoJson("show", {"a"})["fields"]["\\xff"], 1);
+}
+
 TEST_F(ExportTest, CsvNeedsRecordTypes) {
   Put("k", "raw");
   const Ran ran = Run("export", {"--format", "csv"});

@@ -251,6 +251,14 @@ TEST_F(ImportTest, ARowThatDoesNotFitIntoTheLogIsABadRow) {
   ExpectNoStore();
 }
 
+TEST_F(ImportTest, WarnsOfKeysThatAFlushDrops) {
+  const std::string file =
+      Jsonl("{\"key\":{\"hex\":\"ff01\"},\"value\":\"\"}\n{\"key\":\"a\",\"value\":\"\"}\n");
+  const Ran ran = Run("import", {file});
+  EXPECT_EQ(ran.status, 0);
+  EXPECT_TRUE(Contains(ran.err, "1 of the rows have keys that begin with the byte 0xFF")) << ran.err;
+}
+
 TEST_F(ImportTest, EveryRowGetsTheTimeToLive) {
   Do("import", {Jsonl("{\"key\":\"a\",\"value\":\"1\"}\n"), "--ttl", "77"});
   EXPECT_EQ(DoJson("entry", {"a"})["ttl"], 77);

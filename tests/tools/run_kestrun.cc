@@ -114,6 +114,18 @@ Ran RunKestrunWithout(const std::vector<int>& closed, const std::vector<std::str
   return {status, TakeFile(out), TakeFile(err)};
 }
 
+Ran RunKestrunInto(const std::string& path, const std::vector<std::string>& arguments) {
+  const int in = MakeFile();
+  const int out = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  const int err = MakeFile();
+  Ran ran;
+  ran.status = WaitFor(Start(arguments, {in, out, err}));
+  close(in);
+  close(out);
+  ran.err = TakeFile(err);
+  return ran;
+}
+
 RunningKestrun::RunningKestrun(const std::vector<std::string>& arguments)
     : out_(MakeFile()), err_(MakeFile()) {
   const int in = MakeFile();

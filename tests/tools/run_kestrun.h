@@ -23,6 +23,9 @@ Ran RunKestrunOnTerminal(const std::vector<std::string>& arguments, const std::s
 // With the descriptors of `closed` closed.
 Ran RunKestrunWithout(const std::vector<int>& closed, const std::vector<std::string>& arguments);
 
+// With standard output going to the file `path`.
+Ran RunKestrunInto(const std::string& path, const std::vector<std::string>& arguments);
+
 // Started and not waited for.
 class RunningKestrun {
  public:

@@ -34,6 +34,15 @@ TEST_F(StreamsTest, DataThatCanNotBeWrittenIsAFailure) {
   EXPECT_EQ(ran.err, "kestrun get: standard output is closed\n");
 }
 
+TEST_F(StreamsTest, AFullDiskBehindStandardOutputIsAFailure) {
+  Put("k", std::string(100000, 'x'));
+  const Ran ran = RunKestrunInto("/dev/full", {"get", store_, "k"});
+  EXPECT_EQ(ran.status, 3);
+  EXPECT_EQ(ran.err, "kestrun get: standard output can't be written: No space left on device\n");
+  Put("k", "small");
+  EXPECT_EQ(RunKestrunInto("/dev/full", {"get", store_, "k"}).status, 3);
+}
+
 TEST_F(StreamsTest, ProgressShowsOnATerminalOnly) {
   std::string rows;
   for (int i = 0; i < 2000; ++i) rows += "{\"key\":\"k" + std::to_string(i) + "\",\"value\":\"v\"}\n";

@@ -51,7 +51,7 @@ TEST_F(WriteReadTest, AKeyMayLookLikeAnything) {
 }
 
 TEST_F(WriteReadTest, AnEmptyValueIsAValue) {
-  EXPECT_EQ(Run("put", {"empty", ""}).status, 0);
+  EXPECT_EQ(Run("put", {"empty", ""}, "not read").status, 0);
   const Ran get = Run("get", {"empty"});
   EXPECT_EQ(get.status, 0);
   EXPECT_EQ(get.out, "");
