@@ -5,7 +5,8 @@ cd "$(dirname "$0")/../.." && . script/lib/common.sh
 
 seconds=${KESTRUN_FUZZ_SECONDS:-20}
 [ -e build/fuzz/CMakeCache.txt ] || quietly cmake -S . -B build/fuzz -G Ninja \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DKESTRUN_BUILD_FUZZERS=ON -DKESTRUN_BUILD_TOOLS=OFF
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DKESTRUN_BUILD_FUZZERS=ON -DKESTRUN_BUILD_TOOLS=OFF \
+  -DKESTRUN_SANITIZE=fuzzer-no-link,address,undefined
 quietly cmake --build build/fuzz --target fuzzers
 
 run_one() {
@@ -16,7 +17,7 @@ run_one() {
   mkdir -p "$work" build/fuzz/findings
   # The seeds in the tree stay as they are; what is new goes to a folder of this run.
   if "$program" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 -print_final_stats=1 \
-    -artifact_prefix="build/fuzz/findings/$name-" "$work" "tests/fuzz/corpus/${name%_fuzz}" \
+    -artifact_prefix="build/fuzz/findings/$name-" "$work" "tests/fuzz/corpus/$name" \
     >"$work.stdout" 2>"$work.log"; then
     printf '   %-24s %s runs, nothing found\n' "$name" "$(sed -n 's/stat::number_of_executed_units: *//p' "$work.log")"
   else
