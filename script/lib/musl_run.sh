@@ -92,4 +92,7 @@ cmake --preset arm64 -B "$work/tests" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolcha
   -DKESTRUN_MUSL_SYSROOT="$sysroot" -DKESTRUN_EMULATED_PAGE_SIZE="${KESTRUN_EMULATED_PAGE_SIZE:-}" >"$work/tests.log" 2>&1 &&
   cmake --build "$work/tests" >>"$work/tests.log" 2>&1 || { tail -60 "$work/tests.log"; exit 1; }
 log "built in $((SECONDS - started)) s"
-ctest --test-dir "$work/tests" --output-on-failure -j "$(nproc)" "$@"
+
+# Left out: the sweeps, whose programs are killed at moments that an emulator moves, and a test that starts its own
+# program anew, which an emulator does not.
+ctest --test-dir "$work/tests" --output-on-failure -j "$(nproc)" -LE sweep -E '^RecordCapacityDeathTest' "$@"
