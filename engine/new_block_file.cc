@@ -12,8 +12,7 @@ namespace Kestrun {
 
 namespace {
 
-// Far more than can be taken by chance; a host whose rand always returns the same must not stop here for
-// ever.
+// Far more than can be taken by chance; a host whose rand is constant must not stop here for ever.
 constexpr int kDraws = 1000;
 
 }  // namespace

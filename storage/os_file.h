@@ -7,9 +7,8 @@
 //   gate byte   1 byte at 0x40000000     read-locked while a reader enters, write-locked by a writer
 //   lock range  511 bytes behind it      read-locked by readers, write-locked by a writer
 //
-// Ownership: held through std::shared_ptr; the last reference unmaps the adopted mappings and closes the
-// file. Threads:   Lock and Unlock may be called from any thread; the thread that locked unlocks. The
-// wrappers of
+// Ownership: held through std::shared_ptr; the last reference unmaps what was adopted and closes the file.
+// Threads:   Lock and Unlock may be called from any thread; the thread that locked unlocks. The wrappers of
 //            system calls are as safe as these are.
 // Failure:   Open, Lock and Unlock return a status; the wrappers return what the system call returns and
 //            leave errno to the caller. Nothing is printed.
@@ -108,7 +107,6 @@ class OsFile {
   // PRead that goes on after a signal or a partial transfer. Fewer bytes than `length` mean that the file
   // ends there; -1 means that the system failed, whatever was read before.
   // PWrite that does the same. Fewer bytes than `length`, or -1, mean that the system takes no more.
-
   ssize_t PReadFully(void* buffer, size_t length, int64_t offset);
   ssize_t PWriteFully(const void* buffer, size_t length, int64_t offset);
 
