@@ -71,7 +71,7 @@ TEST_F(ProcessesTest, EachSeesTheBlocksThatTheOtherFlushesAndMerges) {
 }
 
 TEST_F(ProcessesTest, BothAppendAtTheSameTimeAndNothingIsLost) {
-  const int count = static_cast<int>(TestSize(400, 20000));
+  const int count = static_cast<int>(TestSize(800, 20000));
   Worker first;
   Worker second;
   OpenIn(first);
