@@ -9,7 +9,7 @@
 namespace Kestrun::Inspect {
 namespace {
 
-constexpr uint64_t kPiece = 64 * 1024;
+constexpr uint64_t kPiece = uint64_t{64} << 10;
 constexpr uint64_t kRow = 16;
 
 bool IsZero(std::string_view bytes) {

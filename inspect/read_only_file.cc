@@ -13,7 +13,7 @@
 namespace Kestrun::Inspect {
 namespace {
 
-constexpr size_t kWindowSize = 64 * 1024;
+constexpr size_t kWindowSize = size_t{64} << 10;
 
 }  // namespace
 

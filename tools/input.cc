@@ -14,7 +14,7 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr size_t kPiece = 64 * 1024;
+constexpr size_t kPiece = size_t{64} << 10;
 
 [[noreturn]] void FailToRead(const std::string& name) {
   throw InputError(name + " can't be read: " + std::strerror(errno));

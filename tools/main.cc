@@ -1,5 +1,6 @@
 // kestrun: works on a store from the command line. docs/cli.md is its guide.
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <exception>
 #include <new>
 #include <string>
@@ -106,8 +107,13 @@ int Run(const std::vector<std::string>& arguments) {
 }  // namespace Kestrun::Tools
 
 int main(int argc, char** argv) {
-  Kestrun::Tools::PrepareStreams();
-  const int status = Kestrun::Tools::Run(std::vector<std::string>(argv + 1, argv + argc));
-  Kestrun::Tools::FlushDiagnostics();
-  return status;
+  try {
+    Kestrun::Tools::PrepareStreams();
+    const int status = Kestrun::Tools::Run(std::vector<std::string>(argv + 1, argv + argc));
+    Kestrun::Tools::FlushDiagnostics();
+    return status;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kestrun: %s\n", error.what());
+    return Kestrun::Tools::kExitRefused;
+  }
 }

@@ -46,6 +46,7 @@ void PrepareStreams() {
 
 void WriteData(std::string_view bytes) {
   if (dataIsClosed) throw SystemFailure("standard output is closed");
+  if (bytes.empty()) return;  // and its data may be null
   if (std::fwrite(bytes.data(), 1, bytes.size(), data) != bytes.size()) FailToWrite();
 }
 
