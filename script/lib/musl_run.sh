@@ -6,7 +6,7 @@
 #
 # The first run makes the system to run on below build/musl: musl for arm64 from the distribution, libc++ built from
 # the distribution's source of LLVM 15. It downloads 170 MB and takes 2 to 3 minutes; later runs find it there.
-# KESTRUN_EMULATED_PAGE_SIZE=16384 or 65536 runs the tests as on a kernel with larger pages.
+# KESTRUN_EMULATED_PAGE_SIZE=16384 runs the tests as on a kernel with pages of that size.
 # Packages: clang-15 lld-15 qemu-user-static g++-aarch64-linux-gnu googletest ninja-build cmake xz-utils.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
