@@ -9,6 +9,7 @@
 #include "inspect/store_stat.h"
 #include "inspect/store_verify.h"
 #include "tests/inspect/store_fixture.h"
+#include "tests/support/random_run.h"
 
 namespace Kestrun::Inspect {
 namespace {
@@ -88,11 +89,10 @@ TEST_F(HostileFilesTest, EachNumberSetToItsExtremes) {
 }
 
 TEST_F(HostileFilesTest, RandomNumbersUnderRightChecksums) {
-  const unsigned seed = std::random_device()();
-  RecordProperty("seed", static_cast<int>(seed));
-  std::mt19937 random(seed);
+  std::mt19937_64 random = TestRandom(0);
+  const uint64_t rounds = TestSize(400, 20000);
   const std::map<std::string, std::string> good = files_;
-  for (int i = 0; i < 400; ++i) {
+  for (uint64_t i = 0; i < rounds; ++i) {
     for (const auto& [name, bytes] : good) {
       std::string changed = bytes;
       for (int j = 0; j < 3; ++j) {
@@ -104,7 +104,7 @@ TEST_F(HostileFilesTest, RandomNumbersUnderRightChecksums) {
       if (changed.size() == bytes.size()) changed = Sealed(name, changed);
       Put(name, changed);
     }
-    SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(i));
+    SCOPED_TRACE("seed " + std::to_string(TestSeed()) + " round " + std::to_string(i));
     LookAtEverything();
     if (HasFailure()) return;
   }
