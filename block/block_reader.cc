@@ -22,6 +22,23 @@ uint32_t StatusOf(FileWindow::Result result) {
   return kStatusBlockShortRead;
 }
 
+// Reads a header and checks the checksum of the bytes before `checksumOffset`, which stands there.
+template <typename Header>
+uint32_t ReadHeader(OsFile& file, uint64_t offset, size_t checksumOffset, Header* header) {
+  const ssize_t count = file.PReadFully(header, sizeof(*header), static_cast<int64_t>(offset));
+  if (count < 0) return kStatusBlockShortRead;
+  const bool sound = count == static_cast<ssize_t>(sizeof(*header)) &&
+                     StoreChecksum(header, checksumOffset) == header->checksum;
+  return sound ? kStatusOk : kStatusBlockCorrupt;
+}
+
+uint32_t ReadSectionSize(OsFile& file, uint64_t offset, uint64_t* size) {
+  SectionHeader header;
+  const uint32_t status = ReadHeader(file, offset, SectionHeaderOffset::kChecksum, &header);
+  if (status == kStatusOk) *size = header.size;
+  return status;
+}
+
 }  // namespace
 
 BlockReader::BlockReader(FileWindow::Source source, size_t windowSize)
@@ -33,26 +50,21 @@ uint32_t BlockReader::Start() {
   if (file == nullptr) return kStatusOpenFailed;
   if (file->Size(&fileSize_) != 0) return kStatusStatFailed;
 
-  const uint8_t* bytes = nullptr;
-  if (const uint32_t status = StatusOf(keys_.View(0, sizeof(BlockFileHeader), &bytes)); status != kStatusOk) {
-    return status;
-  }
   BlockFileHeader header;
-  std::memcpy(&header, bytes, sizeof(header));
-  if (StoreChecksum(&header, BlockFileHeaderOffset::kChecksum) != header.checksum) return kStatusBlockCorrupt;
+  uint32_t status = ReadHeader(*file, 0, BlockFileHeaderOffset::kChecksum, &header);
+  if (status != kStatusOk) return status;
 
   uint64_t dataSize = 0;
   uint64_t entryTableSize = 0;
-  if (const uint32_t status = ReadSectionHeader(kDataSectionOffset, &dataSize); status != kStatusOk)
-    return status;
   const uint64_t pageSize = PageSize();
+  status = ReadSectionSize(*file, kDataSectionOffset, &dataSize);
+  if (status != kStatusOk) return status;
   keyTableOffset_ = LayOutBlock(dataSize, 0, 0, pageSize).keyTableOffset;
-  if (const uint32_t status = ReadSectionHeader(keyTableOffset_, &keyTableSize_); status != kStatusOk)
-    return status;
+  status = ReadSectionSize(*file, keyTableOffset_, &keyTableSize_);
+  if (status != kStatusOk) return status;
   entryTableOffset_ = LayOutBlock(dataSize, keyTableSize_, 0, pageSize).entryTableOffset;
-  if (const uint32_t status = ReadSectionHeader(entryTableOffset_, &entryTableSize); status != kStatusOk) {
-    return status;
-  }
+  status = ReadSectionSize(*file, entryTableOffset_, &entryTableSize);
+  if (status != kStatusOk) return status;
 
   constexpr uint64_t kHeader = sizeof(SectionHeader);
   const bool possible = keyTableSize_ >= kHeader && keyTableOffset_ + keyTableSize_ <= fileSize_ &&
@@ -61,19 +73,8 @@ uint32_t BlockReader::Start() {
   if (!possible) return kStatusBlockCorrupt;
   entryCount_ = (entryTableSize - kHeader) / sizeof(BlockDataEntry);
   position_ = 0;
-  return kStatusOk;
-}
-
-uint32_t BlockReader::ReadSectionHeader(uint64_t offset, uint64_t* size) {
-  const uint8_t* bytes = nullptr;
-  if (const uint32_t status = StatusOf(keys_.View(offset, sizeof(SectionHeader), &bytes));
-      status != kStatusOk) {
-    return status;
-  }
-  SectionHeader header;
-  std::memcpy(&header, bytes, sizeof(header));
-  if (StoreChecksum(&header, SectionHeaderOffset::kChecksum) != header.checksum) return kStatusBlockCorrupt;
-  *size = header.size;
+  keys_.LimitTo(keyTableSize_);
+  entries_.LimitTo(entryTableSize);
   return kStatusOk;
 }
 

@@ -43,8 +43,6 @@ class BlockReader {
   uint64_t FileSize() const { return fileSize_; }
 
  private:
-  uint32_t ReadSectionHeader(uint64_t offset, uint64_t* size);
-
   FileWindow::Source source_;
   FileWindow entries_;
   FileWindow keys_;

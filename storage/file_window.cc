@@ -10,6 +10,10 @@ FileWindow::FileWindow(Source source, size_t capacity) : source_(std::move(sourc
 FileWindow::FileWindow(std::shared_ptr<OsFile> file, size_t capacity)
     : FileWindow([file = std::move(file)] { return file; }, capacity) {}
 
+void FileWindow::LimitTo(uint64_t size) {
+  if (size < capacity_) capacity_ = static_cast<size_t>(size);
+}
+
 FileWindow::Result FileWindow::View(uint64_t offset, size_t length, const uint8_t** bytes) {
   const bool shown = offset >= start_ && offset - start_ <= held_ && held_ - (offset - start_) >= length;
   if (!shown) {

@@ -31,6 +31,9 @@ class FileWindow {
   // A window on a file that stays open.
   FileWindow(std::shared_ptr<OsFile> file, size_t capacity);
 
+  // Lets the window hold no more than `size` bytes, for a stretch of the file that is no longer.
+  void LimitTo(uint64_t size);
+
   // Shows `length` bytes at `offset`. A stretch longer than the capacity makes the window grow.
   Result View(uint64_t offset, size_t length, const uint8_t** bytes);
 
