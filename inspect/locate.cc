@@ -11,9 +11,6 @@
 namespace Kestrun::Inspect {
 namespace {
 
-// A hostile manifest can name far more blocks than there are files.
-constexpr size_t kMostBlocks = 1u << 20;
-
 std::optional<EntryPlace> FindInLog(const std::string& directory, const std::string& key) {
   std::string why;
   const auto file = ReadOnlyFile::Open(LogPath(directory), &why);

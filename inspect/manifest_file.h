@@ -4,6 +4,7 @@
 // Units:   offsets are bytes from the start of the file, times are seconds since the Unix epoch.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -20,6 +21,9 @@ inline constexpr char kUnfinishedManifestEnding[] = ".next";
 
 // A filter of a store has at most 4097 bytes. Larger ones are read up to this size.
 inline constexpr uint64_t kLargestFilter = uint64_t{16} << 20;
+
+// A hostile manifest can name far more blocks than there are files. Lists of them end here.
+inline constexpr size_t kMostBlocks = size_t{1} << 20;
 
 struct ManifestHeaderView {
   ManifestHeader header = {};

@@ -15,9 +15,6 @@
 namespace Kestrun::Inspect {
 namespace {
 
-// A hostile manifest can name far more blocks than there are files.
-constexpr uint64_t kMostBlocks = 1u << 20;
-
 LogStat StatLog(const std::string& path, uint64_t now) {
   LogStat stat;
   std::string why;

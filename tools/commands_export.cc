@@ -18,8 +18,6 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr size_t kRecordIdSize = 2;
-
 struct ExportOptions : CommonOptions {
   std::string file = kStandardInput;  // "-" is standard output here
   std::string format;

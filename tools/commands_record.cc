@@ -15,7 +15,6 @@ namespace Kestrun::Tools {
 namespace {
 
 constexpr size_t kFirstValue = 3;  // behind STORE, KEY and FORMAT
-constexpr size_t kRecordIdSize = 2;
 
 struct RecordOptions : CommonOptions {
   std::string key;

@@ -1,6 +1,7 @@
 // tools/record_type.h: record types on the command line and in a store's schema file.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -10,6 +11,9 @@
 #include "kestrun/record_meta.h"
 
 namespace Kestrun::Tools {
+
+// A stored record begins with the id of its type; one without a value behind that is none.
+inline constexpr size_t kRecordIdSize = 2;
 
 // The record type that `text` describes. The library passes over what it does not understand in a text; on a
 // command line that would hide slips, so this throws UsageError, which says what is wrong, unless

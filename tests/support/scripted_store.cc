@@ -173,16 +173,22 @@ uint32_t ScriptedStore::Append(int number, const Step& step) {
 }
 
 // A deletion marker has no time to live: a second later a block that holds it answers as for any expired
-// entry. The key is gone in any case.
+// entry. The key is gone in any case. Where the entry is no marker, its writer may have put a value there
+// between the two calls; then the value can be read, or the key has been deleted once more.
 uint32_t ScriptedStore::Find(int key, int* found) {
-  const uint32_t status = Read(key, found);
-  if (status != kStatusInvalid) return status;
+  constexpr int kTries = 100;
   const Key name(ScriptKey(key));
-  DataEntry entry = {};
-  const uint32_t entryStatus = Call([&] { return engine_->GetDataEntry(name, entry); });
-  if (entryStatus == kStatusOk && !entry.deleted) return status;
-  *found = kAbsent;
-  return entryStatus;
+  uint32_t status = kStatusOk;
+  for (int i = 0; i < kTries; ++i) {
+    status = Read(key, found);
+    if (status != kStatusInvalid) return status;
+    DataEntry entry = {};
+    const uint32_t entryStatus = Call([&] { return engine_->GetDataEntry(name, entry); });
+    if (entryStatus == kStatusOk && !entry.deleted) continue;
+    *found = kAbsent;
+    return entryStatus;
+  }
+  return status;
 }
 
 uint32_t ScriptedStore::Read(int key, int* found) {
