@@ -1,6 +1,7 @@
 #include "tests/support/captured_stdout.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,10 +28,14 @@ CapturedStdout::CapturedStdout() {
 }
 
 CapturedStdout::~CapturedStdout() {
+  if (testing::Test::HasFailure()) Take();
   std::fflush(stdout);
   Checked(dup2(saved_, STDOUT_FILENO), "dup2");
   close(saved_);
   close(file_);
+  if (!testing::Test::HasFailure()) return;
+  std::fwrite(taken_.data(), 1, taken_.size(), stdout);
+  std::fflush(stdout);
 }
 
 std::string CapturedStdout::Take() {
@@ -45,6 +50,7 @@ std::string CapturedStdout::Take() {
   // Standard output shares the file's position, so the next text begins at 0 again.
   Checked(ftruncate(file_, 0), "ftruncate");
   lseek(file_, 0, SEEK_SET);
+  taken_ += text;
   return text;
 }
 

@@ -8,7 +8,8 @@ namespace Kestrun::Testing {
 class CapturedStdout {
  public:
   CapturedStdout();
-  // Standard output is what it was before.
+  // Standard output is what it was before. When the test has failed, what was written meanwhile follows there:
+  // the failure's own message is part of it.
   ~CapturedStdout();
   CapturedStdout(const CapturedStdout&) = delete;
   CapturedStdout& operator=(const CapturedStdout&) = delete;
@@ -19,6 +20,7 @@ class CapturedStdout {
  private:
   int saved_;
   int file_;
+  std::string taken_;
 };
 
 }  // namespace Kestrun::Testing
