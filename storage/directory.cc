@@ -70,7 +70,10 @@ uint32_t RemoveFilesNamedLike(const std::string& directory, const std::string& t
 }
 
 bool SyncDirectory(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  int descriptor;
+  do {
+    descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  } while (descriptor < 0 && errno == EINTR);
   // Whoever may not read a directory can still have files in it.
   if (descriptor < 0) return errno == EACCES;
   const bool synced = fsync(descriptor) == 0 || errno == EINVAL || errno == EOPNOTSUPP || errno == EROFS;

@@ -28,16 +28,12 @@ bool FillAndLink(int descriptor, const std::string& path, const void* head, size
 }  // namespace
 
 bool GiveBirthToFile(const std::string& path, const void* head, size_t headSize, uint64_t length) {
-  const int descriptor = open(DirectoryOf(path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  const int descriptor =
+      BehindStandardStreams(open(DirectoryOf(path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
   if (descriptor < 0) return false;
   const bool born = FillAndLink(descriptor, path, head, headSize, length);
   // Another thread may have opened the file by its name and locked it already.
-  struct stat info = {};
-  if (born && fstat(descriptor, &info) == 0) {
-    CloseBetweenSections(descriptor, InodeRegistry<InodeInfo>::FindOrCreate(IdOf(info), [](InodeInfo&) {}));
-  } else {
-    close(descriptor);
-  }
+  CloseBetweenSections(descriptor);
   return born;
 }
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <new>
 
 #include "kestrun/status.h"
 
@@ -43,15 +44,10 @@ int OpenDescriptor(const std::string& path, uint16_t flags) {
 
   if (descriptor <= 0) {
     // Descriptor 0 counts as a failure; callers rely on it.
-    if (descriptor == 0) close(descriptor);
+    if (descriptor == 0) CloseBetweenSections(descriptor);
     return -1;
   }
-  if (descriptor < kFirstUsableDescriptor) {
-    const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, kFirstUsableDescriptor);
-    close(descriptor);
-    return moved;
-  }
-  return descriptor;
+  return BehindStandardStreams(descriptor);
 }
 
 }  // namespace
@@ -63,6 +59,29 @@ InodeId IdOf(const struct stat& info) {
 void CloseBetweenSections(int descriptor, InodeInfo* inode) {
   const std::lock_guard<std::recursive_mutex> lock(inode->mutex);
   close(descriptor);
+}
+
+void CloseBetweenSections(int descriptor) noexcept {
+  struct stat info = {};
+  InodeInfo* inode = nullptr;
+  try {
+    if (fstat(descriptor, &info) == 0) {
+      inode = InodeRegistry<InodeInfo>::FindOrCreate(IdOf(info), [](InodeInfo&) {});
+    }
+  } catch (const std::bad_alloc&) {
+  }
+  if (inode == nullptr) {
+    close(descriptor);
+  } else {
+    CloseBetweenSections(descriptor, inode);
+  }
+}
+
+int BehindStandardStreams(int descriptor) noexcept {
+  if (descriptor < 0 || descriptor >= kFirstUsableDescriptor) return descriptor;
+  const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, kFirstUsableDescriptor);
+  CloseBetweenSections(descriptor);
+  return moved;
 }
 
 void InodeInfo::AfterFork() {

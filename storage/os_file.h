@@ -65,6 +65,11 @@ InodeId IdOf(const struct stat& info);
 // Closes a descriptor of the file that `inode` belongs to while no other thread of the process is inside a
 // locked section on it: any close drops the locks of the whole process.
 void CloseBetweenSections(int descriptor, InodeInfo* inode);
+// The same for a descriptor whose file has not been looked up. At once when the lookup fails.
+void CloseBetweenSections(int descriptor) noexcept;
+// The descriptor, moved behind the standard streams, onto which the host and the library may print; -1 when it
+// can't be moved.
+int BehindStandardStreams(int descriptor) noexcept;
 
 class OsFile {
  public:

@@ -6,13 +6,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kestrun/status.h"
+#include "tests/support/byte_locks.h"
 #include "tests/support/child_process.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/process_maps.h"
@@ -25,6 +28,7 @@ using Testing::ChildLink;
 using Testing::ChildProcess;
 using Testing::CountDescriptors;
 using Testing::DescriptorsOf;
+using Testing::LocksOfOthers;
 using Testing::MappingsOf;
 using Testing::ReadFile;
 using Testing::ScratchDirectory;
@@ -141,6 +145,33 @@ TEST(OsFileOpenTest, WithoutStandardOutputAndErrorAFileStillGetsADescriptorBehin
     EXPECT_EQ(child.Wait(), 0) << flags;
     EXPECT_EQ(ReadFile(path), "kept") << flags;
   }
+}
+
+// Moving the descriptor closes one of the file, and any close drops the locks of the whole process.
+TEST(OsFileOpenTest, WithoutStandardOutputOpeningDropsNoLockOfAnotherThread) {
+  const ScratchDirectory directory;
+  const std::string path = directory.PathOf("file");
+  ChildProcess child([&](ChildLink& parent) {
+    close(STDOUT_FILENO);
+    auto locked = OpenFile(path);
+    if (locked->Lock(LockLevel::Exclusive) != kStatusOk) return 1;
+    std::shared_ptr<OsFile> second;
+    std::thread opener([&] { IgnoreStatus(OsFile::Open(path, kOpenReadWrite, &second)); });
+    const auto isMoved = [&] {
+      const std::vector<int> descriptors = DescriptorsOf(path);
+      return std::count_if(descriptors.begin(), descriptors.end(), [](int number) { return number >= 3; }) ==
+             2;
+    };
+    while (!isMoved()) std::this_thread::yield();
+    const bool asked = parent.Signal() && parent.Await();
+    const uint32_t unlocked = locked->Unlock(LockLevel::Exclusive);
+    opener.join();
+    return asked && unlocked == kStatusOk && second != nullptr && DescriptorsOf(path).size() == 2 ? 0 : 2;
+  });
+  ASSERT_TRUE(child.Await());
+  EXPECT_NE(LocksOfOthers(path), "");
+  child.Signal();
+  EXPECT_EQ(child.Wait(), 0);
 }
 
 TEST(OsFileInodeTest, HandlesOfOnePathAndOfHardLinksShareOneRecordThatOutlivesThem) {
