@@ -163,7 +163,7 @@ class KESTRUN_EXPORT LSDBImpl {
   std::shared_ptr<Block> FindBlock(const Key& key);
 
  private:
-  bool IsOpen() const { return wal_ != nullptr && manifest_ != nullptr && cache_ != nullptr; }
+  bool IsOpen() const { return cache_ != nullptr; }  // which Open sets last
 
   std::string BlockPath(const std::string& name) const;
   void NoticeManifestMoves();

@@ -293,6 +293,19 @@ TEST_F(CompactTest, ADamagedManifestEndsTheCompaction) {
   EXPECT_EQ(Value(*engine_, "key1"), "value1") << "the list that was read before is still used";
 }
 
+TEST_F(CompactTest, ADamagedManifestHeaderEndsTheCompaction) {
+  MakeBlocks(*engine_, 4);
+  const Strings blocks = BlockFiles();
+  const char flipped = static_cast<char>(Manifest().Bytes()[20] ^ 1);  // a byte of the checksum
+  const int file = open(PathOf("manifest_v5").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(pwrite(file, &flipped, 1, 20), 1);
+  close(file);
+  CapturedStdout output;
+  EXPECT_EQ(engine_->ForceCompact(), kStatusManifestChecksum);
+  EXPECT_EQ(output.Take(), "Invalid manifest header checksum");
+  EXPECT_EQ(BlockFiles(), blocks);
+}
+
 // An entry that expires between the counting and the copying makes the counting wrong. The merged block can
 // be read all the same, also by those who have to load it.
 TEST_F(CompactTest, AnEntryThatExpiresDuringTheCompactionCostsNothingElse) {

@@ -314,6 +314,34 @@ TEST_F(WalReplayTest, AnotherRecordInThePlaceOfAWantedOneMeansTheSame) {
   EXPECT_EQ(Keys(*wal), (KeyList{"new", "one", "three"}));
 }
 
+// Between a first and a last record that are the same in both logs, "two" is another record in each of these.
+TEST_F(WalReplayTest, AnotherRecordIsToldByKeyLengthTimeAndPlaceOfItsValue) {
+  const struct {
+    const char* what;
+    LogImageRecord record;
+    LogImageRecord filler;  // brings the last record to its old place
+    std::string found;
+  } rows[] = {{"a longer key", {"twos", "ab"}, {"pad", "abc"}, kMissing},
+              {"a longer value", {"two", "longer"}, {"pad", ""}, "longer"},
+              {"a later time", {"two", "new", false, 1700000001}, {"pad", "abc"}, "new"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    LogImage image(1000);
+    for (const char* key : {"one", "two", "pad", "three"}) image.Append({key, "abc"});
+    auto wal = OpenLog(image);
+    EXPECT_EQ(Keys(*wal).size(), 4u);
+    LogImage other(1000);
+    other.Append({"one", "abc"});
+    other.Append(row.record);
+    other.Append(row.filler);
+    other.Append({"three", "abc"});
+    ASSERT_EQ(other.Used(), image.Used());
+    Change(*wal, other);
+    EXPECT_EQ(Get(*wal, "two"), row.found);
+    EXPECT_EQ(Keys(*wal).size(), 4u);
+  }
+}
+
 TEST_F(WalReplayTest, AMoveOfTheManifestByOthersMakesTheReplayStartOver) {
   LogImage image(1000);
   for (const char* key : {"one", "two", "three"}) image.Append({key, "1"});
