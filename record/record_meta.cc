@@ -37,15 +37,15 @@ std::unique_ptr<RecordMeta> ParseRecordMeta(unsigned short id, const std::string
   SplitString(text, parts, " ", 2);
   if (parts.size() < 2) return nullptr;
 
-  std::vector<std::string> specifications;
-  SplitString(parts[1], specifications, ",");
+  std::vector<std::string> declarations;
+  SplitString(parts[1], declarations, ",");
 
   // The record type owns its fields from the start, so that nothing is lost when memory runs out.
   auto meta = std::make_unique<RecordMeta>(id, text, std::move(parts[0]), std::vector<Field*>());
-  meta->fields.reserve(specifications.size());
-  for (const std::string& specification : specifications) {
+  meta->fields.reserve(declarations.size());
+  for (const std::string& declaration : declarations) {
     std::vector<std::string> field;
-    SplitString(specification, field, ":", 2);
+    SplitString(declaration, field, ":", 2);
     if (field.size() < 2) continue;
     const ValueType type = ParseValueType(field[1]);
     meta->fields.push_back(new Field{std::move(field[0]), type});

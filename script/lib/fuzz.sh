@@ -12,7 +12,7 @@ quietly cmake --build build/fuzz --target fuzzers
 run_one() {
   local program=$1 name work
   name=$(basename "$program")
-  work=build/fuzz/work/$name
+  work=build/fuzz/run/$name
   rm -rf "$work"
   mkdir -p "$work" build/fuzz/findings
   # The seeds in the tree stay as they are; what is new goes to a folder of this run.

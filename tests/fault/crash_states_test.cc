@@ -1,11 +1,11 @@
 // The store after a loss of power, at any moment of its life and with any part of what was not forced to the
 // disk. docs/reliability.md tells what is tried and what was found.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +28,7 @@
 #include "tests/support/random_run.h"
 #include "tests/support/scratch_directory.h"
 #include "tests/support/scripted_store.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -128,26 +129,18 @@ struct Figures {
 // Opens states in child processes, a batch in each.
 class Checker {
  public:
-  Checker()
-      : root_(DirectoryForStates()),
-        verdicts_(static_cast<Verdict*>(mmap(nullptr, sizeof(Verdict) * kBatch, PROT_READ | PROT_WRITE,
-                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
-  ~Checker() { munmap(verdicts_, sizeof(Verdict) * kBatch); }
-  Checker(const Checker&) = delete;
-  Checker& operator=(const Checker&) = delete;
-
   void Try(State state) {
     states_.push_back(std::move(state));
     if (states_.size() == kBatch) Flush();
   }
 
   void Flush() {
-    std::fill_n(verdicts_, kBatch, Verdict());
+    verdicts_->fill(Verdict());
     for (int stage = 0; stage < static_cast<int>(kLastStage); stage += 2) {
       while (RunChild(stage)) {
       }
     }
-    for (size_t i = 0; i < states_.size(); ++i) Count(verdicts_[i]);
+    for (size_t i = 0; i < states_.size(); ++i) Count((*verdicts_)[i]);
     std::error_code ignored;
     for (size_t i = 0; i < states_.size(); ++i) std::filesystem::remove_all(PathOf(i), ignored);
     states_.clear();
@@ -164,7 +157,7 @@ class Checker {
     ChildProcess child([&](ChildLink&) {
       if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
       for (size_t i = 0; i < states_.size(); ++i) {
-        Verdict* verdict = &verdicts_[i];
+        Verdict* verdict = &(*verdicts_)[i];
         if (verdict->stage != stage || verdict->failed) continue;
         alarm(kSecondsForOneState);
         ++verdict->stage;
@@ -179,7 +172,7 @@ class Checker {
     const int result = child.Wait();
     if (result == 0) return false;
     for (size_t i = 0; i < states_.size(); ++i) {
-      Verdict* verdict = &verdicts_[i];
+      Verdict* verdict = &(*verdicts_)[i];
       if (verdict->stage != stage + 1 || verdict->failed) continue;
       verdict->failed = true;
       std::snprintf(verdict->message, sizeof(verdict->message), "process %d ends with %d", stage / 2 + 1,
@@ -202,7 +195,7 @@ class Checker {
     if (!verdict.failed) return;
     ++figures.failed;
     if (figures.failed > 10) return;
-    const size_t number = static_cast<size_t>(&verdict - verdicts_);
+    const size_t number = static_cast<size_t>(&verdict - verdicts_->data());
     ADD_FAILURE() << verdict.message << "\n" << DescribeState(states_[number]);
   }
 
@@ -214,8 +207,8 @@ class Checker {
     return text;
   }
 
-  std::string root_;
-  Verdict* verdicts_;
+  const std::string root_ = DirectoryForStates();
+  const SharedMemory<std::array<Verdict, kBatch>> verdicts_;
   std::vector<State> states_;
 };
 

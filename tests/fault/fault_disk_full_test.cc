@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -15,7 +14,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <new>
 #include <random>
 #include <string>
 
@@ -24,6 +22,7 @@
 #include "tests/support/random_run.h"
 #include "tests/support/scratch_directory.h"
 #include "tests/support/scripted_store.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -188,12 +187,9 @@ TEST(DiskFull, GivesStatusesAndLosesNothingAcknowledged) {
   DiskReport sum = {};
   for (size_t pages = 0; pages < sizes; ++pages) {
     const ScratchDirectory directory;
-    void* memory =
-        mmap(nullptr, sizeof(DiskReport), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(memory, MAP_FAILED);
-    auto* report = new (memory) DiskReport();
+    const SharedMemory<DiskReport> report;
     ChildProcess process(
-        [&](ChildLink&) { return UseDisk(directory.Path(), kBallast + pages * kPage, report); });
+        [&](ChildLink&) { return UseDisk(directory.Path(), kBallast + pages * kPage, report.get()); });
     const int status = process.Wait();
     EXPECT_EQ(status, 0) << "a disk with " << pages << " pages of room: " << report->message;
     ++disks;
@@ -202,7 +198,6 @@ TEST(DiskFull, GivesStatusesAndLosesNothingAcknowledged) {
     sum.openRefused += report->openRefused;
     sum.refused += report->refused;
     sum.steps += report->steps;
-    munmap(memory, sizeof(DiskReport));
   }
   std::printf(
       "disk full: %d %s, %d operations, %d of them refused with a status (%d openings), %d losses, %.1f s\n",

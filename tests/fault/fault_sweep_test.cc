@@ -2,7 +2,6 @@
 // with the errors that it may meet, and looks whether each operation gives a status and is either done or
 // not, and whether the store is whole and goes on working afterwards.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,12 +11,10 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -25,6 +22,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/random_run.h"
 #include "tests/support/scratch_directory.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -157,13 +155,6 @@ struct SweepReport {
   char message[8000] = {};
 };
 
-template <typename T>
-T* Shared() {
-  void* memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) std::abort();
-  return new (memory) T();
-}
-
 // One of the processes that share out the attempts.
 class Worker {
  public:
@@ -243,7 +234,7 @@ class Worker {
 
   const std::string directory_;
   SweepReport* const report_;
-  FaultReport* const attempt_ = Shared<FaultReport>();
+  FaultReport* const attempt_ = NewSharedObject<FaultReport>();
 };
 
 // The attempts at one case: all of them, or at most so many, spread over the whole workload.
@@ -256,7 +247,7 @@ void TryAll(Worker& worker, const FaultCase& faultCase, long calls, long most) {
 
 // A run in which nothing fails; it tells how often each call is made.
 const FaultReport& RunWithoutFaults(const std::string& directory) {
-  FaultReport* report = Shared<FaultReport>();
+  FaultReport* report = NewSharedObject<FaultReport>();
   ChildProcess process([&](ChildLink&) { return RunFaultAttempt(directory, {}, true, report); });
   EXPECT_EQ(process.Wait(), 0) << report->message;
   return *report;
@@ -273,11 +264,11 @@ class FaultSweep : public testing::Test {
   template <typename Work>
   void Sweep(const char* what, size_t count, Work work) {
     const auto begun = std::chrono::steady_clock::now();
-    auto* next = Shared<std::atomic<size_t>>();
+    auto* next = NewSharedObject<std::atomic<size_t>>();
     std::array<SweepReport*, kWorkers> reports;
     std::vector<std::unique_ptr<ChildProcess>> workers;
     for (size_t i = 0; i < kWorkers; ++i) {
-      reports[i] = Shared<SweepReport>();
+      reports[i] = NewSharedObject<SweepReport>();
       workers.push_back(std::make_unique<ChildProcess>([&, i](ChildLink&) {
         Worker worker(scratch_.PathOf("store-" + std::to_string(i)), reports[i]);
         for (size_t at = (*next)++; at < count; at = (*next)++) work(worker, at);

@@ -43,22 +43,22 @@ expect "the dynamic linker learns of the library" bash -c "
   [ \"\$(dpkg-deb --ctrl-tarfile '$package' | tar -xO ./shlibs)\" = 'libKestrun2 $major kestrun2 (>= $version)' ] ||
   { dpkg-deb --ctrl-tarfile '$package' | tar -xO ./shlibs; false; }"
 
-dpkg-deb -x "$package" root
+dpkg-deb -x "$package" tree
 expect "library, headers, CMake package and pkg-config file lie below /usr" bash -c "
-  cd root/usr && ls include/kestrun/kestrun.h lib/libKestrun2.so.$version lib/cmake/Kestrun2/Kestrun2Config.cmake \
+  cd tree/usr && ls include/kestrun/kestrun.h lib/libKestrun2.so.$version lib/cmake/Kestrun2/Kestrun2Config.cmake \
     lib/pkgconfig/kestrun2.pc && diff -r '$source/include/kestrun' include/kestrun"
 expect "everything belongs to root" bash -c "! dpkg-deb -c '$package' | grep -v ' root/root '"
 expect "a program builds against the package" bash -c "
   g++ -std=c++17 '$source/tests/install/outside/main.cc' -o program \
-    \$(PKG_CONFIG_PATH=root/usr/lib/pkgconfig pkg-config --cflags --libs kestrun2)"
+    \$(PKG_CONFIG_PATH=tree/usr/lib/pkgconfig pkg-config --cflags --libs kestrun2)"
 mkdir store
-expect "and runs" env LD_LIBRARY_PATH=root/usr/lib ./program store
+expect "and runs" env LD_LIBRARY_PATH=tree/usr/lib ./program store
 if [ -x "$build/tools/kestrun" ]; then
   expect "the program is in the package and runs" bash -c "
-    [ \"\$(root/usr/bin/kestrun --version)\" = \"\$('$build/tools/kestrun' --version)\" ]"
+    [ \"\$(tree/usr/bin/kestrun --version)\" = \"\$('$build/tools/kestrun' --version)\" ]"
   expect "it finds the library beside itself" bash -c "
-    ldd root/usr/bin/kestrun | grep -q 'libKestrun2.*$work/root/usr/'"
-  expect "its manual page is there" test -f root/usr/share/man/man1/kestrun.1
+    ldd tree/usr/bin/kestrun | grep -q 'libKestrun2.*$work/tree/usr/'"
+  expect "its manual page is there" test -f tree/usr/share/man/man1/kestrun.1
 fi
 
 exit $((failures > 0))

@@ -1,15 +1,12 @@
 // Kills processes at random moments while several of them work on one store, and looks whether the survivors,
 // and those that take the place of the dead, find everything that was acknowledged.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
-#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -20,6 +17,7 @@
 #include "tests/support/random_run.h"
 #include "tests/support/scratch_directory.h"
 #include "tests/support/scripted_store.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -177,12 +175,6 @@ class LoadProcess {
 
 class KillUnderLoad : public testing::Test {
  protected:
-  KillUnderLoad() {
-    void* memory = mmap(nullptr, sizeof(Load), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) std::abort();
-    load_ = new (memory) Load;
-  }
-
   void Start(int number) {
     processes_[number] = std::make_unique<ChildProcess>([this, number](ChildLink&) {
       return LoadProcess(directory_.PathOf("store"), number, ++lives_, load_).Run();
@@ -204,7 +196,7 @@ class KillUnderLoad : public testing::Test {
   }
 
   const ScratchDirectory directory_;
-  Load* load_;
+  Load* const load_ = NewSharedObject<Load>();
   std::unique_ptr<ChildProcess> processes_[kProcesses];
   uint64_t lives_ = 0;
   int kills_ = 0;

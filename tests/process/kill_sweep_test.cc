@@ -3,17 +3,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -22,6 +19,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/random_run.h"
 #include "tests/support/scratch_directory.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -95,13 +93,6 @@ struct WorkerReport {
   int failures = 0;
   char message[2000] = {};
 };
-
-template <typename T>
-T* Shared() {
-  void* memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) std::abort();
-  return new (memory) T();
-}
 
 // One of the processes that share out the kill points. It stays on one processor together with the children
 // that it traces: they never run at the same time, and going to and fro between two would take most of it.
@@ -188,7 +179,7 @@ class Worker {
   WorkerReport* report_;
   ScratchDirectory scratch_;
   std::string directory_;
-  KillProgress* progress_ = Shared<KillProgress>();
+  KillProgress* progress_ = NewSharedObject<KillProgress>();
 };
 
 // Runs `work(worker number)` in processes beside each other; the figures of all come back together.
@@ -197,7 +188,7 @@ WorkerReport ShareOut(Work work) {
   std::array<WorkerReport*, kWorkers> reports;
   std::vector<std::unique_ptr<ChildProcess>> workers;
   for (int i = 0; i < kWorkers; ++i) {
-    reports[static_cast<size_t>(i)] = Shared<WorkerReport>();
+    reports[static_cast<size_t>(i)] = NewSharedObject<WorkerReport>();
     workers.push_back(std::make_unique<ChildProcess>([&, i](ChildLink&) {
       Worker worker(i, reports[static_cast<size_t>(i)]);
       work(worker, i);

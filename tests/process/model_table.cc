@@ -1,14 +1,12 @@
 #include "tests/process/model_table.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "tests/support/random_run.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -70,9 +68,7 @@ uint64_t NextDeletion(unsigned key, uint64_t version) {
 }
 
 ModelTable* ModelTable::Make() {
-  void* memory = mmap(nullptr, sizeof(ModelTable), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) std::abort();
-  return new (memory) ModelTable;
+  return NewSharedObject<ModelTable>();
 }
 
 void ModelTable::Fail(const std::string& what) {

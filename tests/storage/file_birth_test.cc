@@ -14,11 +14,11 @@
 #include <vector>
 
 #include "storage/directory.h"
-#include "tests/storage/shared_memory.h"
 #include "tests/support/child_process.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/process_maps.h"
 #include "tests/support/scratch_directory.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun {
 namespace {

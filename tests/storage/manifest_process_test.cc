@@ -6,9 +6,9 @@
 #include <thread>
 
 #include "tests/storage/manifest_fixture.h"
-#include "tests/storage/shared_memory.h"
 #include "tests/support/child_process.h"
 #include "tests/support/random_run.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun::Testing {
 namespace {

@@ -9,11 +9,11 @@
 #include <thread>
 
 #include "storage/page_size.h"
-#include "tests/storage/shared_memory.h"
 #include "tests/storage/wal_fixture.h"
 #include "tests/support/child_process.h"
 #include "tests/support/process_maps.h"
 #include "tests/support/random_run.h"
+#include "tests/support/shared_memory.h"
 
 namespace Kestrun::Testing {
 namespace {

@@ -9,21 +9,26 @@
 
 namespace Kestrun::Testing {
 
+// One that stays until the process ends.
+template <typename Object>
+Object* NewSharedObject() {
+  void* bytes = mmap(nullptr, sizeof(Object), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (bytes == MAP_FAILED) {
+    std::perror("mmap");
+    std::abort();
+  }
+  return new (bytes) Object();
+}
+
 template <typename Object>
 class SharedMemory {
  public:
-  SharedMemory() {
-    void* bytes = mmap(nullptr, sizeof(Object), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (bytes == MAP_FAILED) {
-      std::perror("mmap");
-      std::abort();
-    }
-    object_ = new (bytes) Object();
-  }
+  SharedMemory() : object_(NewSharedObject<Object>()) {}
   ~SharedMemory() { munmap(object_, sizeof(Object)); }
   SharedMemory(const SharedMemory&) = delete;
   SharedMemory& operator=(const SharedMemory&) = delete;
 
+  Object* get() const { return object_; }
   Object* operator->() const { return object_; }
   Object& operator*() const { return *object_; }
 
