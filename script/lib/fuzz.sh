@@ -16,7 +16,7 @@ run_one() {
   rm -rf "$work"
   mkdir -p "$work" build/fuzz/findings
   # The seeds in the tree stay as they are; what is new goes to a folder of this run.
-  if "$program" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 -print_final_stats=1 \
+  if "$program" -max_total_time="$seconds" -rss_limit_mb=4096 -timeout=10 -print_final_stats=1 \
     -artifact_prefix="build/fuzz/findings/$name-" "$work" "tests/fuzz/corpus/$name" \
     >"$work.stdout" 2>"$work.log"; then
     printf '   %-24s %s runs, nothing found\n' "$name" "$(sed -n 's/stat::number_of_executed_units: *//p' "$work.log")"
