@@ -1,8 +1,8 @@
 # 64-bit Arm Linux with the distribution's cross compiler; test programs run under user-mode emulation.
 #
 # Packages: g++-aarch64-linux-gnu, qemu-user-static. KESTRUN_EMULATED_PAGE_SIZE=16384 runs the tests as on a kernel
-# with pages of that size. With 65536 only programs without threads run: the emulator does not map the end of the
-# page behind the dynamic loader's data, which the loader takes for its own when a thread starts.
+# with pages of that size. With 65536 the emulator ends some programs that start threads: it does not map the end of
+# the page behind the dynamic loader's data, which the loader takes for its own.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 
