@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/clock.h"
 #include "block/block_reader.h"
 #include "kestrun/status.h"
-#include "storage/clock.h"
 
 namespace Kestrun {
 namespace {
@@ -14,7 +14,7 @@ namespace {
 constexpr size_t kLoadWindow = 256 * 1024;
 
 // Of a longer value it is made sure that the file holds it before memory is allocated.
-constexpr uint32_t kModestValue = 64 * 1024;
+constexpr uint32_t kMaxUncheckedValue = 64 * 1024;
 
 // Calls `take` with each entry of the file.
 template <typename Take>
@@ -81,7 +81,8 @@ uint32_t Block::ReadValue(const DataEntry& entry, void** value) const {
   }
   uint64_t size = 0;
   const uint64_t end = uint64_t{entry.valueOffset} + entry.valueSize;
-  if (entry.valueSize > kModestValue && file_->Size(&size) == 0 && end > size) return kStatusBlockShortRead;
+  if (entry.valueSize > kMaxUncheckedValue && file_->Size(&size) == 0 && end > size)
+    return kStatusBlockShortRead;
   std::unique_ptr<void, decltype(&std::free)> buffer(std::malloc(entry.valueSize), &std::free);
   if (buffer == nullptr) return kStatusNoMemory;
   const ssize_t read = file_->PReadFully(buffer.get(), entry.valueSize, entry.valueOffset);

@@ -13,7 +13,7 @@ namespace Kestrun {
 namespace {
 
 // What a load that failed with `status` means for later ones; a corrupt file is deleted.
-uint32_t SettleFailure(uint32_t status, const std::string& path) {
+uint32_t ClassifyLoadFailure(uint32_t status, const std::string& path) {
   if (status == kStatusBlockCorrupt) {
     IgnoreStatus(std::remove(path.c_str()));  // the block is lost either way
     return kStatusOk;
@@ -25,31 +25,31 @@ uint32_t SettleFailure(uint32_t status, const std::string& path) {
 // A file that is gone is no other file: the block that was loaded from it lives on.
 bool IsAnotherFile(const Block& block, const std::string& path) {
   struct stat info = {};
-  return stat(path.c_str(), &info) == 0 && !(IdOf(info) == block.FileId());
+  return stat(path.c_str(), &info) == 0 && !(InodeIdOf(info) == block.FileId());
 }
 
 }  // namespace
 
 std::shared_ptr<Block> BlockCache::GetOrLoad(const std::string& name, const std::string& path,
-                                             uint32_t* failure, const std::shared_ptr<const void>& listing) {
+                                             uint32_t* failure, const std::shared_ptr<const void>& owner) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (failure != nullptr) *failure = kStatusOk;
   if (const auto found = index_.find(name); found != index_.end()) {
     Cached& cached = *found->second;
-    if (cached.listing == listing || !IsAnotherFile(*cached.block, path)) {
-      cached.listing = listing;
+    if (cached.owner == owner || !IsAnotherFile(*cached.block, path)) {
+      cached.owner = owner;
       blocks_.splice(blocks_.begin(), blocks_, found->second);
       return cached.block;
     }
   }
   Block* loaded = nullptr;
   if (const uint32_t status = Block::Load(path, &loaded); status != kStatusOk) {
-    const uint32_t lasting = SettleFailure(status, path);
+    const uint32_t lasting = ClassifyLoadFailure(status, path);
     if (failure != nullptr) *failure = lasting;
     return nullptr;
   }
   const std::shared_ptr<Block> block(loaded);
-  Insert({name, block, listing});
+  Insert({name, block, owner});
   return block;
 }
 
@@ -59,7 +59,7 @@ bool BlockCache::Check(const std::string& name, const std::string& path, uint32_
   if (index_.count(name) != 0 && access(path.c_str(), F_OK) == 0) return true;
   const uint32_t status = Block::Verify(path);
   if (status == kStatusOk) return true;
-  *failure = SettleFailure(status, path);
+  *failure = ClassifyLoadFailure(status, path);
   return false;
 }
 

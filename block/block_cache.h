@@ -28,12 +28,12 @@ class BlockCache {
   // caches nothing, so the next call tries again. `*failure`, when asked for, is the status of a load that
   // may succeed later, and kStatusOk otherwise: also when the file is gone, or was corrupt and is gone now.
   //
-  // `listing` is what the name was found through. A block found through another one is loaded again when the
+  // `owner` is what the name was found through. A block found through another one is loaded again when the
   // file at `path` is not the one that it was loaded from: a name comes back when a process draws it after a
   // compaction of another process has removed its file.
   std::shared_ptr<Block> GetOrLoad(const std::string& name, const std::string& path,
                                    uint32_t* failure = nullptr,
-                                   const std::shared_ptr<const void>& listing = nullptr);
+                                   const std::shared_ptr<const void>& owner = nullptr);
   // Looks whether the block `name` can be read from `path`, and deletes a corrupt file as GetOrLoad does,
   // without loading it. `*failure` as above.
   bool Check(const std::string& name, const std::string& path, uint32_t* failure);
@@ -49,7 +49,7 @@ class BlockCache {
   struct Cached {
     std::string name;
     std::shared_ptr<Block> block;
-    std::shared_ptr<const void> listing;  // what the block is known to belong to
+    std::shared_ptr<const void> owner;  // what the block is known to belong to
   };
   using Blocks = std::list<Cached>;
 

@@ -15,8 +15,8 @@ constexpr size_t kNoCursor = std::numeric_limits<size_t>::max();
 
 // The windows share this much memory, three for each source.
 constexpr size_t kWindowBudget = 32 * 1024 * 1024;
-constexpr size_t kSmallestWindow = 4 * 1024;
-constexpr size_t kLargestWindow = 256 * 1024;
+constexpr size_t kMinWindow = 4 * 1024;
+constexpr size_t kMaxWindow = 256 * 1024;
 
 int CompareKeys(const uint8_t* left, size_t leftSize, const uint8_t* right, size_t rightSize) {
   const size_t common = std::min(leftSize, rightSize);
@@ -26,7 +26,7 @@ int CompareKeys(const uint8_t* left, size_t leftSize, const uint8_t* right, size
 }
 
 // Scans leave out the empty key, which is less than MinKey, and everything from MaxKey on.
-bool IsScanned(const BlockReader& reader) {
+bool InScanRange(const BlockReader& reader) {
   return reader.KeySize() != 0 && reader.KeyBytes()[0] != 0xFF;
 }
 
@@ -43,8 +43,8 @@ struct BlockMerge::Cursor {
 
 BlockMerge::BlockMerge(const std::vector<std::string>& sources)
     : pool_(kOpenFiles),
-      windowSize_(std::clamp(kWindowBudget / (3 * std::max<size_t>(sources.size(), 1)), kSmallestWindow,
-                             kLargestWindow)),
+      windowSize_(
+          std::clamp(kWindowBudget / (3 * std::max<size_t>(sources.size(), 1)), kMinWindow, kMaxWindow)),
       current_(kNoCursor) {
   for (const std::string& path : sources) {
     cursors_.push_back(std::make_unique<Cursor>([this, path] { return pool_.Get(path); }, windowSize_));
@@ -95,7 +95,7 @@ uint32_t BlockMerge::Advance(size_t cursor) {
     bool end = false;
     if (source.reader.Next(&end) != kStatusOk) return kStatusBlockWriteFailed;
     if (end) return kStatusOk;
-    if (!IsScanned(source.reader)) continue;
+    if (!InScanRange(source.reader)) continue;
 
     const uint8_t* key = source.reader.KeyBytes();
     const size_t size = source.reader.KeySize();

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "block/file_pool.h"
+#include "block/open_file_cache.h"
 #include "kestrun/data_entry.h"
 #include "kestrun/key.h"
 
@@ -62,7 +62,7 @@ class BlockMerge {
   uint32_t Advance(size_t cursor);
   bool ComesLater(size_t left, size_t right) const;
 
-  FilePool pool_;
+  OpenFileCache pool_;
   size_t windowSize_;
   std::vector<std::unique_ptr<Cursor>> cursors_;  // by age, oldest first
   std::vector<size_t> heap_;                      // cursors that have an entry, except the current one

@@ -3,14 +3,14 @@
 #include <cstring>
 #include <utility>
 
+#include "base/page_size.h"
+#include "format/checksum.h"
 #include "kestrun/status.h"
-#include "storage/checksum.h"
-#include "storage/page_size.h"
 
 namespace Kestrun {
 namespace {
 
-uint32_t StatusOf(FileWindow::Result result) {
+uint32_t ToStatus(FileWindow::Result result) {
   switch (result) {
     case FileWindow::Result::Ok:
       return kStatusOk;
@@ -84,7 +84,7 @@ uint32_t BlockReader::Next(bool* end) {
 
   const uint64_t offset = entryTableOffset_ + sizeof(SectionHeader) + position_ * sizeof(BlockDataEntry);
   const uint8_t* bytes = nullptr;
-  if (const uint32_t status = StatusOf(entries_.View(offset, sizeof(BlockDataEntry), &bytes));
+  if (const uint32_t status = ToStatus(entries_.View(offset, sizeof(BlockDataEntry), &bytes));
       status != kStatusOk) {
     return status;
   }
@@ -92,7 +92,7 @@ uint32_t BlockReader::Next(bool* end) {
   std::memcpy(&entry, bytes, sizeof(entry));
   if (StoreChecksum(&entry, BlockDataEntryOffset::kChecksum) != entry.checksum) return kStatusBlockCorrupt;
   if (uint64_t{entry.keyOffset} + entry.keySize > keyTableSize_) return kStatusBlockCorrupt;
-  if (const uint32_t status = StatusOf(keys_.View(keyTableOffset_ + entry.keyOffset, entry.keySize, &key_));
+  if (const uint32_t status = ToStatus(keys_.View(keyTableOffset_ + entry.keyOffset, entry.keySize, &key_));
       status != kStatusOk) {
     return status;
   }

@@ -1,6 +1,6 @@
 // block/block_reader.h: reads the tables of a block file forward, checking every header and entry.
 //
-// Ownership: keeps the file open as long as it lives, unless it reads through a FilePool.
+// Ownership: keeps the file open as long as it lives, unless it reads through a OpenFileCache.
 // Threads:   one thread at a time.
 // Failure:   statuses; nothing is printed. May throw std::bad_alloc.
 // Bytes:     block/block_format.h.
@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "block/block_format.h"
+#include "format/block_format.h"
 #include "kestrun/data_entry.h"
 #include "storage/file_window.h"
 

@@ -3,15 +3,15 @@
 #include <cstring>
 #include <utility>
 
+#include "base/page_size.h"
 #include "block/block.h"
-#include "block/block_format.h"
-#include "block/output_file.h"
+#include "block/buffered_writer.h"
 #include "block/section_writer.h"
+#include "format/block_format.h"
+#include "format/checksum.h"
+#include "format/file_magic.h"
 #include "kestrun/status.h"
-#include "storage/checksum.h"
 #include "storage/directory.h"
-#include "storage/file_magic.h"
-#include "storage/page_size.h"
 
 namespace Kestrun {
 namespace {
@@ -26,7 +26,7 @@ uint32_t MeasureBlock(DataSectionWriter& data) {
   return layout.fileSize < kBlockSizeLimit ? kStatusOk : kStatusBlockWriteFailed;
 }
 
-bool WriteFileHeader(OutputFile& out) {
+bool WriteFileHeader(BufferedWriter& out) {
   BlockFileHeader header = {};
   std::memcpy(header.magic, kFileMagic, kMagicSize);
   header.version = kFormatVersion;
@@ -34,7 +34,7 @@ bool WriteFileHeader(OutputFile& out) {
   return out.Append(&header, sizeof(header)) && out.Flush();
 }
 
-bool WriteSections(OutputFile& out, DataSectionWriter& data) {
+bool WriteSections(BufferedWriter& out, DataSectionWriter& data) {
   if (!data.WriteTo(out)) return false;
   const uint64_t pageSize = PageSize();
   KeyTabSectionWriter keys(data.Entries(), LayOutBlock(data.Size(), 0, 0, pageSize).keyTableOffset);
@@ -48,7 +48,7 @@ bool WriteSections(OutputFile& out, DataSectionWriter& data) {
 // power.
 uint32_t WriteBlock(const std::shared_ptr<OsFile>& file, DataSectionWriter& data, uint32_t headerFailure,
                     Block** out) {
-  OutputFile output(file);
+  BufferedWriter output(file);
   if (!WriteFileHeader(output)) return headerFailure;
   if (!WriteSections(output, data)) return kStatusBlockWriteFailed;
   if (file->Sync() != 0 || !SyncDirectory(DirectoryOf(file->Path()))) return kStatusSyncFailed;

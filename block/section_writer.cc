@@ -4,13 +4,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/clock.h"
+#include "format/checksum.h"
 #include "kestrun/status.h"
-#include "storage/checksum.h"
-#include "storage/clock.h"
 
 namespace Kestrun {
 
-bool SyntheticSectionWriter::WriteHeader(OutputFile& file) {
+bool SyntheticSectionWriter::WriteHeader(BufferedWriter& file) {
   const uint64_t size = Size();
   if (size == 0) return false;
   SectionHeader header = {};
@@ -35,7 +35,7 @@ uint32_t DataSectionWriterWithWal::Measure() {
   return kStatusOk;
 }
 
-bool DataSectionWriterWithWal::WriteTo(OutputFile& file) {
+bool DataSectionWriterWithWal::WriteTo(BufferedWriter& file) {
   if (!WriteHeader(file)) return false;
   entries_.reserve(totals_.entries);
   bool written = true;
@@ -71,7 +71,7 @@ uint32_t DataSectionWriterWithBlocks::Measure() {
 
 // An entry that expires meanwhile, or whose value its file does not hold, is left out though the section's
 // header has counted it; the tables find their place by the size that the header declares.
-bool DataSectionWriterWithBlocks::WriteTo(OutputFile& file) {
+bool DataSectionWriterWithBlocks::WriteTo(BufferedWriter& file) {
   if (!WriteHeader(file) || merge_.Start() != kStatusOk) return false;
   entries_.reserve(totals_.entries);
   for (;;) {
@@ -100,7 +100,7 @@ uint64_t KeyTabSectionWriter::Size() {
   return size;
 }
 
-bool KeyTabSectionWriter::WriteTo(OutputFile& file) {
+bool KeyTabSectionWriter::WriteTo(BufferedWriter& file) {
   if (!file.MoveTo(offset_) || !WriteHeader(file)) return false;
   return std::all_of(entries_.begin(), entries_.end(), [&file](const Block::IndexedEntry& indexed) {
     return file.Append(indexed.key.Data(), indexed.key.Size());
@@ -111,7 +111,7 @@ uint64_t EntrySectionWriter::Size() {
   return sizeof(SectionHeader) + entries_.size() * sizeof(BlockDataEntry);
 }
 
-bool EntrySectionWriter::WriteTo(OutputFile& file) {
+bool EntrySectionWriter::WriteTo(BufferedWriter& file) {
   if (!file.MoveTo(offset_) || !WriteHeader(file)) return false;
   uint32_t keyOffset = sizeof(SectionHeader);
   for (const Block::IndexedEntry& indexed : entries_) {

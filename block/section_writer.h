@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "block/block.h"
-#include "block/block_format.h"
 #include "block/block_merge.h"
-#include "block/output_file.h"
+#include "block/buffered_writer.h"
+#include "format/block_format.h"
 #include "storage/wal.h"
 
 namespace Kestrun {
@@ -34,14 +34,14 @@ class SyntheticSectionWriter {
   // The size that the section's header declares; 0 when it can't be told.
   virtual uint64_t Size() = 0;
   // Writes the section at the file's position.
-  virtual bool WriteTo(OutputFile& file) = 0;
+  virtual bool WriteTo(BufferedWriter& file) = 0;
 
  protected:
   SyntheticSectionWriter(SectionType type, const char* name) : type_(type), name_(name) {}
   ~SyntheticSectionWriter() = default;
 
   // False when the size is 0 or the header could not be written.
-  bool WriteHeader(OutputFile& file);
+  bool WriteHeader(BufferedWriter& file);
 
  private:
   SectionType type_;
@@ -73,7 +73,7 @@ class DataSectionWriterWithWal final : public DataSectionWriter {
  public:
   explicit DataSectionWriterWithWal(Wal& wal) : wal_(wal) {}
   uint32_t Measure() override;
-  bool WriteTo(OutputFile& file) override;
+  bool WriteTo(BufferedWriter& file) override;
 
  private:
   Wal& wal_;
@@ -84,7 +84,7 @@ class DataSectionWriterWithBlocks final : public DataSectionWriter {
  public:
   explicit DataSectionWriterWithBlocks(const std::vector<std::string>& sources);
   uint32_t Measure() override;
-  bool WriteTo(OutputFile& file) override;
+  bool WriteTo(BufferedWriter& file) override;
 
  private:
   bool IsKept(const DataEntry& entry) const;
@@ -99,7 +99,7 @@ class KeyTabSectionWriter final : public SyntheticSectionWriter {
   KeyTabSectionWriter(const std::vector<Block::IndexedEntry>& entries, uint64_t offset)
       : SyntheticSectionWriter(SectionType::KeyTable, kKeyTableName), entries_(entries), offset_(offset) {}
   uint64_t Size() override;
-  bool WriteTo(OutputFile& file) override;
+  bool WriteTo(BufferedWriter& file) override;
 
  private:
   const std::vector<Block::IndexedEntry>& entries_;
@@ -114,7 +114,7 @@ class EntrySectionWriter final : public SyntheticSectionWriter {
         entries_(entries),
         offset_(offset) {}
   uint64_t Size() override;
-  bool WriteTo(OutputFile& file) override;
+  bool WriteTo(BufferedWriter& file) override;
 
  private:
   const std::vector<Block::IndexedEntry>& entries_;

@@ -1,6 +1,6 @@
 #include "engine/block_filter.h"
 
-#include "storage/key_filter.h"
+#include "format/key_filter.h"
 
 namespace Kestrun {
 

@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <utility>
 
+#include "base/catch_bad_alloc.h"
 #include "block/block_cache.h"
-#include "block/block_format.h"
-#include "engine/no_throw.h"
+#include "format/block_format.h"
 #include "kestrun/lsdb.h"
 #include "storage/directory.h"
 #include "storage/manifest.h"
@@ -35,7 +35,7 @@ LSDBImpl::~LSDBImpl() = default;
 
 // Directory, manifest, log, cache, in this order and without a lock. No block is opened yet.
 uint32_t LSDBImpl::Open(const std::string& path, const LSDBConfig& config, LSDBImpl** out) {
-  return StatusOf([&]() -> uint32_t {
+  return CatchBadAlloc([&]() -> uint32_t {
     if (!EnsureDirectory(path)) {
       std::printf("Failed to create directory: %s", path.c_str());
       return kStatusDirectoryFailed;
@@ -64,7 +64,7 @@ uint32_t LSDBImpl::Open(const std::string& path, const LSDBConfig& config, LSDBI
 }
 
 uint32_t LSDBImpl::Remove(const std::string& path) {
-  return StatusOf([&] { return RemoveDirectoryTree(path); });
+  return CatchBadAlloc([&] { return RemoveDirectoryTree(path); });
 }
 
 std::string LSDBImpl::BlockPath(const std::string& name) const {
@@ -72,8 +72,8 @@ std::string LSDBImpl::BlockPath(const std::string& name) const {
 }
 
 // Every flush moves the manifest, so a move by another process may mean that it has emptied the log.
-void LSDBImpl::NoticeManifestMoves() {
-  wal_->NoticeManifestMoves(manifest_->ForeignMoves());
+void LSDBImpl::OnManifestChanges() {
+  wal_->OnManifestChanges(manifest_->ExternalChanges());
 }
 
 }  // namespace Kestrun

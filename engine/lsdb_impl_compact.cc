@@ -4,11 +4,11 @@
 #include <cstdio>
 #include <vector>
 
+#include "base/catch_bad_alloc.h"
 #include "block/block_cache.h"
-#include "block/block_format.h"
 #include "engine/block_filter.h"
-#include "engine/new_block_file.h"
-#include "engine/no_throw.h"
+#include "engine/pending_block_file.h"
+#include "format/block_format.h"
 #include "kestrun/lsdb.h"
 #include "storage/directory.h"
 #include "storage/manifest.h"
@@ -17,7 +17,7 @@
 namespace Kestrun {
 namespace {
 
-constexpr size_t kFewestBlocksToCompact = 4;
+constexpr size_t kMinBlocksToCompact = 4;
 
 // Files of an earlier format are never read.
 constexpr char kLegacyWalFileName[] = "wal_v3";
@@ -27,7 +27,7 @@ constexpr char kLegacyBlockFileMark[] = ".blk_v3";
 
 uint32_t LSDBImpl::ForceCompact() {
   if (!IsOpen()) return kStatusWalOpenFailed;
-  return StatusOf([&] { return Compact(); });
+  return CatchBadAlloc([&] { return Compact(); });
 }
 
 // Takes the list of blocks without a lock, merges them, and puts the merged block in their place under the
@@ -35,7 +35,7 @@ uint32_t LSDBImpl::ForceCompact() {
 uint32_t LSDBImpl::Compact() {
   BlockEntries old;
   if (const uint32_t status = manifest_->LoadUnlocked(&old); status != kStatusOk) return status;
-  if (old.size() < kFewestBlocksToCompact) return kStatusOk;
+  if (old.size() < kMinBlocksToCompact) return kStatusOk;
 
   // A block whose file is gone is left out; one that merely can't be read at the moment ends the compaction,
   // because its file would be deleted with the others.
@@ -49,8 +49,8 @@ uint32_t LSDBImpl::Compact() {
     }
   }
 
-  NewBlockFile file;
-  if (const uint32_t status = file.Claim(path_, manifest_->ForeignMoves() != 0); status != kStatusOk)
+  PendingBlockFile file;
+  if (const uint32_t status = file.Create(path_, manifest_->ExternalChanges() != 0); status != kStatusOk)
     return status;
   Block* merged = nullptr;
   if (const uint32_t status = Block::WriteFromBlocks(file.Path(), sources, &merged); status != kStatusOk) {
@@ -63,7 +63,7 @@ uint32_t LSDBImpl::Compact() {
     return manifest_->StillLists(old) ? status : kStatusOk;
   }
   const std::shared_ptr<Block> block(merged);
-  file.Keep();
+  file.Commit();
   const std::vector<uint8_t> filter = BuildBlockFilter(*block);
   {
     const FileLockGuard manifestLock(manifest_->File(), LockLevel::Exclusive);
@@ -82,7 +82,7 @@ uint32_t LSDBImpl::Compact() {
       return status;
     }
     if (!replaced) {
-      file.Discard();
+      file.Abandon();
       return kStatusOk;
     }
   }
@@ -97,13 +97,13 @@ uint32_t LSDBImpl::RemoveLegacyFiles() {
   const std::string legacyWal = path_ + "/" + kLegacyWalFileName;
   if (access(legacyWal.c_str(), F_OK) != 0) return kStatusOk;
   IgnoreStatus(std::remove(legacyWal.c_str()));  // looked for again by the next compaction
-  return RemoveFilesNamedLike(path_, kLegacyBlockFileMark);
+  return RemoveFilesContaining(path_, kLegacyBlockFileMark);
 }
 
 // The cache is left alone: no search reaches the blocks in it without the manifest.
 uint32_t LSDBImpl::Clear() {
   if (!IsOpen()) return kStatusWalOpenFailed;
-  return StatusOf([&]() -> uint32_t {
+  return CatchBadAlloc([&]() -> uint32_t {
     const FileLockGuard walLock(wal_->File(), LockLevel::Exclusive);
     if (walLock.Status() != kStatusOk) {
       std::printf("Failed lock wal");
@@ -117,7 +117,7 @@ uint32_t LSDBImpl::Clear() {
       return manifestLock.Status();
     }
     IgnoreStatus(manifest_->Truncate());  // what can't be cut is cut by the next flush
-    return RemoveFilesNamedLike(path_, kBlockFileSuffix);
+    return RemoveFilesContaining(path_, kBlockFileSuffix);
   });
 }
 

@@ -1,10 +1,10 @@
 // How the log's entries become a block.
 #include <cstdio>
 
+#include "base/catch_bad_alloc.h"
 #include "block/block_cache.h"
 #include "engine/block_filter.h"
-#include "engine/new_block_file.h"
-#include "engine/no_throw.h"
+#include "engine/pending_block_file.h"
 #include "kestrun/lsdb.h"
 #include "storage/manifest.h"
 #include "storage/wal.h"
@@ -13,39 +13,39 @@ namespace Kestrun {
 
 uint32_t LSDBImpl::ResetWal() {
   if (!IsOpen()) return kStatusWalOpenFailed;
-  return StatusOf([&] { return Flush(nullptr); });
+  return CatchBadAlloc([&] { return Flush(nullptr); });
 }
 
 // Writes the block, records it in the manifest, publishes it in the cache, empties the log and then does
-// `lastStep`, all under the log's lock. The log is emptied last, so that at every moment each entry can be
+// `afterReset`, all under the log's lock. The log is emptied last, so that at every moment each entry can be
 // reached through the log or through a recorded block; an earlier failure leaves the log whole. Its emptiness
 // is forced to the disk before anything is appended: the records of a log that was flushed twice since must
 // not come back over newer blocks.
-uint32_t LSDBImpl::Flush(const std::function<uint32_t()>& lastStep) {
+uint32_t LSDBImpl::Flush(const std::function<uint32_t()>& afterReset) {
   const FileLockGuard walLock(wal_->File(), LockLevel::Exclusive);
   if (walLock.Status() != kStatusOk) {
     std::printf("Failed lock wal");
     return walLock.Status();
   }
-  NoticeManifestMoves();
+  OnManifestChanges();
   wal_->CatchUp();
 
-  NewBlockFile file;
+  PendingBlockFile file;
   Block* written = nullptr;
-  uint32_t status = file.Claim(path_, manifest_->ForeignMoves() != 0);
+  uint32_t status = file.Create(path_, manifest_->ExternalChanges() != 0);
   if (status == kStatusOk) status = Block::WriteFromWal(file.Path(), *wal_, &written);
   if (status != kStatusOk) {
     std::printf("Failed to dump wal file");
     return status;
   }
   const std::shared_ptr<Block> block(written);
-  file.Keep();
+  file.Commit();
   status = RecordFlushedBlock(file.Name(), block);
   if (status != kStatusOk) return status;
 
   IgnoreStatus(wal_->Reset());  // always succeeds
   wal_->SyncFirstPage();
-  return lastStep ? lastStep() : kStatusOk;
+  return afterReset ? afterReset() : kStatusOk;
 }
 
 // A block that is recorded but could not be forced to the disk is used like any other; the log keeps its

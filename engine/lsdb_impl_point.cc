@@ -4,10 +4,10 @@
 // readers hold it at Shared and the manifest at Shared only when the log does not hold the key.
 #include <cstdio>
 
+#include "base/catch_bad_alloc.h"
+#include "base/clock.h"
 #include "block/block_cache.h"
-#include "engine/no_throw.h"
 #include "kestrun/lsdb.h"
-#include "storage/clock.h"
 #include "storage/manifest.h"
 #include "storage/wal.h"
 
@@ -28,13 +28,13 @@ uint32_t LSDBImpl::Delete(const Key& key) {
 // while the log is still locked against other processes.
 uint32_t LSDBImpl::WriteEntry(const std::function<uint32_t()>& append) {
   if (!IsOpen()) return kStatusWalOpenFailed;
-  return StatusOf([&]() -> uint32_t {
+  return CatchBadAlloc([&]() -> uint32_t {
     const FileLockGuard walLock(wal_->File(), LockLevel::Exclusive);
     if (walLock.Status() != kStatusOk) {
       std::printf("Failed lock wal");
       return walLock.Status();
     }
-    NoticeManifestMoves();
+    OnManifestChanges();
     const uint32_t status = append();
     return status == kStatusWalFull ? Flush(append) : status;
   });
@@ -60,7 +60,7 @@ uint32_t LSDBImpl::FindBlock(const Key& key, std::shared_ptr<Block>* found) {
 std::shared_ptr<Block> LSDBImpl::FindBlock(const Key& key) {
   std::shared_ptr<Block> found;
   // An unreadable block and a missing key look the same here.
-  if (IsOpen()) IgnoreStatus(StatusOf([&] { return FindBlock(key, &found); }));
+  if (IsOpen()) IgnoreStatus(CatchBadAlloc([&] { return FindBlock(key, &found); }));
   return found;
 }
 
@@ -102,13 +102,13 @@ uint32_t GetFromBlock(const Block& block, const Key& key, const void** value, un
 uint32_t LSDBImpl::Get(const Key& key, const void** value, unsigned int* size) {
   if (value == nullptr || size == nullptr) return kStatusInvalid;
   if (!IsOpen()) return kStatusWalOpenFailed;
-  return StatusOf([&]() -> uint32_t {
+  return CatchBadAlloc([&]() -> uint32_t {
     const FileLockGuard walLock(wal_->File(), LockLevel::Shared);
     if (walLock.Status() != kStatusOk) {
       std::printf("Failed lock wal");
       return walLock.Status();
     }
-    NoticeManifestMoves();
+    OnManifestChanges();
     DataEntry entry = {};
     if (wal_->Lookup(key, &entry)) return GetFromLog(*wal_, entry, value, size);
 
@@ -134,7 +134,7 @@ uint32_t LSDBImpl::FindEntry(const Key& key, DataEntry* entry, std::shared_ptr<B
     std::printf("Failed lock wal");
     return walLock.Status();
   }
-  NoticeManifestMoves();
+  OnManifestChanges();
   *found = wal_->Lookup(key, entry);
   if (*found) return kStatusOk;
 
@@ -153,7 +153,7 @@ bool LSDBImpl::Contains(const Key& key) {
   if (!IsOpen()) return false;
   DataEntry entry = {};
   bool found = false;
-  const uint32_t status = StatusOf([&] {
+  const uint32_t status = CatchBadAlloc([&] {
     std::shared_ptr<Block> block;
     return FindEntry(key, &entry, &block, &found);
   });
@@ -163,7 +163,7 @@ bool LSDBImpl::Contains(const Key& key) {
 // A deletion marker in the log is not copied, one in a block is; callers rely on both.
 uint32_t LSDBImpl::GetDataEntry(const Key& key, DataEntry& entry) {
   if (!IsOpen()) return kStatusWalOpenFailed;
-  return StatusOf([&] {
+  return CatchBadAlloc([&] {
     DataEntry newest = {};
     std::shared_ptr<Block> block;
     bool found = false;

@@ -2,8 +2,8 @@
 #include <cstdio>
 #include <vector>
 
+#include "base/catch_bad_alloc.h"
 #include "block/block_cache.h"
-#include "engine/no_throw.h"
 #include "kestrun/lsdb.h"
 #include "storage/manifest.h"
 #include "storage/wal.h"
@@ -15,7 +15,7 @@ namespace Kestrun {
 uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
                                  const std::function<bool(const Key&)>& visit) {
   if (!IsOpen()) return kStatusWalOpenFailed;
-  return StatusOf([&]() -> uint32_t {
+  return CatchBadAlloc([&]() -> uint32_t {
     const Key primary = from.GetPrimary();
     const bool samePrimary = primary == to.GetPrimary();
     const FileLockGuard walLock(wal_->File(), LockLevel::Shared);
@@ -28,7 +28,7 @@ uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
       std::printf("Failed lock manifest");
       return manifestLock.Status();
     }
-    NoticeManifestMoves();
+    OnManifestChanges();
     const BlockEntries candidates = samePrimary ? manifest_->FindCandidates(primary) : manifest_->Entries();
     for (const std::shared_ptr<BlockEntry>& entry : candidates) {
       const std::shared_ptr<Block> block =
@@ -44,7 +44,7 @@ uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
 // several sources hold gets several deletion markers.
 uint32_t LSDBImpl::DeleteByRange(const Key& from, const Key& to) {
   // Callers rely on success whatever happens, a lack of memory included.
-  IgnoreStatus(StatusOf([&] {
+  IgnoreStatus(CatchBadAlloc([&] {
     std::vector<Key> keys;
     const auto collect = [&keys](const Key& key) {
       keys.push_back(key);

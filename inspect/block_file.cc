@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "storage/checksum.h"
-#include "storage/file_magic.h"
+#include "format/checksum.h"
+#include "format/file_magic.h"
 
 namespace Kestrun::Inspect {
 namespace {

@@ -12,7 +12,7 @@
 #include <optional>
 #include <string>
 
-#include "block/block_format.h"
+#include "format/block_format.h"
 #include "inspect/read_only_file.h"
 
 namespace Kestrun::Inspect {

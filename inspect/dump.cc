@@ -1,6 +1,6 @@
 #include "inspect/dump.h"
 
-#include "block/block_format.h"
+#include "format/block_format.h"
 #include "inspect/block_file.h"
 #include "inspect/dump_parts.h"
 #include "inspect/field_writer.h"

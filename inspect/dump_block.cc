@@ -1,10 +1,10 @@
 #include <cstring>
 #include <functional>
 
+#include "format/checksum.h"
 #include "inspect/block_file.h"
 #include "inspect/dump_parts.h"
-#include "inspect/printable.h"
-#include "storage/checksum.h"
+#include "inspect/escape.h"
 
 namespace Kestrun::Inspect {
 namespace {

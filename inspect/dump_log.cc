@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "format/checksum.h"
 #include "inspect/dump_parts.h"
+#include "inspect/escape.h"
 #include "inspect/log_file.h"
-#include "inspect/printable.h"
-#include "storage/checksum.h"
 
 namespace Kestrun::Inspect {
 namespace {

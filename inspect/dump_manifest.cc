@@ -1,7 +1,7 @@
+#include "format/checksum.h"
 #include "inspect/dump_parts.h"
+#include "inspect/escape.h"
 #include "inspect/manifest_file.h"
-#include "inspect/printable.h"
-#include "storage/checksum.h"
 
 namespace Kestrun::Inspect {
 namespace {

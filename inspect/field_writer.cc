@@ -4,7 +4,7 @@
 #include <array>
 #include <cstdio>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 
 namespace Kestrun::Inspect {
 namespace {

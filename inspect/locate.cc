@@ -35,8 +35,8 @@ std::vector<std::string> ListedBlocks(const std::string& directory) {
   const auto file = ReadOnlyFile::Open(ManifestPath(directory), &why);
   if (!file || !ReadManifestHeader(*file).Usable()) return names;
   ScanManifest(*file, [&names](const ManifestRecordView& record) {
-    if (record.NameIsPlain()) names.push_back(record.name);
-    return names.size() < kMostBlocks;
+    if (record.IsValidName()) names.push_back(record.name);
+    return names.size() < kMaxBlocks;
   });
   return names;
 }

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "storage/checksum.h"
-#include "storage/file_magic.h"
+#include "format/checksum.h"
+#include "format/file_magic.h"
 
 namespace Kestrun::Inspect {
 

@@ -8,8 +8,8 @@
 #include <functional>
 #include <string>
 
+#include "format/wal_format.h"
 #include "inspect/read_only_file.h"
-#include "storage/wal_format.h"
 
 namespace Kestrun::Inspect {
 

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstring>
 
-#include "storage/checksum.h"
-#include "storage/file_magic.h"
+#include "format/checksum.h"
+#include "format/file_magic.h"
 
 namespace Kestrun::Inspect {
 
-bool ManifestRecordView::NameIsPlain() const {
+bool ManifestRecordView::IsValidName() const {
   return name.size() == kBlockNameLength && std::all_of(name.begin(), name.end(), [](char letter) {
            return (letter >= '0' && letter <= '9') || (letter >= 'A' && letter <= 'Z');
          });
@@ -57,7 +57,7 @@ ManifestScan ScanManifest(const ReadOnlyFile& file,
 
 bool ReadFilter(const ReadOnlyFile& file, const ManifestRecordView& record, std::vector<uint8_t>* filter) {
   filter->clear();
-  if (record.entry.filterSize > kLargestFilter) return false;
+  if (record.entry.filterSize > kMaxFilter) return false;
   filter->resize(record.entry.filterSize);
   return file.ReadAt(record.FilterOffset(), filter->data(), filter->size());
 }

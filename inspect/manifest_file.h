@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "format/manifest_format.h"
 #include "inspect/read_only_file.h"
-#include "storage/manifest_format.h"
 
 namespace Kestrun::Inspect {
 
@@ -20,10 +20,10 @@ namespace Kestrun::Inspect {
 inline constexpr char kUnfinishedManifestEnding[] = ".next";
 
 // A filter of a store has at most 4097 bytes. Larger ones are read up to this size.
-inline constexpr uint64_t kLargestFilter = uint64_t{16} << 20;
+inline constexpr uint64_t kMaxFilter = uint64_t{16} << 20;
 
 // A hostile manifest can name far more blocks than there are files. Lists of them end here.
-inline constexpr size_t kMostBlocks = size_t{1} << 20;
+inline constexpr size_t kMaxBlocks = size_t{1} << 20;
 
 struct ManifestHeaderView {
   ManifestHeader header = {};
@@ -43,7 +43,7 @@ struct ManifestRecordView {
   uint64_t FilterOffset() const { return offset + sizeof(ManifestEntry); }
   // The name is one that a store gives: 31 digits and capital letters. A name that is not must not be made
   // part of a path.
-  bool NameIsPlain() const;
+  bool IsValidName() const;
 };
 
 enum class ManifestEnd {
@@ -68,7 +68,7 @@ ManifestHeaderView ReadManifestHeader(const ReadOnlyFile& file);
 ManifestScan ScanManifest(const ReadOnlyFile& file,
                           const std::function<bool(const ManifestRecordView&)>& visit);
 
-// The filter of a record; false when it can't be read or is larger than kLargestFilter.
+// The filter of a record; false when it can't be read or is larger than kMaxFilter.
 bool ReadFilter(const ReadOnlyFile& file, const ManifestRecordView& record, std::vector<uint8_t>* filter);
 
 }  // namespace Kestrun::Inspect

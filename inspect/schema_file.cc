@@ -48,7 +48,7 @@ bool ScanSchema(const ReadOnlyFile& file, const std::function<bool(const SchemaL
     if (!window.ReadAt(offset, piece.data(), piece.size())) return false;
     for (const char byte : piece) {
       if (byte != '\n' && byte != '\0') {
-        if (++view.size <= kLongestSchemaLine) {
+        if (++view.size <= kMaxSchemaLine) {
           view.line += byte;
         } else {
           view.line.clear();

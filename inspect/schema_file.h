@@ -14,12 +14,12 @@ namespace Kestrun::Inspect {
 inline constexpr char kSchemaFileName[] = "meta_v5";
 
 // Lines up to this length are read; no record type comes near it.
-inline constexpr size_t kLongestSchemaLine = size_t{1} << 20;
+inline constexpr size_t kMaxSchemaLine = size_t{1} << 20;
 
 struct SchemaLineView {
   uint64_t offset = 0;
   uint64_t size = 0;   // without its end
-  std::string line;    // empty when it is longer than kLongestSchemaLine
+  std::string line;    // empty when it is longer than kMaxSchemaLine
   bool ended = false;  // a line without an end is not read by a store
   bool endedByNul = false;
 

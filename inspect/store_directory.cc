@@ -7,11 +7,11 @@
 #include <cstring>
 #include <memory>
 
-#include "block/block_format.h"
+#include "format/block_format.h"
+#include "format/manifest_format.h"
+#include "format/wal_format.h"
 #include "inspect/manifest_file.h"
 #include "inspect/schema_file.h"
-#include "storage/manifest_format.h"
-#include "storage/wal_format.h"
 
 namespace Kestrun::Inspect {
 namespace {

@@ -4,13 +4,13 @@
 #include <optional>
 #include <set>
 
+#include "base/clock.h"
 #include "inspect/block_file.h"
+#include "inspect/escape.h"
 #include "inspect/log_file.h"
 #include "inspect/manifest_file.h"
-#include "inspect/printable.h"
 #include "inspect/schema_file.h"
 #include "inspect/store_directory.h"
-#include "storage/clock.h"
 
 namespace Kestrun::Inspect {
 namespace {
@@ -87,10 +87,10 @@ void StatManifest(const std::string& path, StoreStat* stat, std::set<std::string
     BlockStat block;
     block.name = record.name;
     block.listed = true;
-    if (!record.NameIsPlain()) block.damage = "not the name of a block";
+    if (!record.IsValidName()) block.damage = "not the name of a block";
     if (!listed->insert(record.name).second) block.damage = "listed twice";
     stat->blocks.push_back(block);
-    return stat->blocks.size() < kMostBlocks;
+    return stat->blocks.size() < kMaxBlocks;
   });
   if (scan.end != ManifestEnd::Complete) {
     stat->manifestDamage = "unreadable from offset " + std::to_string(scan.endOffset);

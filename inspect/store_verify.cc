@@ -3,21 +3,21 @@
 #include <optional>
 #include <set>
 
-#include "block/block_format.h"
-#include "inspect/leftover_block.h"
+#include "format/block_format.h"
+#include "format/file_magic.h"
+#include "inspect/escape.h"
 #include "inspect/log_file.h"
 #include "inspect/manifest_file.h"
-#include "inspect/printable.h"
+#include "inspect/orphan_block.h"
 #include "inspect/schema_file.h"
 #include "inspect/store_directory.h"
 #include "inspect/verify_file.h"
-#include "storage/file_magic.h"
 
 namespace Kestrun::Inspect {
 namespace {
 
 // A hostile manifest can name far more blocks than there are files.
-constexpr uint64_t kMostRecords = 1u << 20;
+constexpr uint64_t kMaxRecords = 1u << 20;
 
 class StoreVerifier {
  public:
@@ -74,7 +74,7 @@ class StoreVerifier {
     if (!file || !VerifyManifestHeader(*file, kManifestFileName, report_)) return;
     const ManifestScan scan = ScanManifest(*file, [this, &file](const ManifestRecordView& record) {
       Record(*file, record);
-      return listed_.size() < kMostRecords;
+      return listed_.size() < kMaxRecords;
     });
     ManifestEnding(scan);
   }
@@ -104,7 +104,7 @@ class StoreVerifier {
   }
 
   void Record(const ReadOnlyFile& manifest, const ManifestRecordView& record) {
-    if (!record.NameIsPlain()) {
+    if (!record.IsValidName()) {
       report_->Damage(kManifestFileName, record.offset,
                       "\"" + Printable(record.name) + "\" is not the name of a block");
       return;
@@ -191,7 +191,7 @@ std::string Beginning(const std::string& path) {
 }  // namespace
 
 void VerifyReport::Add(Severity severity, const std::string& file, uint64_t offset, const std::string& text) {
-  if (findings.size() < kMostFindings) findings.push_back({severity, Printable(file), offset, text});
+  if (findings.size() < kMaxFindings) findings.push_back({severity, Printable(file), offset, text});
 }
 
 void VerifyReport::Damage(const std::string& file, uint64_t offset, const std::string& text) {

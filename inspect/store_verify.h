@@ -30,7 +30,7 @@ struct Finding {
 class VerifyReport {
  public:
   // The first ones found; all are counted.
-  static constexpr size_t kMostFindings = 10000;
+  static constexpr size_t kMaxFindings = 10000;
 
   void Damage(const std::string& file, uint64_t offset, const std::string& text);
   void Note(const std::string& file, uint64_t offset, const std::string& text);

@@ -2,12 +2,12 @@
 #include <cstring>
 #include <string_view>
 
+#include "format/checksum.h"
+#include "format/file_magic.h"
+#include "format/key_filter.h"
 #include "inspect/block_file.h"
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "inspect/verify_file.h"
-#include "storage/checksum.h"
-#include "storage/file_magic.h"
-#include "storage/key_filter.h"
 
 namespace Kestrun::Inspect {
 namespace {

@@ -1,7 +1,7 @@
+#include "format/file_magic.h"
+#include "inspect/escape.h"
 #include "inspect/log_file.h"
-#include "inspect/printable.h"
 #include "inspect/verify_file.h"
-#include "storage/file_magic.h"
 
 namespace Kestrun::Inspect {
 namespace {

@@ -1,6 +1,6 @@
 #include <map>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "inspect/schema_file.h"
 #include "inspect/verify_file.h"
 
@@ -13,7 +13,7 @@ std::string Quoted(const std::string& text) {
 }
 
 void VerifyLine(const SchemaLineView& line, const std::string& name, VerifyReport* report) {
-  if (line.size > kLongestSchemaLine) {
+  if (line.size > kMaxSchemaLine) {
     report->Damage(name, line.offset,
                    "a line of " + std::to_string(line.size) + " bytes is too long for a record type");
   } else if (!line.ended) {

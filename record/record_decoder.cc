@@ -25,7 +25,7 @@ class Decoder {
   template <typename Number>
   Number TakeNumber() {
     unsigned char held[sizeof(Number)] = {};
-    const uint64_t count = HeldOf(sizeof(Number));
+    const uint64_t count = Available(sizeof(Number));
     if (count != 0) std::memcpy(held, buffer_ + offset_, count);
     offset_ += sizeof(Number);
     Number number;
@@ -39,7 +39,7 @@ class Decoder {
     // The length is held against the whole record, not against what is left of it. One that fails moves the
     // offset behind the end all the same, and the decoding is over.
     if (length < size_) {
-      const uint64_t count = HeldOf(length);
+      const uint64_t count = Available(length);
       value.str.reserve(length);
       if (count != 0) value.str.assign(reinterpret_cast<const char*>(buffer_ + offset_), count);
       value.str.resize(length);
@@ -64,7 +64,9 @@ class Decoder {
 
  private:
   // How many of the next `count` bytes the record has.
-  uint64_t HeldOf(uint64_t count) const { return AtEnd() ? 0 : std::min<uint64_t>(count, size_ - offset_); }
+  uint64_t Available(uint64_t count) const {
+    return AtEnd() ? 0 : std::min<uint64_t>(count, size_ - offset_);
+  }
 
   // Moves the record into a buffer of `capacity` bytes, zero behind the record, and the values with it.
   // Happens once at most and last of all, since the offset is behind the end by then.

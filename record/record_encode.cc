@@ -85,7 +85,7 @@ unsigned int Record::Capacity() const {
   return static_cast<unsigned int>(MeasureRecord(FieldsOf(meta_), values_, &HeldTextLength));
 }
 
-uint64_t Record::EncodedBound() const {
+uint64_t Record::MaxEncodedSize() const {
   return MeasureRecord(FieldsOf(meta_), values_, &ConvertedTextLength);
 }
 

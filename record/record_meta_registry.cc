@@ -43,7 +43,7 @@ class Registry {
 
 }  // namespace
 
-RecordMeta* FindOrMakeRecordMeta(uint16_t id, const std::string& text) {
+RecordMeta* InternRecordMeta(uint16_t id, const std::string& text) {
   return Registry::Instance().FindOrMake(id, text);
 }
 

@@ -14,6 +14,6 @@ namespace Kestrun {
 
 // The record type with this number and this text; null when `text` is not a record type. Safe from any
 // thread, and in the child of a fork. Throws std::bad_alloc.
-RecordMeta* FindOrMakeRecordMeta(uint16_t id, const std::string& text);
+RecordMeta* InternRecordMeta(uint16_t id, const std::string& text);
 
 }  // namespace Kestrun

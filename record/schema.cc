@@ -23,18 +23,18 @@ constexpr size_t kReadSize = 1024;
 constexpr int kCreationRounds = 16;
 
 // Holds the creation byte for a scope, when it is to be had.
-class CreationGuard {
+class SchemaAppendLock {
  public:
-  explicit CreationGuard(OsFile& file) : file_(file), locked_(false) {
+  explicit SchemaAppendLock(OsFile& file) : file_(file), locked_(false) {
     for (int round = 0; round < kCreationRounds && !locked_; ++round) {
       locked_ = file_.LockByte(kSchemaCreationByte);
     }
   }
-  ~CreationGuard() {
+  ~SchemaAppendLock() {
     if (locked_) file_.UnlockByte(kSchemaCreationByte);
   }
-  CreationGuard(const CreationGuard&) = delete;
-  CreationGuard& operator=(const CreationGuard&) = delete;
+  SchemaAppendLock(const SchemaAppendLock&) = delete;
+  SchemaAppendLock& operator=(const SchemaAppendLock&) = delete;
 
  private:
   OsFile& file_;
@@ -75,7 +75,7 @@ Schema::ReadResult Schema::Read() {
   std::unordered_map<std::string, RecordMeta*> byText;
   std::unordered_map<uint16_t, RecordMeta*> byId;
   const auto enter = [&byText, &byId](uint16_t id, const std::string& text) {
-    RecordMeta* meta = FindOrMakeRecordMeta(id, text);
+    RecordMeta* meta = InternRecordMeta(id, text);
     if (meta == nullptr) return;
     byText[text] = meta;
     byId[id] = meta;
@@ -124,12 +124,12 @@ RecordMeta* Schema::GetOrCreateRecordMeta(const std::string& text) {
 RecordMeta* Schema::Create(const std::string& text) {
   RecordMeta* meta = nullptr;
   {
-    const CreationGuard creation(*file_);
+    const SchemaAppendLock creation(*file_);
     if (Read() != ReadResult::Complete) return nullptr;
     if (RecordMeta* known = metasByText_.Find(text)) return known;
 
     const uint64_t id = uint64_t{metasByText_.Count()} + 1;
-    meta = FindOrMakeRecordMeta(static_cast<uint16_t>(id), text);
+    meta = InternRecordMeta(static_cast<uint16_t>(id), text);
     if (meta == nullptr) return nullptr;
     if (!AppendLine(SchemaLine(id, text))) return nullptr;
   }

@@ -6,7 +6,7 @@
 #include <new>
 #include <utility>
 
-#include "engine/no_throw.h"
+#include "base/catch_bad_alloc.h"
 #include "kestrun/status.h"
 #include "record/record_format.h"
 #include "record/schema.h"
@@ -55,7 +55,7 @@ uint32_t OpenSeries(const std::string& path, const SeriesConfig& config, Series*
 }  // namespace
 
 uint32_t Series::Open(const std::string& path, const SeriesConfig& config, Series** out) {
-  return StatusOf([&] { return OpenSeries(path, config, out); });
+  return CatchBadAlloc([&] { return OpenSeries(path, config, out); });
 }
 
 uint32_t Series::Remove(const std::string& path) {
@@ -81,7 +81,7 @@ uint32_t Series::Get(const Key& key, Record** out) {
   MallocBytes value(static_cast<unsigned char*>(const_cast<void*>(found)));
   if (value == nullptr || size < kRecordSmallestWithValues) return kStatusOk;
 
-  return StatusOf([&]() -> uint32_t {
+  return CatchBadAlloc([&]() -> uint32_t {
     uint16_t id = 0;
     std::memcpy(&id, value.get() + kRecordTypeOffset, sizeof(id));
     const RecordMeta* meta = schema_ == nullptr ? nullptr : schema_->FindRecordMeta(id);
@@ -98,7 +98,7 @@ uint32_t Series::Get(const Key& key, Record** out) {
 
 uint32_t Series::AppendRecord(const Key& key, unsigned int ttl, Record& record) {
   // Where numbers stand in String fields, Encode needs more than Capacity tells.
-  const uint64_t size = record.EncodedBound();
+  const uint64_t size = record.MaxEncodedSize();
   if (size > UINT32_MAX) return kStatusNoMemory;
 
   unsigned char small[kStackCapacity] = {};
@@ -131,7 +131,7 @@ uint32_t Series::AppendRecordWithVarList(const Key& key, const char* format, ...
 }
 
 uint32_t Series::AppendArguments(const Key& key, unsigned int ttl, const char* format, va_list args) {
-  return StatusOf([&] {
+  return CatchBadAlloc([&] {
     const RecordMeta* meta = FindMeta(format);
     if (meta == nullptr) return RefuseMissingMeta();
     Record record(meta, args);
@@ -141,7 +141,7 @@ uint32_t Series::AppendArguments(const Key& key, unsigned int ttl, const char* f
 
 uint32_t Series::AppendRecord(const Key& key, unsigned int ttl, const char* format,
                               std::vector<Value> values) {
-  return StatusOf([&] {
+  return CatchBadAlloc([&] {
     const RecordMeta* meta = FindMeta(format);
     return AppendRecord(key, ttl, meta, std::move(values));
   });
@@ -150,7 +150,7 @@ uint32_t Series::AppendRecord(const Key& key, unsigned int ttl, const char* form
 uint32_t Series::AppendRecord(const Key& key, unsigned int ttl, const RecordMeta* meta,
                               std::vector<Value> values) {
   if (meta == nullptr) return RefuseMissingMeta();
-  return StatusOf([&] {
+  return CatchBadAlloc([&] {
     Record record(meta, std::move(values));
     return AppendRecord(key, ttl, record);
   });

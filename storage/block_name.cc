@@ -7,8 +7,8 @@
 #include <ctime>
 #include <mutex>
 
-#include "storage/clock.h"
-#include "storage/manifest_format.h"
+#include "base/clock.h"
+#include "format/manifest_format.h"
 
 namespace Kestrun {
 namespace {
@@ -17,8 +17,8 @@ constexpr char kAlphabet[] = "1234567890ABCDEFGHIJKLMNOPQRSTUVWXYZ";
 constexpr int kLetters = sizeof(kAlphabet) - 1;
 
 // So many letters hold the microsecond of the clock and the number of the process.
-constexpr size_t kOwnLetters = 16;
-static_assert(kOwnLetters < kBlockNameLength);
+constexpr size_t kUniqueSuffixLength = 16;
+static_assert(kUniqueSuffixLength < kBlockNameLength);
 
 // Writes `number` to the letters before `end`, the last digit first. Returns where it begins.
 char* PutNumber(uint64_t number, size_t letters, char* end) {
@@ -38,11 +38,11 @@ std::string MakeBlockFileName() {
   return name;
 }
 
-std::string SetApart(std::string drawn) {
+std::string MakeUniqueAcrossProcesses(std::string drawn) {
   constexpr size_t kProcessLetters = 5;
   char* end = drawn.data() + drawn.size();
   end = PutNumber(static_cast<uint64_t>(getpid()), kProcessLetters, end);
-  PutNumber(NowMicroseconds(), kOwnLetters - kProcessLetters, end);
+  PutNumber(NowMicroseconds(), kUniqueSuffixLength - kProcessLetters, end);
   return drawn;
 }
 

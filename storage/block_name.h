@@ -12,6 +12,6 @@ std::string MakeBlockFileName();
 
 // The name `drawn` with its last characters replaced by ones that no other process comes to: processes that
 // start in the same second draw the same names one after the other.
-std::string SetApart(std::string drawn);
+std::string MakeUniqueAcrossProcesses(std::string drawn);
 
 }  // namespace Kestrun

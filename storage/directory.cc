@@ -58,7 +58,7 @@ uint32_t RemoveDirectoryTree(const std::string& path) {
   return removed == 0 ? kStatusOk : kStatusOpenFailed;
 }
 
-uint32_t RemoveFilesNamedLike(const std::string& directory, const std::string& text) {
+uint32_t RemoveFilesContaining(const std::string& directory, const std::string& text) {
   DIR* stream = opendir(directory.c_str());
   if (stream == nullptr) return kStatusOpenFailed;
   KeepOpen(stream);

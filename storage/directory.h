@@ -14,7 +14,7 @@ namespace Kestrun {
 // Removes every file of the directory whose name contains `text`. kStatusOpenFailed when the directory can't
 // be read; a file that can't be removed is left. The directory stream stays open until the process ends:
 // callers rely on it.
-[[nodiscard]] uint32_t RemoveFilesNamedLike(const std::string& directory, const std::string& text);
+[[nodiscard]] uint32_t RemoveFilesContaining(const std::string& directory, const std::string& text);
 
 // Forces the names in a directory to the disk. False when the system reports a failure; a file system that
 // can't do it for directories, or one that may not be read, counts as success.

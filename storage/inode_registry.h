@@ -71,7 +71,7 @@ class InodeRegistry {
 
 // Gives a forked child a mutex that nobody holds, in the place of one whose holder was not copied.
 template <typename Mutex>
-void MakeAnew(Mutex& mutex) {
+void ReinitAfterFork(Mutex& mutex) {
   new (&mutex) Mutex;
 }
 

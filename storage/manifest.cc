@@ -5,15 +5,15 @@
 #include <cstdio>
 #include <cstring>
 
+#include "format/checksum.h"
+#include "format/file_magic.h"
+#include "format/key_filter.h"
+#include "format/torn_entry.h"
 #include "kestrun/status.h"
-#include "storage/checksum.h"
 #include "storage/directory.h"
-#include "storage/file_birth.h"
-#include "storage/file_magic.h"
+#include "storage/file_creation.h"
 #include "storage/file_window.h"
-#include "storage/key_filter.h"
-#include "storage/manifest_replacement.h"
-#include "storage/manifest_tail.h"
+#include "storage/manifest_journal.h"
 #include "storage/published_header.h"
 
 namespace Kestrun {
@@ -39,8 +39,8 @@ bool IsUsableName(const char (&name)[kBlockNameLength + 1]) {
 
 // The child shares the store with its parent from the beginning, and draws the same random names.
 void ManifestSharedState::AfterFork() {
-  MakeAnew(movesMutex);
-  ++foreignMoves;
+  ReinitAfterFork(changesMutex);
+  ++externalChanges;
 }
 
 // A missing manifest is born complete. What exists is opened, filled in when it is empty, mapped, verified
@@ -49,7 +49,7 @@ uint32_t Manifest::Open(const std::string& path, Manifest** out) {
   bool madeAnew = false;
   if (access(path.c_str(), F_OK) != 0) {
     const ManifestHeader header = EmptyManifestHeader();
-    madeAnew = GiveBirthToFile(path, &header, sizeof(header), sizeof(header));
+    madeAnew = CreateFileAtomically(path, &header, sizeof(header), sizeof(header));
     if (madeAnew && !SyncDirectory(DirectoryOf(path))) return kStatusCreateFailed;
   }
 
@@ -74,7 +74,7 @@ uint32_t Manifest::Open(const std::string& path, Manifest** out) {
     std::printf("Failed to map wal: %s", path.c_str());
     return kStatusMapFailed;
   }
-  file->Adopt(header, sizeof(ManifestHeader));
+  file->TrackMapping(header, sizeof(ManifestHeader));
   std::unique_ptr<Manifest> manifest(new Manifest(file, static_cast<uint8_t*>(header)));
   if (const uint32_t status = manifest->VerifyAtOpen(); status != kStatusOk) return status;
 
@@ -98,7 +98,7 @@ Manifest::~Manifest() {
 
 // Writes the whole header at once, unless another process has done so meanwhile.
 uint32_t Manifest::CreateInPlace(OsFile& file, uint64_t* size) {
-  const CreationGuard guard(DirectoryOf(file.Path()));
+  const DirectoryCreationLock guard(DirectoryOf(file.Path()));
   if (file.Size(size) == 0 && *size != 0) return kStatusOk;
   const ManifestHeader header = EmptyManifestHeader();
   if (file.PWriteFully(&header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) {
@@ -142,10 +142,10 @@ void Manifest::Attach(bool madeAnew) {
   }
   ++state_->handles;
 
-  if (!MayHaveReplacement(ReplacementPath(file_->Path()))) return;
+  if (!MayHaveJournal(JournalPath(file_->Path()))) return;
   const FileLockGuard lock(file_, LockLevel::Exclusive);
   // While somebody holds the lock the replacement may still be under way; reading the list knows what to do.
-  if (lock.Status() == kStatusOk) IgnoreStatus(FinishReplacement());
+  if (lock.Status() == kStatusOk) IgnoreStatus(RecoverRewrite());
 }
 
 uint32_t Manifest::Load() {
@@ -155,22 +155,22 @@ uint32_t Manifest::Load() {
     return kStatusManifestChecksum;
   }
   if (header.generation == state_->loadedGeneration) return kStatusOk;
-  return Adopt(ReadList(header));
+  return InstallList(ReadList(header));
 }
 
 uint32_t Manifest::LoadUnlocked(BlockEntries* entries) {
   const FileLockGuard threadLock(file_, LockLevel::ThreadOnly);
-  const uint32_t status = LoadQuietly() ? kStatusOk : LoadLocked();
+  const uint32_t status = TryLoadUnlocked() ? kStatusOk : LoadLocked();
   if (entries != nullptr) *entries = state_->entries;
   return status;
 }
 
-bool Manifest::LoadQuietly() {
+bool Manifest::TryLoadUnlocked() {
   ManifestHeader header;
   if (!ReadHeader(&header)) return false;
   if (header.generation == state_->loadedGeneration) return true;
   Reading reading = ReadList(header);
-  return reading.outcome == Reading::Outcome::Complete && Adopt(std::move(reading)) == kStatusOk;
+  return reading.outcome == Reading::Outcome::Complete && InstallList(std::move(reading)) == kStatusOk;
 }
 
 uint32_t Manifest::LoadLocked() {
@@ -178,7 +178,7 @@ uint32_t Manifest::LoadLocked() {
   return Load();
 }
 
-uint32_t Manifest::Adopt(Reading reading) {
+uint32_t Manifest::InstallList(Reading reading) {
   switch (reading.outcome) {
     case Reading::Outcome::Complete:
       state_->entries.swap(reading.entries);
@@ -228,9 +228,9 @@ Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
   bool badEntry = false;
   bool complete = false;
 
-  ManifestReplacement replacement;
+  ManifestJournal replacement;
   uint64_t size = 0;
-  const Unfinished unfinished = FindUnfinished(header, &replacement);
+  const Unfinished unfinished = FindPendingRewrite(header, &replacement);
   if (unfinished == Unfinished::Yes) {
     const auto view = [&replacement](uint64_t offset, size_t, const uint8_t** bytes) {
       *bytes = replacement.entries.data() + offset;
@@ -244,21 +244,21 @@ Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
     };
     const uint64_t end = size < sizeof(ManifestHeader) ? 0 : size - sizeof(ManifestHeader);
     complete = ParseEntries(end, view, &reading.entries, &badEntry);
-    if (badEntry) complete = EndsUnfinished(size, reading.entries);
+    if (badEntry) complete = EndsTorn(size, reading.entries);
   }
   if (!complete) reading.outcome = badEntry ? Reading::Outcome::BadEntry : Reading::Outcome::Unreadable;
   return reading;
 }
 
 // Whether everything behind the sound entries is one whose bytes were lost with the power.
-bool Manifest::EndsUnfinished(uint64_t size, const BlockEntries& entries) const {
+bool Manifest::EndsTorn(uint64_t size, const BlockEntries& entries) const {
   uint64_t begin = sizeof(ManifestHeader);
   for (const std::shared_ptr<BlockEntry>& entry : entries)
     begin += sizeof(ManifestEntry) + entry->filter.size();
-  if (size - begin > kLongestManifestEntry) return false;
+  if (size - begin > kMaxManifestEntry) return false;
   std::vector<uint8_t> tail(static_cast<size_t>(size - begin));
   const ssize_t count = file_->PReadFully(tail.data(), tail.size(), static_cast<int64_t>(begin));
-  return count == static_cast<ssize_t>(tail.size()) && IsUnfinishedEntry(tail.data(), tail.size(), begin);
+  return count == static_cast<ssize_t>(tail.size()) && IsTornEntry(tail.data(), tail.size(), begin);
 }
 
 BlockEntries Manifest::Entries() {
@@ -276,17 +276,17 @@ BlockEntries Manifest::FindCandidates(const Key& key) {
   return candidates;
 }
 
-uint64_t Manifest::ForeignMoves() {
+uint64_t Manifest::ExternalChanges() {
   const uint8_t* field = header_ + ManifestHeaderOffset::kGeneration;
-  if (PeekHeaderField(field) != state_->knownGeneration) {
-    const std::lock_guard<std::mutex> lock(state_->movesMutex);
-    const uint32_t generation = PeekHeaderField(field);
+  if (LoadHeaderField(field) != state_->knownGeneration) {
+    const std::lock_guard<std::mutex> lock(state_->changesMutex);
+    const uint32_t generation = LoadHeaderField(field);
     if (generation != state_->knownGeneration) {
       state_->knownGeneration = generation;
-      ++state_->foreignMoves;
+      ++state_->externalChanges;
     }
   }
-  return state_->foreignMoves;
+  return state_->externalChanges;
 }
 
 bool Manifest::ReadHeader(ManifestHeader* header) const {

@@ -2,7 +2,7 @@
 //
 // Ownership: a Manifest owns its mapping of the header and shares its file. The list belongs to the file, one
 //            for each process, and lives until the process ends; entries are shared with whoever uses them.
-// Threads:   Open and ForeignMoves may run at any time. Every other operation is called with the file's lock
+// Threads:   Open and ExternalChanges may run at any time. Every other operation is called with the file's lock
 //            held (OsFile::Lock on File()): Exclusive for Append, Replace and Truncate, Shared at least for
 //            the rest, except where LoadUnlocked says otherwise.
 // Failure:   statuses, and the diagnostics named with each operation. Any operation may throw std::bad_alloc;
@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "format/manifest_format.h"
 #include "kestrun/key.h"
-#include "storage/manifest_format.h"
 #include "storage/os_file.h"
 
 namespace Kestrun {
@@ -33,20 +33,20 @@ struct BlockEntry {
 using BlockEntries = std::vector<std::shared_ptr<BlockEntry>>;
 
 // The list of one manifest in one process. Guarded by the in-process mutex of the manifest's file, except
-// what stands below movesMutex.
+// what stands below changesMutex.
 struct ManifestSharedState {
   uint32_t loadedGeneration = 0;
   BlockEntries entries;
   uint32_t handles = 0;
 
-  std::mutex movesMutex;
+  std::mutex changesMutex;
   std::atomic<uint32_t> knownGeneration{0};  // the last one that this process published or noticed
-  std::atomic<uint64_t> foreignMoves{0};     // generations that it noticed and had not published, and a fork
+  std::atomic<uint64_t> externalChanges{0};  // generations that it noticed and had not published, and a fork
 
   void AfterFork();
 };
 
-struct ManifestReplacement;
+struct ManifestJournal;
 
 class Manifest {
  public:
@@ -68,7 +68,7 @@ class Manifest {
 
   // Reads the list again if the header's generation is not the one it was read at. A failure leaves the list
   // as it was. An entry header that is cut off by the end of the file is not an entry, nor is a last one
-  // whose bytes did not reach the disk (storage/manifest_tail.h).
+  // whose bytes did not reach the disk (format/torn_entry.h).
   //
   // kStatusManifestChecksum    "Invalid manifest header checksum"
   // kStatusManifestUnreadable  "Failed to decode header of block entry" when an entry fails its checksum or
@@ -111,7 +111,7 @@ class Manifest {
   bool StillLists(const BlockEntries& entries);
 
   // How often, as far as this process has noticed, another process has moved the generation.
-  uint64_t ForeignMoves();
+  uint64_t ExternalChanges();
 
   const std::shared_ptr<OsFile>& File() const { return file_; }
 
@@ -130,16 +130,16 @@ class Manifest {
   uint32_t VerifyAtOpen() const;
   void Attach(bool madeAnew);
   bool ReadHeader(ManifestHeader* header) const;
-  bool LoadQuietly();
+  bool TryLoadUnlocked();
   uint32_t LoadLocked();
   Reading ReadList(const ManifestHeader& header) const;
-  bool EndsUnfinished(uint64_t size, const BlockEntries& entries) const;
+  bool EndsTorn(uint64_t size, const BlockEntries& entries) const;
   enum class Unfinished { No, Yes, Unknown };
-  Unfinished FindUnfinished(const ManifestHeader& header, ManifestReplacement* replacement) const;
-  uint32_t Adopt(Reading reading);
+  Unfinished FindPendingRewrite(const ManifestHeader& header, ManifestJournal* replacement) const;
+  uint32_t InstallList(Reading reading);
   uint32_t PrepareChange(ManifestHeader* header, uint64_t* end);
-  uint32_t FinishReplacement();
-  uint32_t WriteReplacing(const ManifestReplacement& replacement, const std::vector<uint8_t>& old,
+  uint32_t RecoverRewrite();
+  uint32_t WriteReplacing(const ManifestJournal& replacement, const std::vector<uint8_t>& old,
                           bool* restored);
   bool ReadEntryBytes(uint64_t end, std::vector<uint8_t>* bytes) const;
   void PublishGeneration(ManifestHeader header, uint32_t generation);

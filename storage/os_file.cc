@@ -44,49 +44,49 @@ int OpenDescriptor(const std::string& path, uint16_t flags) {
 
   if (descriptor <= 0) {
     // Descriptor 0 counts as a failure; callers rely on it.
-    if (descriptor == 0) CloseBetweenSections(descriptor);
+    if (descriptor == 0) CloseWhenUnlocked(descriptor);
     return -1;
   }
-  return BehindStandardStreams(descriptor);
+  return MoveAboveStdio(descriptor);
 }
 
 }  // namespace
 
-InodeId IdOf(const struct stat& info) {
+InodeId InodeIdOf(const struct stat& info) {
   return {static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
 }
 
-void CloseBetweenSections(int descriptor, InodeInfo* inode) {
+void CloseWhenUnlocked(int descriptor, InodeInfo* inode) {
   const std::lock_guard<std::recursive_mutex> lock(inode->mutex);
   close(descriptor);
 }
 
-void CloseBetweenSections(int descriptor) noexcept {
+void CloseWhenUnlocked(int descriptor) noexcept {
   struct stat info = {};
   InodeInfo* inode = nullptr;
   try {
     if (fstat(descriptor, &info) == 0) {
-      inode = InodeRegistry<InodeInfo>::FindOrCreate(IdOf(info), [](InodeInfo&) {});
+      inode = InodeRegistry<InodeInfo>::FindOrCreate(InodeIdOf(info), [](InodeInfo&) {});
     }
   } catch (const std::bad_alloc&) {
   }
   if (inode == nullptr) {
     close(descriptor);
   } else {
-    CloseBetweenSections(descriptor, inode);
+    CloseWhenUnlocked(descriptor, inode);
   }
 }
 
-int BehindStandardStreams(int descriptor) noexcept {
+int MoveAboveStdio(int descriptor) noexcept {
   if (descriptor < 0 || descriptor >= kFirstUsableDescriptor) return descriptor;
   const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, kFirstUsableDescriptor);
-  CloseBetweenSections(descriptor);
+  CloseWhenUnlocked(descriptor);
   return moved;
 }
 
 void InodeInfo::AfterFork() {
   level = LockLevel::None;
-  MakeAnew(mutex);
+  ReinitAfterFork(mutex);
 }
 
 OsFile::OsFile(int descriptor, std::string path, uint16_t flags, const InodeId& id, InodeInfo* inode)
@@ -106,7 +106,7 @@ uint32_t OsFile::Open(const std::string& path, uint16_t flags, OsFile** out) {
     return kStatusStatFailed;
   }
 
-  const InodeId id = IdOf(info);
+  const InodeId id = InodeIdOf(info);
   try {
     InodeInfo* inode =
         InodeRegistry<InodeInfo>::FindOrCreate(id, [](InodeInfo& found) { ++found.openCount; });
@@ -267,7 +267,7 @@ void* OsFile::Map(uint32_t length, uint32_t offset, uint32_t mapFlags) {
   return address == MAP_FAILED ? nullptr : address;
 }
 
-void OsFile::Adopt(void* address, uint32_t length) {
+void OsFile::TrackMapping(void* address, uint32_t length) {
   mappings_.emplace_back(address, length);
 }
 
@@ -295,7 +295,7 @@ uint32_t OsFile::CloseAndRemove() {
 
 void OsFile::UnmapAndClose() {
   IgnoreStatus(UnmapAll());  // most handles have adopted nothing
-  if (descriptor_ >= 1) CloseBetweenSections(descriptor_, inode_);
+  if (descriptor_ >= 1) CloseWhenUnlocked(descriptor_, inode_);
   descriptor_ = 0;
 }
 

@@ -60,16 +60,16 @@ struct InodeInfo {
 };
 
 // What tells the file apart that was inspected.
-InodeId IdOf(const struct stat& info);
+InodeId InodeIdOf(const struct stat& info);
 
 // Closes a descriptor of the file that `inode` belongs to while no other thread of the process is inside a
 // locked section on it: any close drops the locks of the whole process.
-void CloseBetweenSections(int descriptor, InodeInfo* inode);
+void CloseWhenUnlocked(int descriptor, InodeInfo* inode);
 // The same for a descriptor whose file has not been looked up. At once when the lookup fails.
-void CloseBetweenSections(int descriptor) noexcept;
+void CloseWhenUnlocked(int descriptor) noexcept;
 // The descriptor, moved behind the standard streams, onto which the host and the library may print; -1 when it
 // can't be moved.
-int BehindStandardStreams(int descriptor) noexcept;
+int MoveAboveStdio(int descriptor) noexcept;
 
 class OsFile {
  public:
@@ -122,7 +122,7 @@ class OsFile {
   // A shared mapping of `length` bytes at `offset`, or null. It belongs to the caller until it is adopted.
   void* Map(uint32_t length, uint32_t offset, uint32_t mapFlags);
   // Enters a mapping into the handle's list: Unmap knows it, and it goes when the handle goes.
-  void Adopt(void* address, uint32_t length);
+  void TrackMapping(void* address, uint32_t length);
   // The result of munmap for an adopted mapping; 0xFFFFFFFF for an address that was not adopted.
   uint32_t Unmap(void* address);
   // 0; 0xFFFFFFFF when nothing is adopted.

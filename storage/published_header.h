@@ -15,9 +15,9 @@ inline constexpr size_t kPublishedSize = 16;
 
 // Copies bytes 8 to 23 of the header image `image` to the mapped header at `header`, behind everything that
 // was stored before.
-void PublishHeader(uint8_t* header, const void* image);
+void StoreHeaderAtomically(uint8_t* header, const void* image);
 
 // One u32 of a mapped header, read without the file's lock. `field` is aligned to 4.
-uint32_t PeekHeaderField(const uint8_t* field);
+uint32_t LoadHeaderField(const uint8_t* field);
 
 }  // namespace Kestrun

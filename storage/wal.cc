@@ -8,10 +8,10 @@
 #include <cstring>
 #include <limits>
 
+#include "base/clock.h"
+#include "base/page_size.h"
+#include "format/checksum.h"
 #include "kestrun/status.h"
-#include "storage/checksum.h"
-#include "storage/clock.h"
-#include "storage/page_size.h"
 #include "storage/published_header.h"
 
 namespace Kestrun {
@@ -30,7 +30,7 @@ DataEntry EntryOf(const WalRecord& record) {
 }  // namespace
 
 void WalSharedState::AfterFork() {
-  MakeAnew(replayMutex);
+  ReinitAfterFork(replayMutex);
 }
 
 // A walk over the index keeps the table that it walks: it is replaced then, not emptied.
@@ -40,11 +40,11 @@ void WalSharedState::Clear() {
   } else {
     index = std::make_shared<MemTable<DataEntry>>();
   }
-  applied = kWalFirstRecord;
+  replayedEnd = kWalFirstRecord;
   end = kWalFirstRecord;
   first.bytes.clear();
   last.bytes.clear();
-  startOver = false;
+  needsFullReplay = false;
 }
 
 uint32_t Wal::Insert(const Key& key, uint32_t ttl, const void* value, uint32_t valueSize) {
@@ -89,7 +89,7 @@ uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t v
   record.checksum = StoreChecksum(&record, WalRecordOffset::kChecksum);
   state_->index->insert_or_assign(key, EntryOf(record));
 
-  if (state_->applied < offset) SpoilRecord(state_->applied, offset);
+  if (state_->replayedEnd < offset) InvalidateRecord(state_->replayedEnd, offset);
   std::memcpy(base_ + offset, &record, sizeof(record));
   std::memcpy(base_ + offset + sizeof(record), key.Data(), keySize);
   if (valueSize != 0) std::memcpy(base_ + record.valueOffset, value, valueSize);
@@ -97,9 +97,9 @@ uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t v
 
   state_->end = static_cast<uint32_t>(end);
   // Behind a damaged record, where replay has stopped, the offset stays.
-  if (state_->applied == offset) {
-    Remember(offset, offset);
-    state_->applied = static_cast<uint32_t>(end);
+  if (state_->replayedEnd == offset) {
+    SaveFingerprints(offset, offset);
+    state_->replayedEnd = static_cast<uint32_t>(end);
   }
   return kStatusOk;
 }
@@ -119,10 +119,10 @@ uint32_t Wal::Reserve(uint32_t size, uint32_t* offset) {
   return kStatusOk;
 }
 
-void Wal::NoticeManifestMoves(uint64_t moves) {
-  if (state_->manifestMoves == moves) return;
-  state_->manifestMoves = moves;
-  state_->startOver = true;
+void Wal::OnManifestChanges(uint64_t moves) {
+  if (state_->manifestChanges == moves) return;
+  state_->manifestChanges = moves;
+  state_->needsFullReplay = true;
 }
 
 void Wal::CatchUp() {
@@ -131,12 +131,12 @@ void Wal::CatchUp() {
 }
 
 void Wal::CatchUp(const WalHeader& header) {
-  FollowGrowth(header.used);
-  if (state_->startOver || WasEmptiedElsewhere(header)) state_->Clear();
-  if (state_->applied >= header.used) return;
+  RemapIfGrown(header.used);
+  if (state_->needsFullReplay || WasResetByOtherProcess(header)) state_->Clear();
+  if (state_->replayedEnd >= header.used) return;
 
   const std::lock_guard<std::mutex> lock(state_->replayMutex);
-  const uint32_t start = state_->applied;
+  const uint32_t start = state_->replayedEnd;
   uint64_t offset = start;
   uint64_t lastOffset = start;
   WalRecord record;
@@ -147,9 +147,9 @@ void Wal::CatchUp(const WalHeader& header) {
     offset += sizeof(record) + record.keySize + uint64_t{record.valueSize};
   }
   if (offset == start) return;
-  Remember(start, static_cast<uint32_t>(lastOffset));
-  state_->applied = static_cast<uint32_t>(offset);
-  state_->end = std::max(state_->end, state_->applied);
+  SaveFingerprints(start, static_cast<uint32_t>(lastOffset));
+  state_->replayedEnd = static_cast<uint32_t>(offset);
+  state_->end = std::max(state_->end, state_->replayedEnd);
 }
 
 // A sound record lies between `offset` and the end of the used area. One that reaches beyond is not followed:
@@ -166,7 +166,7 @@ bool Wal::ReadRecord(uint64_t offset, uint64_t used, WalRecord* record) const {
 // Where replay has stopped, the next append can make a record fit into the used area that did not fit before:
 // an old one whose neighbours were lost with the power. Its key would get a value that lies inside newer
 // records, and they would never be replayed. So what stopped the replay is made to stop it for good.
-void Wal::SpoilRecord(uint32_t offset, uint32_t used) {
+void Wal::InvalidateRecord(uint32_t offset, uint32_t used) {
   WalRecord record;
   if (uint64_t{offset} + sizeof(record) > used) return;  // is overwritten by what is appended
   std::memcpy(&record, base_ + offset, sizeof(record));
@@ -174,9 +174,9 @@ void Wal::SpoilRecord(uint32_t offset, uint32_t used) {
   base_[offset + WalRecordOffset::kChecksum] ^= 0xFF;
 }
 
-bool Wal::WasEmptiedElsewhere(const WalHeader& header) const {
+bool Wal::WasResetByOtherProcess(const WalHeader& header) const {
   if (header.used < state_->end) return true;
-  if (state_->applied == kWalFirstRecord) {
+  if (state_->replayedEnd == kWalFirstRecord) {
     // Entries without a replay come from appends behind a damaged first record. It does not heal by itself.
     WalRecord record;
     return !state_->index->empty() && ReadRecord(kWalFirstRecord, header.used, &record);
@@ -185,19 +185,19 @@ bool Wal::WasEmptiedElsewhere(const WalHeader& header) const {
 }
 
 // A record that is merely damaged now is not another record: its entry stays.
-bool Wal::WasReplaced(const WalSharedState::Seen& seen, uint32_t used) const {
+bool Wal::WasReplaced(const WalSharedState::RecordFingerprint& seen, uint32_t used) const {
   if (uint64_t{seen.offset} + seen.bytes.size() > capacity_) return true;
   if (std::memcmp(base_ + seen.offset, seen.bytes.data(), seen.bytes.size()) == 0) return false;
   WalRecord record;
   return ReadRecord(seen.offset, used, &record);
 }
 
-void Wal::Remember(uint32_t firstOffset, uint32_t lastOffset) {
+void Wal::SaveFingerprints(uint32_t firstOffset, uint32_t lastOffset) {
   if (firstOffset == kWalFirstRecord) CopyRecordTo(firstOffset, &state_->first);
   CopyRecordTo(lastOffset, &state_->last);
 }
 
-void Wal::CopyRecordTo(uint32_t offset, WalSharedState::Seen* seen) const {
+void Wal::CopyRecordTo(uint32_t offset, WalSharedState::RecordFingerprint* seen) const {
   WalRecord record;
   std::memcpy(&record, base_ + offset, sizeof(record));
   seen->bytes.assign(reinterpret_cast<const char*>(base_ + offset), sizeof(record) + record.keySize);
@@ -207,8 +207,8 @@ void Wal::CopyRecordTo(uint32_t offset, WalSharedState::Seen* seen) const {
 bool Wal::Lookup(const Key& key, DataEntry* entry) {
   CatchUp();
   auto found = state_->index->find(key);
-  if (found != state_->index->end() && BelongsToAnother(key, found->second)) {
-    state_->startOver = true;
+  if (found != state_->index->end() && IsStale(key, found->second)) {
+    state_->needsFullReplay = true;
     CatchUp();
     found = state_->index->find(key);
   }
@@ -219,7 +219,7 @@ bool Wal::Lookup(const Key& key, DataEntry* entry) {
 
 // Whether another record stands where the index says that this entry's record is: the log was emptied
 // elsewhere and filled again with a first and a last record like those of before.
-bool Wal::BelongsToAnother(const Key& key, const DataEntry& entry) const {
+bool Wal::IsStale(const Key& key, const DataEntry& entry) const {
   const uint64_t headSize = sizeof(WalRecord) + key.Size();
   WalHeader header;
   WalRecord record;
@@ -288,17 +288,17 @@ bool Wal::ReadHeader(WalHeader* header) const {
 void Wal::PublishUsed(WalHeader header, uint32_t used) {
   header.used = used;
   header.checksum = StoreChecksum(&header, WalHeaderOffset::kChecksum);
-  PublishHeader(base_, &header);
+  StoreHeaderAtomically(base_, &header);
 }
 
 // Another process may have made the log longer than this mapping.
-void Wal::FollowGrowth(uint32_t used) {
+void Wal::RemapIfGrown(uint32_t used) {
   if (used <= capacity_) return;
   uint64_t size = 0;
   if (file_->Size(&size) != 0 || size <= capacity_ || size > std::numeric_limits<uint32_t>::max()) return;
   void* base = file_->Map(static_cast<uint32_t>(size), 0, 0);
   if (base == nullptr) return;
-  file_->Adopt(base, static_cast<uint32_t>(size));
+  file_->TrackMapping(base, static_cast<uint32_t>(size));
   IgnoreStatus(file_->Unmap(base_));  // an adopted mapping, so nothing can be wrong with it
   base_ = static_cast<uint8_t*>(base);
   capacity_ = static_cast<uint32_t>(size);

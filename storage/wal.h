@@ -16,7 +16,7 @@
 // it up to date: it replays records that were appended elsewhere, and starts over when the log was emptied
 // elsewhere. The latter shows in a used area shorter than what was replayed, in another record standing where
 // the first, the last or a wanted one stood, or, since every flush moves the manifest, in a move of the
-// manifest by another process, of which the engine gives notice (NoticeManifestMoves).
+// manifest by another process, of which the engine gives notice (OnManifestChanges).
 #pragma once
 
 #include <cstdint>
@@ -26,11 +26,11 @@
 #include <mutex>
 #include <string>
 
+#include "format/wal_format.h"
 #include "kestrun/data_entry.h"
 #include "kestrun/key.h"
 #include "kestrun/lsdb.h"
 #include "storage/os_file.h"
-#include "storage/wal_format.h"
 
 namespace Kestrun {
 
@@ -40,19 +40,19 @@ using MemTable = std::map<Key, Entry>;
 // The index of one log in one process. Guarded by the in-process mutex of the log's file.
 struct WalSharedState {
   // One record as it was replayed: its header and its key.
-  struct Seen {
+  struct RecordFingerprint {
     uint32_t offset = 0;
     std::string bytes;
   };
 
-  uint32_t applied = kWalFirstRecord;  // everything before this offset is in the index
-  uint32_t end = kWalFirstRecord;      // of the last record that was replayed or appended by this process
+  uint32_t replayedEnd = kWalFirstRecord;  // everything before this offset is in the index
+  uint32_t end = kWalFirstRecord;          // of the last record that was replayed or appended by this process
   std::shared_ptr<MemTable<DataEntry>> index = std::make_shared<MemTable<DataEntry>>();
-  Seen first;  // of the records before `applied`
-  Seen last;
-  uint64_t manifestMoves = 0;  // what NoticeManifestMoves reported last
-  bool startOver = false;      // the manifest was moved elsewhere since the last replay
-  std::mutex replayMutex;      // held while records are replayed
+  RecordFingerprint first;  // of the records before `replayedEnd`
+  RecordFingerprint last;
+  uint64_t manifestChanges = 0;  // what OnManifestChanges reported last
+  bool needsFullReplay = false;  // the manifest was moved elsewhere since the last replay
+  std::mutex replayMutex;        // held while records are replayed
 
   void AfterFork();
   // Empties the index; the next look at it replays the log from its first record.
@@ -96,9 +96,9 @@ class Wal {
   // Brings the index up to date with the file, as described above. A record that fails its checksum, has no
   // key or reaches beyond the used area ends the replay for good. With a damaged header nothing happens.
   void CatchUp();
-  // Tells how often other processes have moved the manifest so far (Manifest::ForeignMoves). A change makes
+  // Tells how often other processes have moved the manifest so far (Manifest::ExternalChanges). A change makes
   // the next CatchUp start over.
-  void NoticeManifestMoves(uint64_t moves);
+  void OnManifestChanges(uint64_t moves);
 
   // True with the newest entry of `key`, deletion markers included. Catches up first.
   bool Lookup(const Key& key, DataEntry* entry);
@@ -132,15 +132,15 @@ class Wal {
   bool ReadHeader(WalHeader* header) const;
   bool VerifyAtOpen(uint32_t* status) const;
   void PublishUsed(WalHeader header, uint32_t used);
-  void FollowGrowth(uint32_t used);
+  void RemapIfGrown(uint32_t used);
   void CatchUp(const WalHeader& header);
-  void SpoilRecord(uint32_t offset, uint32_t used);
-  bool WasEmptiedElsewhere(const WalHeader& header) const;
-  bool WasReplaced(const WalSharedState::Seen& seen, uint32_t used) const;
-  bool BelongsToAnother(const Key& key, const DataEntry& entry) const;
+  void InvalidateRecord(uint32_t offset, uint32_t used);
+  bool WasResetByOtherProcess(const WalHeader& header) const;
+  bool WasReplaced(const WalSharedState::RecordFingerprint& seen, uint32_t used) const;
+  bool IsStale(const Key& key, const DataEntry& entry) const;
   bool ReadRecord(uint64_t offset, uint64_t limit, WalRecord* record) const;
-  void Remember(uint32_t firstOffset, uint32_t lastOffset);
-  void CopyRecordTo(uint32_t offset, WalSharedState::Seen* seen) const;
+  void SaveFingerprints(uint32_t firstOffset, uint32_t lastOffset);
+  void CopyRecordTo(uint32_t offset, WalSharedState::RecordFingerprint* seen) const;
 
   std::shared_ptr<OsFile> file_;  // has adopted the mapping
   uint8_t* base_;

@@ -5,11 +5,11 @@
 #include <cstring>
 #include <limits>
 
+#include "format/checksum.h"
+#include "format/file_magic.h"
 #include "kestrun/status.h"
-#include "storage/checksum.h"
 #include "storage/directory.h"
-#include "storage/file_birth.h"
-#include "storage/file_magic.h"
+#include "storage/file_creation.h"
 #include "storage/published_header.h"
 #include "storage/wal.h"
 
@@ -27,7 +27,7 @@ WalHeader EmptyLogHeader() {
 
 // Fills in a log that is missing, empty or shorter than asked for. Disk space comes first, so that a full
 // disk leaves what there is; the header comes before the size, which is what makes the log count as complete.
-uint32_t MakeAnew(OsFile& file, uint32_t walSize) {
+uint32_t InitializeInPlace(OsFile& file, uint32_t walSize) {
   const WalHeader header = EmptyLogHeader();
   const char zero = 0;
   if (!file.Reserve(walSize)) return kStatusCreateFailed;
@@ -40,10 +40,10 @@ uint32_t MakeAnew(OsFile& file, uint32_t walSize) {
 
 // Makes a short log anew unless another process has done so meanwhile.
 uint32_t GrowTo(OsFile& file, uint32_t walSize, uint64_t* size, bool* madeAnew) {
-  const CreationGuard guard(DirectoryOf(file.Path()));
+  const DirectoryCreationLock guard(DirectoryOf(file.Path()));
   if (file.Size(size) != 0) return kStatusCreateFailed;
   if (*size >= walSize) return kStatusOk;
-  if (const uint32_t status = MakeAnew(file, walSize); status != kStatusOk) return status;
+  if (const uint32_t status = InitializeInPlace(file, walSize); status != kStatusOk) return status;
   *size = walSize;
   *madeAnew = true;
   return SyncDirectory(DirectoryOf(file.Path())) ? kStatusOk : kStatusCreateFailed;
@@ -57,7 +57,7 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out)
   bool madeAnew = false;
   if (config.walSize > kWalFirstRecord && access(path.c_str(), F_OK) != 0) {
     const WalHeader header = EmptyLogHeader();
-    madeAnew = GiveBirthToFile(path, &header, sizeof(header), config.walSize);
+    madeAnew = CreateFileAtomically(path, &header, sizeof(header), config.walSize);
     if (madeAnew && !SyncDirectory(DirectoryOf(path))) return kStatusCreateFailed;
   }
 
@@ -91,7 +91,7 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out)
     std::printf("Failed to map wal: %s", path.c_str());
     return kStatusOk;
   }
-  file->Adopt(base, static_cast<uint32_t>(size));
+  file->TrackMapping(base, static_cast<uint32_t>(size));
 
   std::unique_ptr<Wal> wal(
       new Wal(file, static_cast<uint8_t*>(base), static_cast<uint32_t>(size), config.walOptions));
@@ -135,7 +135,7 @@ uint32_t Wal::Reset() {
   state_->Clear();
   const WalHeader header = EmptyLogHeader();
   std::memcpy(base_, header.magic, kMagicSize);
-  PublishHeader(base_, &header);
+  StoreHeaderAtomically(base_, &header);
   return kStatusOk;
 }
 

@@ -1,6 +1,6 @@
 #include "tools/arguments.h"
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 
 namespace Kestrun::Tools {
 namespace {
@@ -104,7 +104,7 @@ const CLI::App* FindCommand(const CLI::App& app, const std::string& name) {
   return nullptr;
 }
 
-OrderedArguments OrderArguments(const CLI::App& app, const std::vector<std::string>& arguments) {
+OrderedArguments NormalizeArguments(const CLI::App& app, const std::vector<std::string>& arguments) {
   const CLI::App* command = arguments.empty() ? nullptr : FindCommand(app, arguments.front());
   if (command == nullptr) {
     const bool isOption = !arguments.empty() && app.get_option_no_throw(arguments.front()) != nullptr;

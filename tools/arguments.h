@@ -27,6 +27,6 @@ struct OrderedArguments {
 //   looks like;
 // - in the place of a VALUE everything else is data;
 // - in another place an unknown "--name" is a problem, and everything else is data.
-OrderedArguments OrderArguments(const CLI::App& app, const std::vector<std::string>& arguments);
+OrderedArguments NormalizeArguments(const CLI::App& app, const std::vector<std::string>& arguments);
 
 }  // namespace Kestrun::Tools

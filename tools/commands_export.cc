@@ -1,7 +1,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "kestrun/status.h"
 #include "tools/commands.h"
 #include "tools/csv_rows.h"
@@ -201,8 +201,8 @@ int Export(const ExportOptions& options) {
   }
   output.Finish();
   if (others != 0) {
-    Say("kestrun: " + std::to_string(others) + (others == 1 ? " entry is" : " entries are") +
-        " no record of the type \"" + Inspect::Printable(type->name) + "\" and not exported");
+    PrintMessage("kestrun: " + std::to_string(others) + (others == 1 ? " entry is" : " entries are") +
+                 " no record of the type \"" + Inspect::Printable(type->name) + "\" and not exported");
   }
   if (options.ToStandardOutput()) return kExitDone;
   if (options.json) {

@@ -1,4 +1,4 @@
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "kestrun/status.h"
 #include "tools/commands.h"
 #include "tools/failure.h"
@@ -12,7 +12,7 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr uint64_t kMostShownProblems = 100;
+constexpr uint64_t kMaxShownProblems = 100;
 
 struct ImportOptions : CommonOptions {
   std::string file;
@@ -30,10 +30,10 @@ struct ImportCounts {
 };
 
 void SayProblem(const InputFile& file, const Row& row, const std::string& problem, uint64_t number) {
-  if (number <= kMostShownProblems) {
-    Say(file.Name() + ":" + std::to_string(row.line) + ": " + problem);
-  } else if (number == kMostShownProblems + 1) {
-    Say(file.Name() + ": more rows like these are not listed");
+  if (number <= kMaxShownProblems) {
+    PrintMessage(file.Name() + ":" + std::to_string(row.line) + ": " + problem);
+  } else if (number == kMaxShownProblems + 1) {
+    PrintMessage(file.Name() + ": more rows like these are not listed");
   }
 }
 
@@ -131,9 +131,9 @@ int Import(const ImportOptions& options) {
   }
   const ImportCounts counts = Store(options, &file, reader.get(), decoder);
   if (counts.unflushed != 0) {
-    Say("kestrun: " + std::to_string(counts.unflushed) +
-        " of the rows have keys that begin with the byte 0xFF: they "
-        "stay in the log and are lost when it fills, in this import or later");
+    PrintMessage("kestrun: " + std::to_string(counts.unflushed) +
+                 " of the rows have keys that begin with the byte 0xFF: they "
+                 "stay in the log and are lost when it fills, in this import or later");
   }
   if (options.json) {
     WriteJsonLine({{"rows", counts.rows}, {"stored", counts.stored}, {"bad", counts.bad}});

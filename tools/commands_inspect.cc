@@ -4,7 +4,7 @@
 #include <ctime>
 #include <thread>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "inspect/store_stat.h"
 #include "inspect/store_verify.h"
 #include "kestrun/status.h"
@@ -42,7 +42,7 @@ int Stat(const CommonOptions& options) {
 // A store that somebody writes to while it is read can look damaged, so damage is looked for again until it
 // stands in files that were still meanwhile.
 Inspect::VerifyReport VerifyQuiet(const CommonOptions& options, bool* quiet) {
-  constexpr int kMostTries = 4;
+  constexpr int kMaxTries = 4;
   constexpr auto kPause = std::chrono::milliseconds(20);
   for (int i = 1;; ++i) {
     const std::string before = Inspect::StoreFingerprint(options.store);
@@ -55,7 +55,7 @@ Inspect::VerifyReport VerifyQuiet(const CommonOptions& options, bool* quiet) {
     }
     std::this_thread::sleep_for(kPause);
     *quiet = Inspect::StoreFingerprint(options.store) == before;
-    if (*quiet || i == kMostTries) return report;
+    if (*quiet || i == kMaxTries) return report;
   }
 }
 
@@ -67,7 +67,8 @@ int Verify(const CommonOptions& options) {
   } else {
     WriteReport(report);
   }
-  if (!quiet) Say("kestrun: the store was written to meanwhile; verify it again when it is not in use");
+  if (!quiet)
+    PrintMessage("kestrun: the store was written to meanwhile; verify it again when it is not in use");
   return report.Sound() ? kExitDone : kExitNotFound;
 }
 

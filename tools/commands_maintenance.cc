@@ -4,7 +4,7 @@
 #include <ctime>
 #include <iostream>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "inspect/store_directory.h"
 #include "inspect/store_stat.h"
 #include "kestrun/status.h"
@@ -56,13 +56,13 @@ std::string TextOfBlocks(const Inspect::StoreStat& stat) {
 }
 
 int Compact(const CommonOptions& options) {
-  constexpr uint64_t kFewestBlocks = 4;
+  constexpr uint64_t kMinBlocks = 4;
   const auto store = OpenStore(options, Access::Existing);
   const Inspect::StoreStat before = StatOf(options);
   MustSucceed("merging the blocks", [&] { return store->ForceCompact(); });
   const Inspect::StoreStat after = StatOf(options);
-  if (before.ListedBlocks() < kFewestBlocks) {
-    Say("kestrun: fewer than 4 blocks are not merged");
+  if (before.ListedBlocks() < kMinBlocks) {
+    PrintMessage("kestrun: fewer than 4 blocks are not merged");
   }
   if (options.json) {
     WriteJsonLine({{"before", JsonOfBlocks(before)}, {"after", JsonOfBlocks(after)}});
@@ -81,7 +81,7 @@ int Clear(const CommonOptions& options) {
 }
 
 bool Confirm(const std::string& question) {
-  Say(question + " [y/N]");
+  PrintMessage(question + " [y/N]");
   std::string answer;
   std::getline(std::cin, answer);
   return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES";
@@ -107,7 +107,7 @@ int Remove(const RemoveOptions& options) {
                " files or directories in it that are not the store's";
     }
     if (!Confirm("Remove the store " + shown + others + "?")) {
-      Say("kestrun: nothing was removed");
+      PrintMessage("kestrun: nothing was removed");
       return kExitUsage;
     }
   }

@@ -1,4 +1,4 @@
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "tools/commands.h"
 #include "tools/failure.h"
 #include "tools/json_bytes.h"

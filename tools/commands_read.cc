@@ -1,7 +1,7 @@
 #include <ctime>
 
+#include "inspect/escape.h"
 #include "inspect/locate.h"
-#include "inspect/printable.h"
 #include "tools/commands.h"
 #include "tools/failure.h"
 #include "tools/json_bytes.h"
@@ -33,7 +33,8 @@ const char* StateName(EntryState state) {
 
 void SayNotFound(const ReadOptions& options, EntryState state) {
   const std::string key = "kestrun: key \"" + Inspect::Printable(options.key) + "\" ";
-  Say(key + (state == EntryState::Missing ? "is not in the store" : std::string("is ") + StateName(state)));
+  PrintMessage(
+      key + (state == EntryState::Missing ? "is not in the store" : std::string("is ") + StateName(state)));
 }
 
 int Get(const ReadOptions& options) {

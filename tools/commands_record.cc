@@ -1,4 +1,4 @@
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "kestrun/status.h"
 #include "tools/arguments.h"
 #include "tools/commands.h"
@@ -28,7 +28,7 @@ Cell CellOf(const std::string& argument, ValueType type, bool* inputTaken) {
   if (argument != kStandardInput) return {Cell::Kind::Text, argument};
   if (*inputTaken) throw UsageError("standard input can be one VALUE only, not two");
   *inputTaken = true;
-  std::string bytes = ReadStandardInput(kLargestValue);
+  std::string bytes = ReadStandardInput(kMaxValue);
   if (type == ValueType::Binary) return {Cell::Kind::Bytes, std::move(bytes)};
   if (type != ValueType::String && !bytes.empty() && bytes.back() == '\n') bytes.pop_back();
   return {Cell::Kind::Text, std::move(bytes)};
@@ -105,10 +105,10 @@ int Show(const RecordOptions& options) {
   StoredValue value;
   const EntryState state = ReadValue(*store, key, &value);
   if (state != EntryState::Live) {
-    Say("kestrun: key \"" + Inspect::Printable(options.key) + "\" " +
-        (state == EntryState::Missing   ? "is not in the store"
-         : state == EntryState::Expired ? "is expired"
-                                        : "is deleted"));
+    PrintMessage("kestrun: key \"" + Inspect::Printable(options.key) + "\" " +
+                 (state == EntryState::Missing   ? "is not in the store"
+                  : state == EntryState::Expired ? "is expired"
+                                                 : "is deleted"));
     return kExitNotFound;
   }
   const std::string_view bytes = value.Bytes();

@@ -1,4 +1,4 @@
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "tools/arguments.h"
 #include "tools/commands.h"
 #include "tools/failure.h"
@@ -17,7 +17,7 @@ struct WriteOptions : CommonOptions {
 
 void WarnOfDroppedKey(const std::string& key) {
   if (!IsDroppedByFlush(key)) return;
-  Say("kestrun: keys that begin with the byte 0xFF stay in the log and are lost when it fills");
+  PrintMessage("kestrun: keys that begin with the byte 0xFF stay in the log and are lost when it fills");
 }
 
 int Put(const WriteOptions& options) {
@@ -25,7 +25,7 @@ int Put(const WriteOptions& options) {
   const uint32_t ttl = options.Ttl();
   options.WalSize();
   const bool fromInput = !options.value || *options.value == kStandardInput;
-  const std::string value = fromInput ? ReadStandardInput(kLargestValue) : *options.value;
+  const std::string value = fromInput ? ReadStandardInput(kMaxValue) : *options.value;
 
   RequireRoom(options, key.Size(), value.size());
   const auto store = OpenStore(options, Access::Create);

@@ -4,14 +4,14 @@
 
 #include <new>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "tools/failure.h"
 
 namespace Kestrun::Tools {
 namespace {
 
 constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
-constexpr size_t kLongestRow = size_t{256} << 20;
+constexpr size_t kMaxRow = size_t{256} << 20;
 
 // What the parser calls back with while a line is fed to it.
 struct Collector {
@@ -136,7 +136,7 @@ bool CsvRowReader::ReadRecord(Record* record) {
     }
     record->problem = parser.Feed(line, body);
     record->raw.append(line, 0, parser.RowEnded() ? body : line.size());
-    if (record->raw.size() > kLongestRow) record->problem = "the row is longer than 256 MiB";
+    if (record->raw.size() > kMaxRow) record->problem = "the row is longer than 256 MiB";
   }
   if (record->line == 0) return false;
   if (record->problem.empty() && !parser.RowEnded()) record->problem = parser.Finish();

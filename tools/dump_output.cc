@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "inspect/dump.h"
+#include "inspect/escape.h"
 #include "inspect/manifest_file.h"
-#include "inspect/printable.h"
 #include "inspect/store_directory.h"
 #include "kestrun/status.h"
 #include "tools/failure.h"

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <cmath>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 
 namespace Kestrun::Tools {
 namespace {
@@ -64,10 +64,10 @@ const char* ExpectedOf(ValueType type) {
 }
 
 std::string Shown(const Cell& cell) {
-  constexpr size_t kMost = 60;
+  constexpr size_t kMax = 60;
   if (cell.kind == Cell::Kind::Bytes) return "bytes";
-  const std::string text = Inspect::Printable(cell.text.substr(0, kMost));
-  return "\"" + text + (cell.text.size() > kMost ? "...\"" : "\"");
+  const std::string text = Inspect::Printable(cell.text.substr(0, kMax));
+  return "\"" + text + (cell.text.size() > kMax ? "...\"" : "\"");
 }
 
 // Of a single precision number the digits that tell it, not the many more of its double.

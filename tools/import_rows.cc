@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "kestrun/record.h"
 #include "tools/failure.h"
 #include "tools/record_type.h"

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "tools/failure.h"
 
 namespace Kestrun::Tools {

@@ -14,7 +14,7 @@ namespace Kestrun::Tools {
 inline constexpr char kStandardInput[] = "-";
 
 // The size of the largest value that an entry can tell.
-inline constexpr uint64_t kLargestValue = 4294967295;
+inline constexpr uint64_t kMaxValue = 4294967295;
 
 // All of standard input. Throws InputError when it has more than `most` bytes.
 std::string ReadStandardInput(uint64_t most);

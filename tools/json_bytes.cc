@@ -1,6 +1,6 @@
 #include "tools/json_bytes.h"
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {

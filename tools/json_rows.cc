@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "tools/json_bytes.h"
 
 namespace Kestrun::Tools {

@@ -23,7 +23,7 @@ bool KeyRange::Holds(const Key& key) const {
 // primary listed in their filters, which leaves out the primary's neighbours. So the enumeration always runs
 // to the last key there is, whose primary is its own, and each source is left at the end of the range.
 std::vector<Key> ListKeys(LSDBImpl& store, const KeyRange& range) {
-  const Key last(std::string(kLongestKey, '\xFF'));
+  const Key last(std::string(kMaxKey, '\xFF'));
   Key begin(range.prefix);
   if (range.from && begin < *range.from) begin = *range.from;
 

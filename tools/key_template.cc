@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "tools/failure.h"
 #include "tools/options.h"
 
@@ -64,7 +64,7 @@ bool KeyTemplate::Make(const Row& row, std::string* key, std::string* why) const
     }
     *key += cell->text;
   }
-  if (key->empty() || key->size() > kLongestKey) {
+  if (key->empty() || key->size() > kMaxKey) {
     *why = "gives a key of " + std::to_string(key->size()) + " bytes; a key has 1 to 65535";
     return false;
   }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "kestrun/version.h"
 #include "tools/arguments.h"
 #include "tools/commands.h"
@@ -33,8 +33,8 @@ std::string UsageLine(const CLI::App& app, const std::vector<std::string>& argum
 
 int Usage(const CLI::App& app, const std::vector<std::string>& arguments, const std::string& message) {
   const bool named = !arguments.empty() && FindCommand(app, arguments.front()) != nullptr;
-  Say("kestrun" + (named ? " " + arguments.front() : std::string()) + ": " + message);
-  Say(UsageLine(app, arguments));
+  PrintMessage("kestrun" + (named ? " " + arguments.front() : std::string()) + ": " + message);
+  PrintMessage(UsageLine(app, arguments));
   return kExitUsage;
 }
 
@@ -47,16 +47,16 @@ int Perform(const CLI::App& app, const std::vector<std::string>& arguments, cons
   } catch (const UsageError& error) {
     return Usage(app, arguments, error.what());
   } catch (const InputError& error) {
-    Say("kestrun " + arguments.front() + ": " + error.what());
+    PrintMessage("kestrun " + arguments.front() + ": " + error.what());
     return kExitUsage;
   } catch (const StoreFailure& failure) {
-    Say("kestrun " + arguments.front() + ": " + failure.Message());
+    PrintMessage("kestrun " + arguments.front() + ": " + failure.Message());
   } catch (const SystemFailure& failure) {
-    Say("kestrun " + arguments.front() + ": " + failure.what());
+    PrintMessage("kestrun " + arguments.front() + ": " + failure.what());
   } catch (const std::bad_alloc&) {
-    Say("kestrun " + arguments.front() + ": memory could not be allocated");
+    PrintMessage("kestrun " + arguments.front() + ": memory could not be allocated");
   } catch (const std::exception& error) {
-    Say("kestrun " + arguments.front() + ": " + Inspect::Printable(error.what()));
+    PrintMessage("kestrun " + arguments.front() + ": " + Inspect::Printable(error.what()));
   }
   return kExitRefused;
 }
@@ -82,7 +82,7 @@ int Run(const std::vector<std::string>& arguments) {
   AddInspectCommands(program);
 
   if (arguments.empty()) return Usage(app, arguments, "a command is needed");
-  ordered = OrderArguments(app, arguments);
+  ordered = NormalizeArguments(app, arguments);
   if (!ordered.problem.empty()) return Usage(app, arguments, ordered.problem);
   try {
     app.parse(std::vector<std::string>(ordered.forParser.rbegin(), ordered.forParser.rend()));

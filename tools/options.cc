@@ -10,9 +10,9 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr uint64_t kLargestWal = 4294967295;
-constexpr uint64_t kSmallestWal = 129;
-constexpr uint64_t kLargestPage = uint64_t{1} << 30;
+constexpr uint64_t kMaxWal = 4294967295;
+constexpr uint64_t kMinWal = 129;
+constexpr uint64_t kMaxPage = uint64_t{1} << 30;
 
 }  // namespace
 
@@ -52,8 +52,8 @@ std::optional<uint64_t> ParseSize(const std::string& text, uint64_t most) {
 
 std::optional<uint32_t> CommonOptions::WalSize() const {
   if (!walSizeText) return std::nullopt;
-  const std::optional<uint64_t> size = ParseSize(*walSizeText, kLargestWal);
-  if (!size || *size < kSmallestWal) {
+  const std::optional<uint64_t> size = ParseSize(*walSizeText, kMaxWal);
+  if (!size || *size < kMinWal) {
     throw UsageError(
         "--wal-size takes a number of bytes from 129 to 4294967295, such as 65536, 64K or 4M, not \"" +
         *walSizeText + "\"");
@@ -62,8 +62,8 @@ std::optional<uint32_t> CommonOptions::WalSize() const {
 }
 
 uint32_t CommonOptions::Ttl() const {
-  if (!ttlText) return kLongestTtl;
-  const std::optional<uint64_t> seconds = ParseNumber(*ttlText, kLongestTtl);
+  if (!ttlText) return kMaxTtl;
+  const std::optional<uint64_t> seconds = ParseNumber(*ttlText, kMaxTtl);
   if (!seconds) {
     throw UsageError("--ttl takes a number of seconds from 0 to 4294967295, not \"" + *ttlText + "\"");
   }
@@ -75,7 +75,7 @@ uint64_t CommonOptions::PageSize() const {
     const long size = sysconf(_SC_PAGESIZE);
     return size > 0 ? static_cast<uint64_t>(size) : 4096;
   }
-  const std::optional<uint64_t> size = ParseSize(*pageSizeText, kLargestPage);
+  const std::optional<uint64_t> size = ParseSize(*pageSizeText, kMaxPage);
   if (!size || *size < 512 || (*size & (*size - 1)) != 0) {
     throw UsageError("--page-size takes a power of two from 512 to 1G, such as 4096 or 16K, not \"" +
                      *pageSizeText + "\"");

@@ -11,8 +11,8 @@
 
 namespace Kestrun::Tools {
 
-inline constexpr uint32_t kLongestTtl = 4294967295;
-inline constexpr uint32_t kLongestKey = 65535;
+inline constexpr uint32_t kMaxTtl = 4294967295;
+inline constexpr uint32_t kMaxKey = 65535;
 
 // What the command line says, as far as the shared arguments go. Every command has one; it lives until the
 // command has run.

@@ -3,7 +3,7 @@
 #include <set>
 #include <vector>
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "inspect/schema_file.h"
 #include "inspect/store_directory.h"
 #include "tools/failure.h"

@@ -1,6 +1,6 @@
 #include "tools/stat_output.h"
 
-#include "inspect/printable.h"
+#include "inspect/escape.h"
 #include "tools/streams.h"
 #include "tools/table.h"
 

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "inspect/escape.h"
 #include "inspect/log_file.h"
-#include "inspect/printable.h"
 #include "inspect/read_only_file.h"
 #include "inspect/store_directory.h"
 #include "kestrun/status.h"
@@ -19,7 +19,7 @@ namespace Kestrun::Tools {
 namespace {
 
 constexpr uint32_t kDefaultWalSize = 4 << 20;
-constexpr uint64_t kLargestWal = 4294967295;
+constexpr uint64_t kMaxWal = 4294967295;
 constexpr uint64_t kRecordHeader = 40;
 constexpr auto kPatience = std::chrono::seconds(2);
 constexpr auto kPause = std::chrono::milliseconds(2);
@@ -40,7 +40,7 @@ std::optional<LogOnDisk> FindLog(const std::string& path) {
 
 std::unique_ptr<LSDBImpl> Open(const std::string& path, uint64_t walSize) {
   LSDBConfig config = {};
-  config.walSize = static_cast<uint32_t>(std::min(walSize, kLargestWal));
+  config.walSize = static_cast<uint32_t>(std::min(walSize, kMaxWal));
   LSDBImpl* store = nullptr;
   MustSucceed(Inspect::Printable(path), [&] { return LSDBImpl::Open(path, config, &store); });
   return std::unique_ptr<LSDBImpl>(store);
@@ -73,7 +73,7 @@ void Restore(LSDBImpl& store, const std::vector<Unflushed>& entries) {
     const auto now = static_cast<uint64_t>(std::time(nullptr));
     DataEntry present = {};
     if (entry.expiry < now || FindEntry(store, entry.key, &present) != EntryState::Missing) continue;
-    const auto ttl = static_cast<uint32_t>(std::min<uint64_t>(entry.expiry - now, kLongestTtl));
+    const auto ttl = static_cast<uint32_t>(std::min<uint64_t>(entry.expiry - now, kMaxTtl));
     const std::string_view value = entry.value.Bytes();
     MustSucceed("writing a key back after the flush", [&] {
       return store.Insert(entry.key, ttl, value.data(), static_cast<uint32_t>(value.size()));
@@ -132,7 +132,7 @@ std::unique_ptr<Series> OpenSeries(const CommonOptions& options) {
   OpenStore(options, Access::Create).reset();
   SeriesConfig config = {};
   const std::optional<LogOnDisk> log = FindLog(options.store);
-  config.walSize = static_cast<uint32_t>(std::min(log ? log->size : kDefaultWalSize, kLargestWal));
+  config.walSize = static_cast<uint32_t>(std::min(log ? log->size : kDefaultWalSize, kMaxWal));
   Series* series = nullptr;
   MustSucceed(Inspect::Printable(options.store),
               [&] { return Series::Open(options.store, config, &series); });
@@ -159,7 +159,7 @@ void RequireRoom(const CommonOptions& options, uint64_t keySize, uint64_t valueS
 
 Key ParseKey(const std::string& text, const std::string& what) {
   if (text.empty()) throw UsageError(what + " can't be empty: a key has 1 to 65535 bytes");
-  if (text.size() > kLongestKey) {
+  if (text.size() > kMaxKey) {
     throw UsageError(what + " has " + std::to_string(text.size()) + " bytes; a key has at most 65535");
   }
   return Key(text);
@@ -190,7 +190,7 @@ EntryState FindEntry(LSDBImpl& store, const Key& key, DataEntry* entry) {
 }
 
 EntryState ReadValue(LSDBImpl& store, const Key& key, StoredValue* value) {
-  constexpr int kMostTries = 10;
+  constexpr int kMaxTries = 10;
   for (int i = 1;; ++i) {
     DataEntry entry;
     const EntryState state = FindEntry(store, key, &entry);
@@ -204,7 +204,7 @@ EntryState ReadValue(LSDBImpl& store, const Key& key, StoredValue* value) {
     if (status == kStatusOk && (bytes != nullptr || entry.valueSize == 0)) return EntryState::Live;
     // The entry may have expired, or somebody may have written the key, between the two calls.
     const bool again = status == kStatusOk || status == kStatusExpired || status == kStatusInvalid;
-    if (!again || i == kMostTries) throw StoreFailure(status, "reading the value");
+    if (!again || i == kMaxTries) throw StoreFailure(status, "reading the value");
   }
 }
 

@@ -67,7 +67,7 @@ void FlushDiagnostics() {
   std::fflush(stdout);
 }
 
-void Say(std::string_view text) {
+void PrintMessage(std::string_view text) {
   FlushDiagnostics();
   ClearProgress();
   std::fwrite(text.data(), 1, text.size(), stderr);

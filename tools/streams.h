@@ -23,7 +23,7 @@ void FinishData();
 // Hands over what the library has printed, with a line end behind it.
 void FlushDiagnostics();
 // A line on standard error, behind the diagnostics.
-void Say(std::string_view text);
+void PrintMessage(std::string_view text);
 // Replaces the progress line at the end of standard error; empty to remove it.
 void ShowProgress(std::string_view text);
 

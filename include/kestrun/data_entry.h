@@ -1,4 +1,4 @@
-// kestrun/data_entry.h: where one entry of a store lies, and how long it lives.
+// include/kestrun/data_entry.h: where one entry of a store lies, and how long it lives.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// kestrun/kestrun.h: everything that the library offers.
+// include/kestrun/kestrun.h: everything that the library offers.
 #pragma once
 
 #include "kestrun/data_entry.h"

@@ -1,4 +1,4 @@
-// kestrun/lsdb.h: the store: byte values under byte-string keys, in a directory of their own.
+// include/kestrun/lsdb.h: the store: byte values under byte-string keys, in a directory of their own.
 //
 // A store is a write-ahead log, a manifest and any number of block files. Every write is appended to the
 // log; when the log is full its entries become a new block; compaction merges the blocks into one.
@@ -166,11 +166,11 @@ class KESTRUN_EXPORT LSDBImpl {
   bool IsOpen() const { return cache_ != nullptr; }  // which Open sets last
 
   std::string BlockPath(const std::string& name) const;
-  void NoticeManifestMoves();
+  void OnManifestChanges();
   uint32_t FindBlock(const Key& key, std::shared_ptr<Block>* found);
   uint32_t FindEntry(const Key& key, DataEntry* entry, std::shared_ptr<Block>* block, bool* found);
   uint32_t WriteEntry(const std::function<uint32_t()>& append);
-  uint32_t Flush(const std::function<uint32_t()>& lastStep);
+  uint32_t Flush(const std::function<uint32_t()>& afterReset);
   uint32_t RecordFlushedBlock(const std::string& name, const std::shared_ptr<Block>& block);
   uint32_t Compact();
   uint32_t RemoveLegacyFiles();

@@ -1,4 +1,4 @@
-// kestrun/record.h: one typed record, and the bytes in which a store keeps it.
+// include/kestrun/record.h: one typed record, and the bytes in which a store keeps it.
 //
 //   offset 0   2 bytes   number of the record type
 //   offset 2   the fields in the order of the record type, back to back; integers little-endian
@@ -79,7 +79,7 @@ class KESTRUN_EXPORT Record {
   friend class Series;
 
   // The bytes that Encode writes at most, numbers in String fields counted as text. Aborts like Capacity.
-  uint64_t EncodedBound() const;
+  uint64_t MaxEncodedSize() const;
 
   const RecordMeta* meta_;
   std::vector<Value> values_;

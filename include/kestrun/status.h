@@ -1,4 +1,4 @@
-// kestrun/status.h: every status that an operation of the store returns.
+// include/kestrun/status.h: every status that an operation of the store returns.
 //
 // A status is a uint32_t; 0 is success. A key that is missing is not an error: reads return kStatusOk with
 // an empty result. The numbers never change: programs may store and compare them.

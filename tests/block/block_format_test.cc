@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include "tests/block/block_fixture.h"
-#include "tests/support/forged_clock.h"
-#include "tests/support/format_page.h"
+#include "tests/support/doc_hex.h"
+#include "tests/support/fake_clock.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -41,7 +41,7 @@ TEST_F(BlockFormatTest, AOneByteKeyWithThreeBytesOfValueTakes8268BytesWherePages
   EXPECT_TRUE(BlockImage({{"k", "abc", false, 1700000000, 60}}, 4096).Bytes() == OneEntryFile());
   if (MachinePage() != 4096) return;
 
-  ForgedClock clock;
+  FakeClock clock;
   clock.Set(1700000000);
   const std::unique_ptr<Wal> wal = OpenWal();
   ASSERT_EQ(Insert(*wal, "k", "abc", 60), kStatusOk);
@@ -50,7 +50,7 @@ TEST_F(BlockFormatTest, AOneByteKeyWithThreeBytesOfValueTakes8268BytesWherePages
 }
 
 TEST_F(BlockFormatTest, WritesExactlyTheseBytesWhateverThePageSize) {
-  ForgedClock clock;
+  FakeClock clock;
   clock.Set(1700000000);
   const std::unique_ptr<Wal> wal = OpenWal();
   const std::string large(5000, 'x');
@@ -70,7 +70,7 @@ TEST_F(BlockFormatTest, WritesExactlyTheseBytesWhateverThePageSize) {
 
 TEST_F(BlockFormatTest, TablesBeginOnTheNextPageAndNotOnTheOneAfterIt) {
   const size_t page = MachinePage();
-  ForgedClock clock;
+  FakeClock clock;
   // The data section ends one byte before a page boundary, at it, and one byte behind it.
   for (const size_t end : {page - 1, page, page + 1, 3 * page}) {
     const std::string name = "ends at " + std::to_string(end);
@@ -140,13 +140,13 @@ TEST_F(BlockFormatTest, AnyDeletedFlagButZeroMarksADeletion) {
 }
 
 TEST_F(BlockFormatTest, TheFilesInTheFormatPageAreTheFilesThatAreWritten) {
-  EXPECT_TRUE(HexBlockOfPage(KESTRUN_BLOCK_PAGE, "empty") == BlockImage({}, 4096).Bytes());
-  EXPECT_TRUE(HexBlockOfPage(KESTRUN_BLOCK_PAGE, "one-entry") == OneEntryFile());
+  EXPECT_TRUE(ReadDocHex(KESTRUN_BLOCK_PAGE, "empty") == BlockImage({}, 4096).Bytes());
+  EXPECT_TRUE(ReadDocHex(KESTRUN_BLOCK_PAGE, "one-entry") == OneEntryFile());
   if (MachinePage() != 4096) return;
 
   WriteFromWal(*OpenWal(), "empty");
-  EXPECT_TRUE(HexBlockOfPage(KESTRUN_BLOCK_PAGE, "empty") == ReadFile(PathOf("empty")));
-  EXPECT_EQ(Load(Store("one-entry", HexBlockOfPage(KESTRUN_BLOCK_PAGE, "one-entry")))->Count(), 1u);
+  EXPECT_TRUE(ReadDocHex(KESTRUN_BLOCK_PAGE, "empty") == ReadFile(PathOf("empty")));
+  EXPECT_EQ(Load(Store("one-entry", ReadDocHex(KESTRUN_BLOCK_PAGE, "one-entry")))->Count(), 1u);
 }
 
 }  // namespace

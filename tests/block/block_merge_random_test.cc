@@ -6,7 +6,7 @@
 
 #include "tests/block/block_fixture.h"
 #include "tests/support/captured_stdout.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/random_run.h"
 
 namespace Kestrun::Testing {
@@ -100,7 +100,7 @@ class RandomMergeTest : public BlockTest {
     }
   }
 
-  ForgedClock clock_;
+  FakeClock clock_;
   std::mt19937_64 random_ = TestRandom(0);
 };
 

@@ -6,7 +6,7 @@
 #include "tests/block/block_fixture.h"
 #include "tests/support/captured_stdout.h"
 #include "tests/support/child_process.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -24,7 +24,7 @@ class BlockMergeTest : public BlockTest {
     return ReadFile(PathOf("merged"));
   }
 
-  ForgedClock clock_;
+  FakeClock clock_;
   std::unique_ptr<Block> merged_;
 };
 

@@ -5,7 +5,7 @@
 
 #include "tests/block/block_fixture.h"
 #include "tests/support/captured_stdout.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -62,7 +62,7 @@ TEST_F(LoadedBlockTest, LookupCopiesTheEntryAsTheFileHasIt) {
 }
 
 TEST_F(LoadedBlockTest, ALiveDeletionMarkerAndAnEmptyValueReadAsNull) {
-  ForgedClock clock;
+  FakeClock clock;
   const std::unique_ptr<Block> block =
       LoadWith({{"empty", "", false, clock.Now(), 0}, {"gone", "", true, clock.Now(), 0}});
   CapturedStdout output;
@@ -75,7 +75,7 @@ TEST_F(LoadedBlockTest, ALiveDeletionMarkerAndAnEmptyValueReadAsNull) {
 }
 
 TEST_F(LoadedBlockTest, AnEntryExpiresWithTheSecondAfterItsLastOne) {
-  ForgedClock clock;
+  FakeClock clock;
   const std::unique_ptr<Block> block =
       LoadWith({{"gone", "", true, clock.Now(), 3}, {"key", "value", false, clock.Now(), 3}});
   CapturedStdout output;
@@ -94,7 +94,7 @@ TEST_F(LoadedBlockTest, AnEntryExpiresWithTheSecondAfterItsLastOne) {
 }
 
 TEST_F(LoadedBlockTest, WriteTimeAndTimeToLiveAreAddedIn64Bits) {
-  ForgedClock clock;
+  FakeClock clock;
   clock.Set(5000000000);
   const std::unique_ptr<Block> block =
       LoadWith({{"a", "1", false, 1000000000, 4000000000}, {"b", "2", false, 999999999, 4000000000}});
@@ -104,7 +104,7 @@ TEST_F(LoadedBlockTest, WriteTimeAndTimeToLiveAreAddedIn64Bits) {
 }
 
 TEST_F(LoadedBlockTest, AnExpiredValueIsNotRead) {
-  ForgedClock clock;
+  FakeClock clock;
   BlockImage image({{"key", "value", false, clock.Now() - 10, 5}});
   image.file.Put32(image.EntryOffset(0), 0x7FFFFFFF);  // far beyond the end of the file
   image.SealEntry(0);

@@ -11,7 +11,7 @@
 #include "tests/block/block_fixture.h"
 #include "tests/support/captured_stdout.h"
 #include "tests/support/child_process.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/random_run.h"
 
 namespace Kestrun::Testing {
@@ -20,7 +20,7 @@ namespace {
 using BlockWriteTest = BlockTest;
 
 TEST_F(BlockWriteTest, TheFlushCopiesDeletionMarkersAndExpiredEntriesAsTheyAre) {
-  ForgedClock clock;
+  FakeClock clock;
   const uint64_t start = clock.Now();
   const std::unique_ptr<Wal> wal = OpenWal();
   ASSERT_EQ(Insert(*wal, "expired", "old", 5), kStatusOk);
@@ -40,7 +40,7 @@ TEST_F(BlockWriteTest, TheFlushCopiesDeletionMarkersAndExpiredEntriesAsTheyAre) 
 }
 
 TEST_F(BlockWriteTest, TheNewestEntryOfAKeyIsTheOneThatIsWritten) {
-  ForgedClock clock;
+  FakeClock clock;
   const std::unique_ptr<Wal> wal = OpenWal();
   ASSERT_EQ(Insert(*wal, "a", "old", 1), kStatusOk);
   ASSERT_EQ(Insert(*wal, "a", "newer", 2), kStatusOk);
@@ -53,7 +53,7 @@ TEST_F(BlockWriteTest, TheNewestEntryOfAKeyIsTheOneThatIsWritten) {
 
 // They lie behind the largest key that scans know; callers rely on the limit being the same everywhere.
 TEST_F(BlockWriteTest, KeysFromTheByteFFOnAreNotWritten) {
-  ForgedClock clock;
+  FakeClock clock;
   const std::unique_ptr<Wal> wal = OpenWal();
   ASSERT_EQ(Insert(*wal, "\xff", "1"), kStatusOk);
   ASSERT_EQ(Insert(*wal, "\xff more", "2"), kStatusOk);
@@ -66,7 +66,7 @@ TEST_F(BlockWriteTest, KeysFromTheByteFFOnAreNotWritten) {
 }
 
 TEST_F(BlockWriteTest, TablesLargerThanAnyBufferAreTheSameBytes) {
-  ForgedClock clock;
+  FakeClock clock;
   const std::unique_ptr<Wal> wal = OpenWal(4 * 1024 * 1024);
   std::vector<BlockImageEntry> entries;
   for (int i = 1000; i < 3500; ++i) {
@@ -84,7 +84,7 @@ TEST_F(BlockWriteTest, TablesLargerThanAnyBufferAreTheSameBytes) {
 
 TEST_F(BlockWriteTest, AnyLogGivesTheFileOfItsNewestEntries) {
   std::mt19937_64 random = TestRandom(0);
-  ForgedClock clock;
+  FakeClock clock;
   for (uint64_t round = 0; round < TestSize(20, 2000); ++round) {
     const std::unique_ptr<Wal> wal = OpenWal(1024 * 1024, "wal" + std::to_string(round));
     std::map<std::string, BlockImageEntry> newest;
@@ -113,7 +113,7 @@ TEST_F(BlockWriteTest, AnyLogGivesTheFileOfItsNewestEntries) {
 }
 
 TEST_F(BlockWriteTest, AnExistingFileIsOverwrittenFromItsStartAndNotCut) {
-  ForgedClock clock;
+  FakeClock clock;
   const std::unique_ptr<Wal> wal = OpenWal();
   ASSERT_EQ(Insert(*wal, "key", "value", 7), kStatusOk);
   const BlockImage image({{"key", "value", false, clock.Now(), 7}});

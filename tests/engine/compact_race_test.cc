@@ -7,7 +7,7 @@
 #include "tests/engine/store_fixture.h"
 #include "tests/support/captured_stdout.h"
 #include "tests/support/child_process.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -83,7 +83,7 @@ class CompactRaceTest : public StoreTest, public ::testing::WithParamInterface<M
     EXPECT_EQ(later.Wait(), 0);
   }
 
-  ForgedClock clock_;
+  FakeClock clock_;
   std::unique_ptr<LSDBImpl> engine_;
 };
 

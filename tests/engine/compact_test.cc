@@ -10,7 +10,7 @@
 #include "tests/support/block_image.h"
 #include "tests/support/captured_stdout.h"
 #include "tests/support/child_process.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/process_maps.h"
 
 namespace Kestrun::Testing {
@@ -29,7 +29,7 @@ class CompactTest : public StoreTest {
     engine_ = Open();
   }
 
-  ForgedClock clock_;
+  FakeClock clock_;
   std::unique_ptr<LSDBImpl> engine_ = Open();
 };
 

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "block/block.h"
-#include "storage/key_filter.h"
+#include "format/key_filter.h"
 #include "tests/engine/store_fixture.h"
 #include "tests/support/captured_stdout.h"
 #include "tests/support/child_process.h"

@@ -8,7 +8,7 @@
 #include "tests/support/byte_locks.h"
 #include "tests/support/captured_stdout.h"
 #include "tests/support/child_process.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -33,7 +33,7 @@ class LocksTest : public StoreTest {
       ASSERT_EQ(Insert(*engine_, "filler", std::string(100, 'f')), kStatusOk);
   }
 
-  ForgedClock clock_;
+  FakeClock clock_;
   std::unique_ptr<LSDBImpl> engine_ = Open();
 };
 

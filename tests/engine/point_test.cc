@@ -6,7 +6,7 @@
 #include "block/block.h"
 #include "tests/engine/store_fixture.h"
 #include "tests/support/captured_stdout.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -15,7 +15,7 @@ constexpr char kFull[] = "Wal is fullFailed to reserve write space\n";
 
 class PointTest : public StoreTest {
  protected:
-  ForgedClock clock_;
+  FakeClock clock_;
   std::unique_ptr<LSDBImpl> engine_ = Open();
 };
 

@@ -1,17 +1,17 @@
 // Listing and deleting the keys of a range.
 #include <gtest/gtest.h>
 
-#include "storage/key_filter.h"
+#include "format/key_filter.h"
 #include "tests/engine/store_fixture.h"
 #include "tests/support/captured_stdout.h"
-#include "tests/support/forged_clock.h"
+#include "tests/support/fake_clock.h"
 
 namespace Kestrun::Testing {
 namespace {
 
 class RangeTest : public StoreTest {
  protected:
-  ForgedClock clock_;
+  FakeClock clock_;
   std::unique_ptr<LSDBImpl> engine_ = Open();
 };
 

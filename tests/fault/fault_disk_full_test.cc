@@ -32,9 +32,9 @@ using Kind = Step::Kind;
 constexpr uint32_t kWalSize = 4096;
 constexpr size_t kPage = 4096;
 constexpr size_t kBallast = 32 * kPage;  // more than all values of the store take twice
-constexpr int kMostSteps = 1500;
+constexpr int kMaxSteps = 1500;
 constexpr int kRefusalsWanted = 30;
-constexpr unsigned int kLongestLife = 60;  // seconds
+constexpr unsigned int kMaxLife = 60;  // seconds
 
 struct DiskReport {
   int settled[kScriptKeys];
@@ -53,20 +53,20 @@ class DiskFullProcess {
   // With no room for long; what holds the room at first is given back at the end.
   int Fill() {
     Quiet();
-    for (int number = 0; number < kMostSteps && refused_ < kRefusalsWanted; ++number) {
+    for (int number = 0; number < kMaxSteps && refused_ < kRefusalsWanted; ++number) {
       const Step step = store_.IsOpen() ? DrawStep() : Step{Kind::Open, 0, 0, kWalSize};
       if (!Take(number, step, true)) return 1;
     }
     if (store_.IsOpen() && !Verify("on the full disk")) return 1;
     GiveRoom();
-    return GoOn(kMostSteps);
+    return GoOn(kMaxSteps);
   }
 
   // Another process, with room.
   int Continue() {
     Quiet();
     for (int key = 0; key < kScriptKeys; ++key) model_.Settle(key, report_->settled[key]);
-    return GoOn(2 * kMostSteps);
+    return GoOn(2 * kMaxSteps);
   }
 
  private:
@@ -78,7 +78,7 @@ class DiskFullProcess {
 
   void Quiet() {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
-    alarm(kLongestLife);
+    alarm(kMaxLife);
     std::signal(SIGXFSZ, SIG_IGN);
     if (!report_->isMounted) LimitFiles(kWalSize);
   }

@@ -1,4 +1,4 @@
-// Files as a loss of power can leave them, put together by hand. crash_states_test finds such files by
+// Files as a loss of power can leave them, put together by hand. power_loss_states_test finds such files by
 // trying.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
+#include "format/torn_entry.h"
 #include "kestrun/lsdb.h"
 #include "kestrun/status.h"
-#include "storage/manifest_tail.h"
 #include "tests/support/captured_stdout.h"
 #include "tests/support/child_process.h"
 #include "tests/support/file_bytes.h"
@@ -104,7 +104,7 @@ TEST_F(PowerLossTest, AnEntryWhoseSectorsDidNotArriveIsNotAnEntry) {
 TEST(ManifestTailTest, IsUnfinishedOnlyWhereAWholeSectorOfTheHeadIsMissing) {
   const std::string entry = ManifestEntryBytes(std::string(31, 'A'), std::string(600, 'f'));
   const auto isUnfinished = [](const std::string& bytes, uint64_t offset) {
-    return IsUnfinishedEntry(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), offset);
+    return IsTornEntry(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), offset);
   };
   const auto without = [&entry](size_t begin, size_t count) {
     std::string bytes = entry;
@@ -137,7 +137,7 @@ TEST(ManifestTailTest, IsUnfinishedOnlyWhereAWholeSectorOfTheHeadIsMissing) {
 TEST(ManifestTailTest, ASoundEntryBehindItSaysThatItIsDamage) {
   const std::string entry = ManifestEntryBytes(std::string(31, 'A'), std::string(9, 'f'));
   const std::string tail = std::string(600, '\0') + entry;
-  EXPECT_FALSE(IsUnfinishedEntry(reinterpret_cast<const uint8_t*>(tail.data()), tail.size(), 128));
+  EXPECT_FALSE(IsTornEntry(reinterpret_cast<const uint8_t*>(tail.data()), tail.size(), 128));
 }
 
 }  // namespace

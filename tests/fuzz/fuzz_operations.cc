@@ -12,7 +12,7 @@ namespace Kestrun::Fuzzing {
 namespace {
 
 constexpr unsigned kForEver = 0xFFFFFFFF;
-constexpr int kMostOperations = 12;
+constexpr int kMaxOperations = 12;
 
 void CheckGet(LSDBImpl& engine, const Key& key, const std::string* expected) {
   const void* value = nullptr;
@@ -93,7 +93,7 @@ void RunOperations(const std::string& path, Input& input) {
   if (LSDBImpl::Open(path, {kFuzzWalSize, 0}, &opened) != kStatusOk) return;
   const std::unique_ptr<LSDBImpl> engine(opened);
   const std::vector<Key> keys = Keys(*engine, Key::MinKey(), Key("\xFF\xFF"));
-  for (int i = 0; i < kMostOperations && !input.IsEmpty(); ++i) Step(*engine, input, keys);
+  for (int i = 0; i < kMaxOperations && !input.IsEmpty(); ++i) Step(*engine, input, keys);
   for (const Key& key : keys) CheckGet(*engine, key, nullptr);
 }
 

@@ -86,13 +86,13 @@ TEST_F(ManifestFileTest, KnowsTheNamesThatAStoreGives) {
   ManifestRecordView record;
   for (const std::string& plain : {ForgedName('A'), ForgedName('Z'), ForgedName('0'), ForgedName('9')}) {
     record.name = plain;
-    EXPECT_TRUE(record.NameIsPlain()) << plain;
+    EXPECT_TRUE(record.IsValidName()) << plain;
   }
   for (const std::string& other :
        {std::string(), std::string(30, 'A'), std::string(32, 'A'), ForgedName('a'), ForgedName('/'),
         "../" + std::string(28, 'A'), std::string(30, 'A') + "."}) {
     record.name = other;
-    EXPECT_FALSE(record.NameIsPlain()) << other;
+    EXPECT_FALSE(record.IsValidName()) << other;
   }
 }
 

@@ -86,11 +86,11 @@ TEST_F(SchemaFileTest, EndsLinesAtNulBytesAndPassesOverEmptyOnes) {
 }
 
 TEST_F(SchemaFileTest, KeepsNoLineLongerThanItsLimit) {
-  const std::string fits = "1#T " + std::string(kLongestSchemaLine - 4, 'x');
+  const std::string fits = "1#T " + std::string(kMaxSchemaLine - 4, 'x');
   auto lines = Read(fits + "\n" + fits + "x\n2#U b:%i4\n");
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].line.size(), kLongestSchemaLine);
-  EXPECT_EQ(lines[1].size, kLongestSchemaLine + 1);
+  EXPECT_EQ(lines[0].line.size(), kMaxSchemaLine);
+  EXPECT_EQ(lines[1].size, kMaxSchemaLine + 1);
   EXPECT_TRUE(lines[1].line.empty());
   EXPECT_FALSE(lines[1].isRecordType);
   EXPECT_EQ(lines[2].id, 2);

@@ -27,7 +27,7 @@ using Kind = Step::Kind;
 constexpr int kProcesses = 4;
 constexpr uint32_t kWalSize = 4096;
 constexpr int kTypes = 5;
-constexpr unsigned int kLongestLife = 120;  // seconds; a process that still runs then hangs
+constexpr unsigned int kMaxLife = 120;  // seconds; a process that still runs then hangs
 constexpr int kIdle = -3;
 
 // What all processes of a run share. Each key belongs to one process, which alone writes it.
@@ -51,7 +51,7 @@ class LoadProcess {
 
   int Run() {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
-    alarm(kLongestLife);
+    alarm(kMaxLife);
     if (!Do({Kind::Open, 0, 0, kWalSize})) return 1;
     for (int key = number_; key < kScriptKeys; key += kProcesses) {
       if (!Settle(key)) return 1;
@@ -65,7 +65,7 @@ class LoadProcess {
   // Whether every key of every process holds what it must; the others have all ended.
   int VerifyAll() {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
-    alarm(kLongestLife);
+    alarm(kMaxLife);
     if (!Do({Kind::Open, 0, 0, kWalSize})) return 1;
     for (int key = 0; key < kScriptKeys; ++key) {
       if (!Settle(key)) return 1;

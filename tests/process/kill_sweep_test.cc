@@ -61,13 +61,13 @@ class MappedBytes {
   }
 
  private:
-  static constexpr size_t kMost = 2048;
-  static constexpr std::array<size_t, 2> kLengths = {kMost, 128};
+  static constexpr size_t kMax = 2048;
+  static constexpr std::array<size_t, 2> kLengths = {kMax, 128};
 
   bool HasChanged(size_t file) {
     if (descriptors_[file] < 0) descriptors_[file] = open(paths_[file].c_str(), O_RDONLY | O_CLOEXEC);
     if (descriptors_[file] < 0) return false;
-    std::array<char, kMost> now = {};
+    std::array<char, kMax> now = {};
     if (pread(descriptors_[file], now.data(), kLengths[file], 0) < 0) return false;
     if (now == last_[file]) return false;
     last_[file] = now;
@@ -76,7 +76,7 @@ class MappedBytes {
 
   std::array<std::string, 2> paths_;
   std::array<int, 2> descriptors_ = {-1, -1};
-  std::array<std::array<char, kMost>, 2> last_ = {};
+  std::array<std::array<char, kMax>, 2> last_ = {};
 };
 
 struct Survey {

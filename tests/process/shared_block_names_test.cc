@@ -75,21 +75,22 @@ TEST_F(SharedBlockNames, AStoreThatHasBlocksAlreadyCountsAsShared) {
   EXPECT_FALSE(FlushTakesTheNameDrawn(*engine));
 }
 
-TEST(SetApart, KeepsTheAlphabetTheLengthAndTheBeginning) {
+TEST(MakeUniqueAcrossProcesses, KeepsTheAlphabetTheLengthAndTheBeginning) {
   const std::string drawn = "0123456789ABCDEFGHIJKLMNOPQRSTU";
-  const std::string name = SetApart(drawn);
+  const std::string name = MakeUniqueAcrossProcesses(drawn);
   EXPECT_EQ(name.size(), drawn.size());
   EXPECT_EQ(name.substr(0, 15), drawn.substr(0, 15));
   EXPECT_EQ(name.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"), std::string::npos);
 }
 
-TEST(SetApart, GivesEachProcessItsOwn) {
+TEST(MakeUniqueAcrossProcesses, GivesEachProcessItsOwn) {
   const std::string drawn(31, 'X');
   std::string theirs;
-  ChildProcess other([&](ChildLink& parent) { return parent.Send(SetApart(drawn)) ? 0 : 1; });
+  ChildProcess other(
+      [&](ChildLink& parent) { return parent.Send(MakeUniqueAcrossProcesses(drawn)) ? 0 : 1; });
   ASSERT_TRUE(other.Receive(&theirs));
   // The last five letters are the process's number.
-  EXPECT_NE(theirs.substr(26), SetApart(drawn).substr(26));
+  EXPECT_NE(theirs.substr(26), MakeUniqueAcrossProcesses(drawn).substr(26));
 }
 
 }  // namespace

@@ -6,14 +6,14 @@
 #include <string>
 
 #include "kestrun/kestrun.h"
+#include "tests/support/doc_hex.h"
 #include "tests/support/file_bytes.h"
-#include "tests/support/format_page.h"
 #include "tests/support/scratch_directory.h"
 
 namespace Kestrun {
 namespace {
 
-using Testing::HexBlockOfPage;
+using Testing::ReadDocHex;
 using Testing::ReadFile;
 using Testing::ScratchDirectory;
 using Testing::ToHexBlock;
@@ -27,7 +27,7 @@ TEST(RecordsPageTest, TheRecordAndItsTypeAreThoseOfTheExample) {
   ASSERT_EQ(series->AppendRecord("seattle-2012-01-01", 86400, "Weather date:%s,precipitation:%d,temp_max:%d",
                                  "2012-01-01", 0.0, 12.8),
             kStatusOk);
-  EXPECT_EQ(ToHexBlock(HexBlockOfPage(KESTRUN_RECORDS_PAGE, "weather-types")),
+  EXPECT_EQ(ToHexBlock(ReadDocHex(KESTRUN_RECORDS_PAGE, "weather-types")),
             ToHexBlock(ReadFile(path + "/meta_v5")));
 
   LSDBImpl* openedEngine = nullptr;
@@ -38,7 +38,7 @@ TEST(RecordsPageTest, TheRecordAndItsTypeAreThoseOfTheExample) {
   ASSERT_EQ(engine->Get("seattle-2012-01-01", &value, &size), kStatusOk);
   const std::string stored(static_cast<const char*>(value), size);
   std::free(const_cast<void*>(value));
-  EXPECT_EQ(ToHexBlock(HexBlockOfPage(KESTRUN_RECORDS_PAGE, "weather-record")), ToHexBlock(stored));
+  EXPECT_EQ(ToHexBlock(ReadDocHex(KESTRUN_RECORDS_PAGE, "weather-record")), ToHexBlock(stored));
 }
 
 }  // namespace

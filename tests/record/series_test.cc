@@ -15,15 +15,15 @@
 #include "kestrun/status.h"
 #include "record/schema.h"
 #include "tests/support/captured_stdout.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/file_bytes.h"
-#include "tests/support/forged_clock.h"
 #include "tests/support/scratch_directory.h"
 
 namespace Kestrun {
 namespace {
 
 using Testing::CapturedStdout;
-using Testing::ForgedClock;
+using Testing::FakeClock;
 using Testing::FromHex;
 using Testing::ReadFile;
 using Testing::ScratchDirectory;
@@ -299,7 +299,7 @@ TEST_F(SeriesTest, RecordThatTheLogCannotHoldIsRefusedByTheEngine) {
 }
 
 TEST_F(SeriesTest, AppendWithVarListLastsForTheSecondOfItsWriting) {
-  ForgedClock clock;
+  FakeClock clock;
   EXPECT_EQ(series_->AppendRecordWithVarList("k", "T a:%i4,b:%s", 7, "hi"), kStatusOk);
   DataEntry entry = {};
   EXPECT_EQ(engine_->GetDataEntry("k", entry), kStatusOk);
@@ -316,7 +316,7 @@ TEST_F(SeriesTest, AppendWithVarListLastsForTheSecondOfItsWriting) {
 }
 
 TEST_F(SeriesTest, TimeToLiveIsThatOfTheCall) {
-  ForgedClock clock;
+  FakeClock clock;
   const RecordMeta* meta = series_->CreateRecordMeta("T a:%i4");
   Record record(meta, {Value::Int32Value(7)});
   EXPECT_EQ(series_->AppendRecord("record", 10, record), kStatusOk);

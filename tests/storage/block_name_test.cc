@@ -60,11 +60,12 @@ TEST(BlockNameTest, Is31DigitsAndCapitalLetters) {
 // In two processes, which would draw the same names.
 TEST(BlockNameTest, NamesSetApartDifferBetweenProcessesAndFromOneMomentToTheNext) {
   const std::string drawn = "ABCDEFGHIJKLMNOPQRSTUVWXYZ12345";
-  ChildProcess child([&](ChildLink& parent) { return parent.Send(SetApart(drawn)) ? 0 : 1; });
+  ChildProcess child(
+      [&](ChildLink& parent) { return parent.Send(MakeUniqueAcrossProcesses(drawn)) ? 0 : 1; });
   std::string elsewhere;
   ASSERT_TRUE(child.Receive(&elsewhere));
   EXPECT_EQ(child.Wait(), 0);
-  const std::string here = SetApart(drawn);
+  const std::string here = MakeUniqueAcrossProcesses(drawn);
   for (const std::string& name : {here, elsewhere}) {
     EXPECT_EQ(name.size(), 31u);
     EXPECT_EQ(name.find_first_not_of(kLetters), std::string::npos) << name;
@@ -73,7 +74,7 @@ TEST(BlockNameTest, NamesSetApartDifferBetweenProcessesAndFromOneMomentToTheNext
   EXPECT_NE(here.substr(26), elsewhere.substr(26)) << "the processes";
   std::string later;
   do {
-    later = SetApart(drawn);
+    later = MakeUniqueAcrossProcesses(drawn);
   } while (later == here);  // the clock goes on
   EXPECT_EQ(later.substr(26), here.substr(26));
 }

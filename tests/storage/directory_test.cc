@@ -93,7 +93,7 @@ TEST(RemoveFilesNamedLikeTest, RemovesWhatContainsTheTextAnywhereInItsName) {
   std::filesystem::create_directory(directory.PathOf("D.blk_v5"));
   WriteFile(directory.PathOf("D.blk_v5") + "/file", "content");
 
-  EXPECT_EQ(RemoveFilesNamedLike(directory.Path(), ".blk_v5"), 0u);
+  EXPECT_EQ(RemoveFilesContaining(directory.Path(), ".blk_v5"), 0u);
   for (const char* name : {"A.blk_v5", "B.blk_v5.tmp", ".blk_v5"}) {
     EXPECT_FALSE(std::filesystem::exists(directory.PathOf(name))) << name;
   }
@@ -104,14 +104,14 @@ TEST(RemoveFilesNamedLikeTest, RemovesWhatContainsTheTextAnywhereInItsName) {
 
 TEST(RemoveFilesNamedLikeTest, ADirectoryThatCantBeReadIsStatus3) {
   const ScratchDirectory directory;
-  EXPECT_EQ(RemoveFilesNamedLike(directory.PathOf("missing"), ".blk_v5"), 3u);
+  EXPECT_EQ(RemoveFilesContaining(directory.PathOf("missing"), ".blk_v5"), 3u);
 }
 
 TEST(RemoveFilesNamedLikeTest, EachCallKeepsOneStreamOpen) {
   const ScratchDirectory directory;
   const size_t before = CountDescriptors();
-  EXPECT_EQ(RemoveFilesNamedLike(directory.Path(), ".blk_v5"), 0u);
-  EXPECT_EQ(RemoveFilesNamedLike(directory.Path(), ".blk_v5"), 0u);
+  EXPECT_EQ(RemoveFilesContaining(directory.Path(), ".blk_v5"), 0u);
+  EXPECT_EQ(RemoveFilesContaining(directory.Path(), ".blk_v5"), 0u);
   EXPECT_EQ(CountDescriptors(), before + 2);
 }
 

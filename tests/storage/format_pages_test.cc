@@ -2,11 +2,11 @@
 // reads.
 #include <gtest/gtest.h>
 
-#include "storage/key_filter.h"
-#include "storage/manifest_replacement.h"
+#include "format/key_filter.h"
+#include "storage/manifest_journal.h"
 #include "tests/storage/manifest_fixture.h"
 #include "tests/storage/wal_fixture.h"
-#include "tests/support/format_page.h"
+#include "tests/support/doc_hex.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -15,11 +15,11 @@ constexpr uint64_t kWritten = 1700000000;
 constexpr char kName[] = "SEATTLE0WEATHER0BLOCK0NUMBER001";
 
 std::string LogBlock(const std::string& title) {
-  return HexBlockOfPage(KESTRUN_WAL_PAGE, title);
+  return ReadDocHex(KESTRUN_WAL_PAGE, title);
 }
 
 std::string ManifestBlock(const std::string& title) {
-  return HexBlockOfPage(KESTRUN_MANIFEST_PAGE, title);
+  return ReadDocHex(KESTRUN_MANIFEST_PAGE, title);
 }
 
 using LogPageTest = WalTest;
@@ -84,10 +84,10 @@ TEST_F(ManifestPageTest, TheManifestWithOneEntryCanBeRead) {
 
 TEST_F(ManifestPageTest, TheSideFileIsTheOneOfAReplacementOfNothing) {
   EXPECT_EQ(ToHexBlock(ManifestBlock("side-file")), ToHexBlock(SideFileBytes(1, "", "")));
-  ManifestReplacement replacement;
+  ManifestJournal replacement;
   replacement.generation = 1;
-  replacement.oldHash = ReplacementHash("", 0);
-  ASSERT_EQ(WriteReplacement(SidePath(), replacement), kStatusOk);
+  replacement.oldHash = JournalHash("", 0);
+  ASSERT_EQ(WriteJournal(SidePath(), replacement), kStatusOk);
   EXPECT_EQ(ToHexBlock(ManifestBlock("side-file")), ToHexBlock(ReadFile(SidePath())));
 }
 

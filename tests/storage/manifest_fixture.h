@@ -11,9 +11,9 @@
 
 #include "kestrun/status.h"
 #include "storage/manifest.h"
-#include "tests/storage/answer.h"
+#include "tests/storage/call_result.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/file_bytes.h"
-#include "tests/support/forged_clock.h"
 #include "tests/support/manifest_image.h"
 #include "tests/support/scratch_directory.h"
 
@@ -98,7 +98,7 @@ class ManifestTest : public testing::Test {
 
   const ScratchDirectory directory_;
   const std::string path_ = directory_.PathOf("manifest_v5");
-  ForgedClock clock_;
+  FakeClock clock_;
   const std::string a_ = BlockName("A");
   const std::string b_ = BlockName("B");
   const std::string c_ = BlockName("C");

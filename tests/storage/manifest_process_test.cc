@@ -23,7 +23,7 @@ class ManifestElsewhere {
   uint32_t Truncate() { return static_cast<uint32_t>(std::stoul(Ask("truncate", ""))); }
   // The names, each with a blank behind it.
   std::string Names() { return Ask("names", ""); }
-  std::string ForeignMoves() { return Ask("moves", ""); }
+  std::string ExternalChanges() { return Ask("moves", ""); }
 
  private:
   std::string Ask(const std::string& order, const std::string& name) {
@@ -40,7 +40,7 @@ class ManifestElsewhere {
       std::string answer;
       if (order == "append") answer = std::to_string(Testing::Append(*manifest, name));
       if (order == "truncate") answer = std::to_string(Testing::Truncate(*manifest));
-      if (order == "moves") answer = std::to_string(manifest->ForeignMoves());
+      if (order == "moves") answer = std::to_string(manifest->ExternalChanges());
       if (order == "names") {
         for (const std::string& listed : Testing::Names(*manifest)) answer += listed + " ";
       }
@@ -112,16 +112,16 @@ TEST_F(ManifestProcessTest, AnAppendFollowsATruncationByOthers) {
 
 TEST_F(ManifestProcessTest, OnlyMovesOfOthersAreForeign) {
   OpenBoth();
-  const std::string none = elsewhere_->ForeignMoves();
+  const std::string none = elsewhere_->ExternalChanges();
   ASSERT_EQ(elsewhere_->Append(a_), kStatusOk);
-  EXPECT_EQ(elsewhere_->ForeignMoves(), none);
+  EXPECT_EQ(elsewhere_->ExternalChanges(), none);
   ASSERT_EQ(Append(*manifest_, b_), kStatusOk);
-  const std::string one = elsewhere_->ForeignMoves();
+  const std::string one = elsewhere_->ExternalChanges();
   EXPECT_NE(one, none);
-  EXPECT_EQ(elsewhere_->ForeignMoves(), one);
+  EXPECT_EQ(elsewhere_->ExternalChanges(), one);
   ASSERT_EQ(Append(*manifest_, c_), kStatusOk);
   ASSERT_EQ(elsewhere_->Append(d_), kStatusOk) << "which passes over the move of before";
-  EXPECT_NE(elsewhere_->ForeignMoves(), one);
+  EXPECT_NE(elsewhere_->ExternalChanges(), one);
 }
 
 TEST_F(ManifestProcessTest, ProcessesThatOpenAFreshManifestAtTheSameMomentLoseNoEntry) {
@@ -217,7 +217,7 @@ TEST_F(ManifestProcessTest, ThreadsReadAndAppendThroughOneHandle) {
           entries = Entries(*manifest);
         }
         if (!IsPrefix(entries)) ++bad;
-        manifest->ForeignMoves();
+        manifest->ExternalChanges();
       }
     });
   }

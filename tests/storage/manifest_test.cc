@@ -24,12 +24,12 @@ class ManifestOpenTest : public ManifestTest {
   explicit ManifestOpenTest(ScratchDirectory::Place place = ScratchDirectory::Place::Disk)
       : ManifestTest(place) {}
 
-  Answer Open(const std::string& path) {
+  CallResult Open(const std::string& path) {
     return AnswerOf([&] { return OpenManifest(path, &manifest_); });
   }
-  Answer Open() { return Open(path_); }
+  CallResult Open() { return Open(path_); }
   // A new file with these bytes, opened.
-  Answer OpenBytes(const std::string& bytes) {
+  CallResult OpenBytes(const std::string& bytes) {
     newest_ = NewPath();
     WriteFile(newest_, bytes);
     return Open(newest_);
@@ -49,7 +49,7 @@ class ManifestDamageTest : public ManifestOpenTest {
 TEST_F(ManifestOpenTest, AMissingOrEmptyManifestIsMadeWithAHeaderAndNoEntries) {
   WriteFile(directory_.PathOf("empty"), "");
   for (const std::string& path : {path_, directory_.PathOf("empty")}) {
-    EXPECT_EQ(Open(path), (Answer{0, ""}));
+    EXPECT_EQ(Open(path), (CallResult{0, ""}));
     ASSERT_TRUE(HasHandle());
     EXPECT_EQ(ToHex(ReadFile(path)), ToHex(ManifestImage().Bytes()));
     EXPECT_EQ(Names(*manifest_), NameList());
@@ -64,7 +64,7 @@ TEST_F(ManifestOpenTest, TheEntriesAreReadInTheirOrderWithTheirFilters) {
   image.Append(a_, "filter of a");
   image.Append(b_, "");
   image.Append("short name", std::string(4097, 'f'));
-  EXPECT_EQ(OpenBytes(image.Bytes()), (Answer{0, ""}));
+  EXPECT_EQ(OpenBytes(image.Bytes()), (CallResult{0, ""}));
   ASSERT_TRUE(HasHandle());
   const BlockEntries entries = Entries(*manifest_);
   EXPECT_EQ(NamesOf(entries), (NameList{a_, b_, "short name"}));
@@ -76,20 +76,20 @@ TEST_F(ManifestOpenTest, TheEntriesAreReadInTheirOrderWithTheirFilters) {
 
 TEST_F(ManifestOpenTest, WhatCantBeOpenedIs258) {
   std::filesystem::create_directory(path_);
-  EXPECT_EQ(Open(), (Answer{258, ""}));
-  EXPECT_EQ(Open(directory_.PathOf("missing/manifest_v5")), (Answer{258, ""}));
+  EXPECT_EQ(Open(), (CallResult{258, ""}));
+  EXPECT_EQ(Open(directory_.PathOf("missing/manifest_v5")), (CallResult{258, ""}));
   EXPECT_FALSE(HasHandle());
 }
 
 TEST_F(ManifestOpenTest, AWrongMagicIs3586AndAWrongChecksum3842WhateverTheMagic) {
   ManifestImage image;
   image.file.Put8(0, 'k');
-  EXPECT_EQ(OpenBytes(image.Bytes()), (Answer{3842, kBadHeader}));
+  EXPECT_EQ(OpenBytes(image.Bytes()), (CallResult{3842, kBadHeader}));
   image.SealHeader();
-  EXPECT_EQ(OpenBytes(image.Bytes()), (Answer{3586, "Invalid wal magic"})) << "in the log's wording";
+  EXPECT_EQ(OpenBytes(image.Bytes()), (CallResult{3586, "Invalid wal magic"})) << "in the log's wording";
   image.file.Put8(0, 'K').Put8(7, 1);
   image.SealHeader();
-  EXPECT_EQ(OpenBytes(image.Bytes()), (Answer{3586, "Invalid wal magic"})) << "the NUL counts";
+  EXPECT_EQ(OpenBytes(image.Bytes()), (CallResult{3586, "Invalid wal magic"})) << "the NUL counts";
   EXPECT_FALSE(HasHandle());
 }
 
@@ -98,7 +98,7 @@ TEST_F(ManifestOpenTest, VersionAndHeaderSizeAreNotLookedAt) {
   image.Append(a_, "f");
   image.file.Put32(8, 77).Put32(16, 4);
   image.SealHeader();
-  EXPECT_EQ(OpenBytes(image.Bytes()), (Answer{0, ""}));
+  EXPECT_EQ(OpenBytes(image.Bytes()), (CallResult{0, ""}));
   EXPECT_EQ(Names(*manifest_), NameList{a_});
 }
 
@@ -109,7 +109,7 @@ TEST_F(ManifestDamageTest, EveryFlippedHeaderByteIsFoundUnlessNothingCoversIt) {
     for (const int flip : {0x01, 0x80, 0xFF}) {
       std::string bytes = image.Bytes();
       bytes[offset] = static_cast<char>(bytes[offset] ^ flip);
-      const Answer expected = offset < 24 ? Answer{3842, kBadHeader} : Answer{0, ""};
+      const CallResult expected = offset < 24 ? CallResult{3842, kBadHeader} : CallResult{0, ""};
       EXPECT_EQ(OpenBytes(bytes), expected) << offset << " ^ " << flip;
       EXPECT_EQ(ReadFile(newest_), bytes);
     }
@@ -124,7 +124,7 @@ TEST_F(ManifestDamageTest, EveryFlippedByteOfAnEntryIsFoundUnlessItIsOfTheFilter
     for (size_t i = 0; i < 62; ++i) {
       std::string bytes = image.Bytes();
       bytes[entry + i] = static_cast<char>(bytes[entry + i] ^ 0x21);
-      const Answer expected = i < 56 ? Answer{258, kBadEntry} : Answer{0, ""};
+      const CallResult expected = i < 56 ? CallResult{258, kBadEntry} : CallResult{0, ""};
       EXPECT_EQ(OpenBytes(bytes), expected) << entry << " + " << i;
     }
   }
@@ -137,17 +137,17 @@ TEST_F(ManifestDamageTest, AManifestCutAtAnyLengthOpensWithWholeEntriesUnlessAFi
   const size_t end = image.Bytes().size();
   for (size_t length = 0; length <= end; ++length) {
     SCOPED_TRACE(length);
-    const Answer answer = OpenBytes(image.Bytes().substr(0, length));
+    const CallResult answer = OpenBytes(image.Bytes().substr(0, length));
     const size_t inEntry = length < 128 ? 0 : (length - 128) % (second - 128);
     if (length == 0) {
-      EXPECT_EQ(answer, (Answer{0, ""}));
+      EXPECT_EQ(answer, (CallResult{0, ""}));
       EXPECT_EQ(ReadFile(newest_), ManifestImage().Bytes());
     } else if (length < 128) {
-      EXPECT_EQ(answer, (Answer{3842, kBadHeader}));
+      EXPECT_EQ(answer, (CallResult{3842, kBadHeader}));
     } else if (inEntry >= 56) {
-      EXPECT_EQ(answer, (Answer{258, kShortEntry}));
+      EXPECT_EQ(answer, (CallResult{258, kShortEntry}));
     } else {
-      EXPECT_EQ(answer, (Answer{0, ""}));
+      EXPECT_EQ(answer, (CallResult{0, ""}));
       NameList expected;
       if (length >= second) expected.push_back(a_);
       if (length >= end) expected.push_back(b_);
@@ -161,7 +161,7 @@ TEST_F(ManifestDamageTest, ALastEntryOfZerosIsNotAnEntryAndTheNextOneTakesItsPla
   ManifestImage image;
   image.Append(a_, "filter of a");
   for (const size_t length : {56, 57, 100, 4153}) {
-    EXPECT_EQ(OpenBytes(image.Bytes() + std::string(length, '\0')), (Answer{0, ""})) << length;
+    EXPECT_EQ(OpenBytes(image.Bytes() + std::string(length, '\0')), (CallResult{0, ""})) << length;
     EXPECT_EQ(Names(*manifest_), NameList{a_}) << length;
     ASSERT_EQ(Append(*manifest_, b_), kStatusOk);
     ManifestImage expected = image;
@@ -173,9 +173,9 @@ TEST_F(ManifestDamageTest, ALastEntryOfZerosIsNotAnEntryAndTheNextOneTakesItsPla
 TEST_F(ManifestDamageTest, ZerosThatAreMoreThanOneEntryOrStandBeforeOneAreDamage) {
   ManifestImage image;
   image.Append(a_, "filter of a");
-  EXPECT_EQ(OpenBytes(image.Bytes() + std::string(4154, '\0')), (Answer{258, kBadEntry}));
+  EXPECT_EQ(OpenBytes(image.Bytes() + std::string(4154, '\0')), (CallResult{258, kBadEntry}));
   EXPECT_EQ(OpenBytes(image.Bytes() + std::string(67, '\0') + ManifestEntryBytes(b_, "f")),
-            (Answer{258, kBadEntry}));
+            (CallResult{258, kBadEntry}));
 }
 
 // The name becomes part of a path, and what fails to load there is deleted.
@@ -185,7 +185,7 @@ TEST_F(ManifestOpenTest, ANameThatWouldLeaveTheDirectoryOrItsFieldIsADamagedEntr
     ManifestImage image;
     image.Append(a_, "f");
     image.Append(name, "f");
-    EXPECT_EQ(OpenBytes(image.Bytes()), (Answer{258, kBadEntry})) << name;
+    EXPECT_EQ(OpenBytes(image.Bytes()), (CallResult{258, kBadEntry})) << name;
     EXPECT_FALSE(HasHandle());
   }
 }
@@ -196,7 +196,7 @@ TEST_F(ManifestOpenTest, AFilterLargerThanTheFileIsNotReadAndNotAllocated) {
     const size_t entry = image.Append(a_, "f");
     image.file.Put32(entry + 48, size);
     image.SealEntry(entry);
-    EXPECT_EQ(OpenBytes(image.Bytes()), (Answer{258, kShortEntry})) << size;
+    EXPECT_EQ(OpenBytes(image.Bytes()), (CallResult{258, kShortEntry})) << size;
   }
 }
 
@@ -204,7 +204,7 @@ TEST_F(ManifestOpenTest, AGenerationOf0MeansThatThereIsNothingToRead) {
   ManifestImage image;
   image.Append(a_, "f");
   image.SetGeneration(0);
-  EXPECT_EQ(OpenBytes(image.Bytes()), (Answer{0, ""}));
+  EXPECT_EQ(OpenBytes(image.Bytes()), (CallResult{0, ""}));
   EXPECT_EQ(Names(*manifest_), NameList());
 }
 
@@ -222,7 +222,7 @@ TEST_F(ManifestOpenTest, WithoutRoomForTheHeaderNoneIsLeftBehind) {
   EXPECT_EQ(status, "771");
   EXPECT_EQ(child.Wait(), 0);
   EXPECT_EQ(Bytes(), "");
-  EXPECT_EQ(Open(), (Answer{0, ""}));
+  EXPECT_EQ(Open(), (CallResult{0, ""}));
   EXPECT_EQ(Bytes(), ManifestImage().Bytes());
 }
 
@@ -231,7 +231,7 @@ TEST_F(ManifestOpenTest, AFileMadeAnewUnderAnOldInodeNumberStartsEmpty) {
   ASSERT_EQ(Append(*manifest, a_), kStatusOk);
   manifest.reset();
   std::filesystem::resize_file(path_, 0);
-  EXPECT_EQ(Open(), (Answer{0, ""}));
+  EXPECT_EQ(Open(), (CallResult{0, ""}));
   EXPECT_EQ(Names(*manifest_), NameList());
   ASSERT_EQ(Append(*manifest_, b_), kStatusOk);
   EXPECT_EQ(Names(*manifest_), NameList{b_});
@@ -244,7 +244,7 @@ TEST_F(ManifestOpenTest, AnotherManifestRestoredOverTheFileWhileItIsClosedIsRead
   ManifestImage image;  // of the same generation
   image.Append(b_, "f");
   WriteFile(path_, image.Bytes());
-  EXPECT_EQ(Open(), (Answer{0, ""}));
+  EXPECT_EQ(Open(), (CallResult{0, ""}));
   EXPECT_EQ(Names(*manifest_), NameList{b_});
 }
 
@@ -260,7 +260,7 @@ class ManifestChangeTest : public ManifestTest {
  protected:
   ManifestChangeTest() : manifest_(OpenManifest(path_)) {}
 
-  Answer AppendAnswer(const std::string& name) {
+  CallResult AppendAnswer(const std::string& name) {
     return AnswerOf([&] { return Append(*manifest_, name); });
   }
   // Puts bytes at the end of the open manifest behind its back.
@@ -278,11 +278,11 @@ class ManifestChangeTest : public ManifestTest {
 };
 
 TEST_F(ManifestChangeTest, EntriesFollowEachOtherByteForByteAndEachMovesTheGeneration) {
-  EXPECT_EQ(AppendAnswer(a_), (Answer{0, ""}));
+  EXPECT_EQ(AppendAnswer(a_), (CallResult{0, ""}));
   AppendTo(image_, a_);
   EXPECT_EQ(ToHex(Bytes()), ToHex(image_.Bytes()));
   clock_.Advance(7);
-  EXPECT_EQ(AppendAnswer(b_), (Answer{0, ""}));
+  EXPECT_EQ(AppendAnswer(b_), (CallResult{0, ""}));
   AppendTo(image_, b_);
   EXPECT_EQ(ToHex(Bytes()), ToHex(image_.Bytes()));
   EXPECT_EQ(image_.Generation(), 2u);
@@ -294,7 +294,7 @@ TEST_F(ManifestChangeTest, TheTwoTimesOfAnEntryAreReadOneAfterTheOther) {
     if (number == 2) clock_.Advance(1);
   });
   const uint64_t now = clock_.Now();
-  EXPECT_EQ(AppendAnswer(a_), (Answer{0, ""}));
+  EXPECT_EQ(AppendAnswer(a_), (CallResult{0, ""}));
   clock_.OnReading(nullptr);
   AppendTo(image_, a_);
   image_.file.Put64(128 + 32, now).Put64(128 + 40, now + 1);
@@ -306,10 +306,10 @@ TEST_F(ManifestChangeTest, TruncatingLeavesTheHeaderAndItsGeneration) {
   ASSERT_EQ(Append(*manifest_, a_), kStatusOk);
   ASSERT_EQ(Append(*manifest_, b_), kStatusOk);
   const std::string header = Bytes().substr(0, 128);
-  EXPECT_EQ(AnswerOf([&] { return Truncate(*manifest_); }), (Answer{0, ""}));
+  EXPECT_EQ(AnswerOf([&] { return Truncate(*manifest_); }), (CallResult{0, ""}));
   EXPECT_EQ(ToHex(Bytes()), ToHex(header));
   EXPECT_EQ(Names(*manifest_), NameList());
-  EXPECT_EQ(AppendAnswer(c_), (Answer{0, ""}));
+  EXPECT_EQ(AppendAnswer(c_), (CallResult{0, ""}));
   EXPECT_EQ(Names(*manifest_), NameList{c_});
   image_.SetGeneration(2);
   AppendTo(image_, c_);
@@ -340,8 +340,8 @@ TEST_F(ManifestChangeTest, ADamagedHeaderRefusesEveryChangeAndKeepsTheList) {
   ASSERT_EQ(Append(*manifest_, a_), kStatusOk);
   WriteFileAt(16, "x");
   const std::string before = Bytes();
-  EXPECT_EQ(AnswerOf([&] { return Load(*manifest_); }), (Answer{3842, kBadHeader}));
-  EXPECT_EQ(AppendAnswer(b_), (Answer{3842, kBadHeader}));
+  EXPECT_EQ(AnswerOf([&] { return Load(*manifest_); }), (CallResult{3842, kBadHeader}));
+  EXPECT_EQ(AppendAnswer(b_), (CallResult{3842, kBadHeader}));
   EXPECT_EQ(Bytes(), before);
   CapturedStdout output;
   const NameList names = Names(*manifest_);
@@ -358,12 +358,12 @@ TEST_F(ManifestChangeTest, AListThatCantBeReadLeavesTheOldOneAndIsReadAgainLater
   WriteFileAt(0, damaged.Bytes());
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(AnswerOf([&] { return Load(*manifest_); }),
-              (Answer{258, "Failed to decode header of block entry"}));
+              (CallResult{258, "Failed to decode header of block entry"}));
   }
-  EXPECT_EQ(AppendAnswer(c_), (Answer{258, "Failed to decode header of block entry"}));
+  EXPECT_EQ(AppendAnswer(c_), (CallResult{258, "Failed to decode header of block entry"}));
   EXPECT_EQ(ToHex(Bytes()), ToHex(damaged.Bytes()));
   WriteFileAt(0, image_.Bytes());
-  EXPECT_EQ(AnswerOf([&] { return Load(*manifest_); }), (Answer{0, ""}));
+  EXPECT_EQ(AnswerOf([&] { return Load(*manifest_); }), (CallResult{0, ""}));
   EXPECT_EQ(Names(*manifest_), (NameList{a_, b_}));
 }
 
@@ -380,7 +380,7 @@ TEST_F(ManifestChangeTest, AReadErrorIsNotTheEndOfTheList) {
   close(writeOnly);
   const FileLockGuard lock(manifest_->File(), LockLevel::Exclusive);
   ASSERT_EQ(lock.Status(), kStatusOk);
-  EXPECT_EQ(AnswerOf([&] { return manifest_->Load(); }), (Answer{258, "Failed to read block entry"}));
+  EXPECT_EQ(AnswerOf([&] { return manifest_->Load(); }), (CallResult{258, "Failed to read block entry"}));
   CapturedStdout output;
   const NameList names = NamesOf(manifest_->Entries());
   EXPECT_EQ(output.Take(), "Failed to read block entry");
@@ -399,7 +399,7 @@ TEST_F(ManifestChangeTest, AnAppendCutsOffWhatLiesBehindTheLastEntry) {
   AppendTo(image_, a_);
   for (const size_t length : {1, 55, 56, 57, 4000}) {
     AppendBytes(std::string(length, 't'));
-    EXPECT_EQ(AppendAnswer(b_), (Answer{0, ""})) << length;
+    EXPECT_EQ(AppendAnswer(b_), (CallResult{0, ""})) << length;
     AppendTo(image_, b_);
     EXPECT_EQ(ToHex(Bytes()), ToHex(image_.Bytes())) << length;
   }
@@ -435,7 +435,7 @@ TEST_F(ManifestChangeTest, AnEntryThatCouldNotBeWrittenLeavesTheManifestAsItWas)
     EXPECT_EQ(child.Wait(), 0) << room;
     EXPECT_EQ(ToHex(Bytes()), ToHex(before)) << room;
   }
-  EXPECT_EQ(AppendAnswer(c_), (Answer{0, ""}));
+  EXPECT_EQ(AppendAnswer(c_), (CallResult{0, ""}));
   EXPECT_EQ(Names(*manifest_), (NameList{a_, c_}));
 }
 
@@ -444,7 +444,7 @@ TEST_F(ManifestChangeTest, AFailedWriteSaysSo) {
     signal(SIGXFSZ, SIG_IGN);
     const rlimit limit = {150, RLIM_INFINITY};
     // What is caught here goes to a file of its own, shorter than the limit.
-    const Answer answer =
+    const CallResult answer =
         AnswerOf([&] { return setrlimit(RLIMIT_FSIZE, &limit) == 0 ? Append(*manifest_, a_) : kStatusOk; });
     return parent.Send(std::to_string(answer.status) + answer.printed) ? 0 : 1;
   });
@@ -500,19 +500,19 @@ TEST_F(ManifestChangeTest, NothingIsReplacedWhenOneOfTheBlocksIsGone) {
 }
 
 TEST_F(ManifestChangeTest, OwnMovesOfTheGenerationAreNotForeign) {
-  const uint64_t before = manifest_->ForeignMoves();
+  const uint64_t before = manifest_->ExternalChanges();
   ASSERT_EQ(Append(*manifest_, a_), kStatusOk);
   ASSERT_EQ(Append(*manifest_, b_), kStatusOk);
-  EXPECT_EQ(manifest_->ForeignMoves(), before);
+  EXPECT_EQ(manifest_->ExternalChanges(), before);
   AppendTo(image_, a_);
   AppendTo(image_, b_);
   AppendTo(image_, c_);
   WriteFileAt(0, image_.Bytes());
-  const uint64_t after = manifest_->ForeignMoves();
+  const uint64_t after = manifest_->ExternalChanges();
   EXPECT_GT(after, before);
-  EXPECT_EQ(manifest_->ForeignMoves(), after) << "each is counted once";
+  EXPECT_EQ(manifest_->ExternalChanges(), after) << "each is counted once";
   ASSERT_EQ(Append(*manifest_, d_), kStatusOk);
-  EXPECT_EQ(manifest_->ForeignMoves(), after);
+  EXPECT_EQ(manifest_->ExternalChanges(), after);
 }
 
 }  // namespace

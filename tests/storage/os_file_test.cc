@@ -306,7 +306,7 @@ TEST(OsFileMapTest, AMappingSharesTheBytesOfTheFile) {
   EXPECT_EQ(ReadFile(path), "012x456789");
   ASSERT_EQ(MappingsOf(path).size(), 1u);
   EXPECT_NE(MappingsOf(path)[0].find(" rw-s "), std::string::npos);
-  file->Adopt(bytes, 10);
+  file->TrackMapping(bytes, 10);
 }
 
 TEST(OsFileMapTest, AReadOnlyMappingCantBeWritten) {
@@ -319,7 +319,7 @@ TEST(OsFileMapTest, AReadOnlyMappingCantBeWritten) {
   ASSERT_NE(bytes, nullptr);
   ASSERT_EQ(MappingsOf(path).size(), 1u);
   EXPECT_NE(MappingsOf(path)[0].find(" r--s "), std::string::npos);
-  file->Adopt(bytes, 10);
+  file->TrackMapping(bytes, 10);
 }
 
 TEST(OsFileMapTest, WhatTheSystemRefusesToMapIsNull) {
@@ -340,9 +340,9 @@ TEST(OsFileMapTest, OnlyAdoptedMappingsCanBeUnmappedByTheHandle) {
   EXPECT_EQ(file->UnmapAll(), kNotAdopted);
   EXPECT_EQ(MappingsOf(path).size(), 1u);
 
-  file->Adopt(bytes, 10);
+  file->TrackMapping(bytes, 10);
   void* more = file->Map(10, 0, 0);
-  file->Adopt(more, 10);
+  file->TrackMapping(more, 10);
   EXPECT_EQ(file->Unmap(nullptr), kNotAdopted);
   EXPECT_EQ(file->Unmap(bytes), 0u);
   EXPECT_EQ(file->Unmap(bytes), kNotAdopted);
@@ -357,12 +357,12 @@ TEST(OsFileMapTest, AdoptedMappingsGoWithTheHandleAndOthersStay) {
   const std::string path = directory.PathOf("file");
   WriteFile(path, "0123456789");
   auto file = OpenFile(path);
-  file->Adopt(file->Map(10, 0, 0), 10);
+  file->TrackMapping(file->Map(10, 0, 0), 10);
   auto* stays = static_cast<char*>(file->Map(10, 0, 0));
   file.reset();
   EXPECT_EQ(MappingsOf(path).size(), 1u);
   EXPECT_EQ(std::string(stays, 10), "0123456789");
-  OpenFile(path)->Adopt(stays, 10);
+  OpenFile(path)->TrackMapping(stays, 10);
   EXPECT_EQ(MappingsOf(path).size(), 0u);
 }
 
@@ -371,7 +371,7 @@ TEST(OsFileCloseTest, CloseAndRemoveRemovesTheFileAndSucceedsWhateverComesOfIt) 
   const std::string path = directory.PathOf("file");
   WriteFile(path, "0123456789");
   auto file = OpenFile(path);
-  file->Adopt(file->Map(10, 0, 0), 10);
+  file->TrackMapping(file->Map(10, 0, 0), 10);
   EXPECT_EQ(file->CloseAndRemove(), 0u);
   EXPECT_FALSE(Exists(path));
   EXPECT_EQ(MappingsOf(path).size(), 0u);
@@ -385,7 +385,7 @@ TEST(OsFileCloseTest, OpeningAndClosingKeepsNoDescriptorAndNoMapping) {
   const size_t before = CountDescriptors();
   for (int i = 0; i < 1000; ++i) {
     auto file = OpenFile(path);
-    file->Adopt(file->Map(10, 0, 0), 10);
+    file->TrackMapping(file->Map(10, 0, 0), 10);
   }
   EXPECT_EQ(CountDescriptors(), before);
   EXPECT_EQ(MappingsOf(path).size(), 0u);

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "storage/page_size.h"
+#include "base/page_size.h"
 #include "tests/support/child_process.h"
 
 namespace Kestrun {
@@ -20,13 +20,13 @@ using Testing::ChildProcess;
 TEST(PublishHeaderTest, StoresTheFieldsBehindTheMagicAndNothingElse) {
   const std::string image = "magic---used+sumreserved--behind";
   std::string header(image.size(), '.');
-  PublishHeader(reinterpret_cast<uint8_t*>(header.data()), image.data());
+  StoreHeaderAtomically(reinterpret_cast<uint8_t*>(header.data()), image.data());
   EXPECT_EQ(header, "........used+sumreserved........");
 }
 
 TEST(PublishHeaderTest, OneFieldCanBeLookedAt) {
   alignas(4) const uint8_t field[4] = {0x78, 0x56, 0x34, 0x12};
-  EXPECT_EQ(PeekHeaderField(field), 0x12345678u);
+  EXPECT_EQ(LoadHeaderField(field), 0x12345678u);
 }
 
 #if defined(__x86_64__)
@@ -48,7 +48,7 @@ TEST(PublishHeaderTest, AllFieldsAreStoredAtOnce) {
       struct sigaction end = {};
       end.sa_handler = EndAtOnce;
       if (sigaction(SIGSEGV, &end, nullptr) != 0 || mprotect(pages + page, page, PROT_READ) != 0) return 1;
-      PublishHeader(header, "magic---used+sumreserved");
+      StoreHeaderAtomically(header, "magic---used+sumreserved");
       return 2;
     });
     EXPECT_EQ(child.Wait(), 42);

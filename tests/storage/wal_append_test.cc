@@ -35,12 +35,12 @@ class WalAppendTest : public WalTest {
 
 TEST_F(WalAppendTest, RecordsFollowEachOtherByteForByte) {
   const uint64_t now = clock_.Now();
-  EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "user-1", "first value", 60); }), (Answer{0, ""}));
+  EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "user-1", "first value", 60); }), (CallResult{0, ""}));
   image_.Append({"user-1", "first value", false, now, 60});
   EXPECT_EQ(ToHex(Bytes()), ToHex(image_.Bytes()));
 
   clock_.Advance(5);
-  EXPECT_EQ(AnswerOf([&] { return Delete(*wal_, "k"); }), (Answer{0, ""}));
+  EXPECT_EQ(AnswerOf([&] { return Delete(*wal_, "k"); }), (CallResult{0, ""}));
   image_.Append({"k", "", true, now + 5, 0});
   EXPECT_EQ(ToHex(Bytes()), ToHex(image_.Bytes()));
 
@@ -51,15 +51,15 @@ TEST_F(WalAppendTest, RecordsFollowEachOtherByteForByte) {
 
 TEST_F(WalAppendTest, ARecordThatEndsExactlyAtTheCapacityFitsAndOneByteMoreDoesNot) {
   const std::string fits(kSize - 128 - 40 - 1, 'v');
-  EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", fits + "v"); }), (Answer{3330, kNoRoom}));
+  EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", fits + "v"); }), (CallResult{3330, kNoRoom}));
   EXPECT_EQ(Bytes(), image_.Bytes());
   EXPECT_EQ(Get(*wal_, "k"), kMissing);
-  EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", fits); }), (Answer{0, ""}));
+  EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", fits); }), (CallResult{0, ""}));
   image_.Append({"k", fits, false, clock_.Now(), kTtl});
   EXPECT_EQ(image_.Used(), kSize);
   EXPECT_EQ(Bytes(), image_.Bytes());
   EXPECT_EQ(Get(*wal_, "k"), fits);
-  EXPECT_EQ(AnswerOf([&] { return Delete(*wal_, "k"); }), (Answer{3330, kNoRoom}));
+  EXPECT_EQ(AnswerOf([&] { return Delete(*wal_, "k"); }), (CallResult{3330, kNoRoom}));
   EXPECT_EQ(Get(*wal_, "k"), fits);
 }
 
@@ -70,7 +70,7 @@ TEST_F(WalAppendTest, ASizeThatWouldWrapIn32BitsDoesNotFit) {
   for (const uint32_t size : {0xFFFFFFFFu, 0xFFFFFFFFu - 100, 0xFFFFFFFFu - 200, 0x80000000u}) {
     const FileLockGuard lock(wal_->File(), LockLevel::Exclusive);
     EXPECT_EQ(AnswerOf([&] { return wal_->Insert(Key("k"), 1, value.data(), size); }),
-              (Answer{3330, kNoRoom}));
+              (CallResult{3330, kNoRoom}));
   }
   EXPECT_EQ(Bytes(), before);
   EXPECT_EQ(Keys(*wal_), KeyList{"before"});
@@ -78,9 +78,10 @@ TEST_F(WalAppendTest, ASizeThatWouldWrapIn32BitsDoesNotFit) {
 
 TEST_F(WalAppendTest, KeysCountModulo65536) {
   auto wal = OpenWal(NewPath(), 1 << 20);
-  EXPECT_EQ(AnswerOf([&] { return Insert(*wal, "", "v"); }), (Answer{2, "Invalid key"}));
-  EXPECT_EQ(AnswerOf([&] { return Delete(*wal, ""); }), (Answer{2, "Invalid key"}));
-  EXPECT_EQ(AnswerOf([&] { return Insert(*wal, std::string(65536, 'x'), "v"); }), (Answer{2, "Invalid key"}));
+  EXPECT_EQ(AnswerOf([&] { return Insert(*wal, "", "v"); }), (CallResult{2, "Invalid key"}));
+  EXPECT_EQ(AnswerOf([&] { return Delete(*wal, ""); }), (CallResult{2, "Invalid key"}));
+  EXPECT_EQ(AnswerOf([&] { return Insert(*wal, std::string(65536, 'x'), "v"); }),
+            (CallResult{2, "Invalid key"}));
   EXPECT_EQ(Keys(*wal), KeyList());
   EXPECT_EQ(Insert(*wal, std::string(65537, 'x'), "one"), kStatusOk);
   EXPECT_EQ(Get(*wal, "x"), "one");
@@ -93,7 +94,7 @@ TEST_F(WalAppendTest, KeysCountModulo65536) {
 TEST_F(WalAppendTest, AMovedFromKeyIsAnEmptyKey) {
   Key key(std::string(40, 'k'));
   const Key taken = std::move(key);
-  EXPECT_EQ(AnswerOf([&] { return wal_->Insert(key, 1, "v", 1); }), (Answer{2, "Invalid key"}));
+  EXPECT_EQ(AnswerOf([&] { return wal_->Insert(key, 1, "v", 1); }), (CallResult{2, "Invalid key"}));
   EXPECT_EQ(Bytes(), image_.Bytes());
 }
 
@@ -145,10 +146,10 @@ TEST_F(WalAppendTest, ADamagedHeaderRefusesEveryAppendAndStopsNoLookup) {
     LogImage image(kSize);
     image.file = FileImage(damaged);
     Overwrite(image);
-    EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "new", "v"); }), (Answer{2818, kBadHeader})) << offset;
-    EXPECT_EQ(AnswerOf([&] { return Delete(*wal_, "k"); }), (Answer{2818, kBadHeader})) << offset;
+    EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "new", "v"); }), (CallResult{2818, kBadHeader})) << offset;
+    EXPECT_EQ(AnswerOf([&] { return Delete(*wal_, "k"); }), (CallResult{2818, kBadHeader})) << offset;
     uint32_t at = 0;
-    EXPECT_EQ(AnswerOf([&] { return wal_->Reserve(1, &at); }), (Answer{2818, "Invalid wal checksum"}));
+    EXPECT_EQ(AnswerOf([&] { return wal_->Reserve(1, &at); }), (CallResult{2818, "Invalid wal checksum"}));
     EXPECT_EQ(Get(*wal_, "k"), "v") << offset;
     EXPECT_EQ(Keys(*wal_), KeyList{"k"}) << offset;
     EXPECT_EQ(Bytes(), damaged);
@@ -161,7 +162,7 @@ TEST_F(WalAppendTest, AUsedAreaThatWouldTakeInTheHeaderIsRefused) {
   for (const uint32_t used : {0u, 1u, 12u, 23u}) {
     image_.SetUsed(used);
     Overwrite(image_);
-    EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", "v"); }), (Answer{2818, kBadHeader})) << used;
+    EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", "v"); }), (CallResult{2818, kBadHeader})) << used;
     EXPECT_EQ(Bytes(), image_.Bytes());
     EXPECT_EQ(Keys(*wal_), KeyList());
   }
@@ -171,11 +172,11 @@ TEST_F(WalAppendTest, AUsedAreaBeyondTheFileIsAFullLog) {
   for (const uint32_t used : {kSize, kSize + 1, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
     image_.SetUsed(used);
     Overwrite(image_);
-    EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", "v"); }), (Answer{3330, kNoRoom})) << used;
+    EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", "v"); }), (CallResult{3330, kNoRoom})) << used;
     EXPECT_EQ(Bytes(), image_.Bytes());
     EXPECT_EQ(Keys(*wal_), KeyList());
     uint32_t at = 0;
-    EXPECT_EQ(AnswerOf([&] { return wal_->Reserve(1, &at); }), (Answer{3330, "Wal is full"})) << used;
+    EXPECT_EQ(AnswerOf([&] { return wal_->Reserve(1, &at); }), (CallResult{3330, "Wal is full"})) << used;
   }
 }
 
@@ -199,8 +200,8 @@ TEST_F(WalAppendTest, ReservingClaimsBytesWithoutWritingThem) {
   image_.SetUsed(kSize);
   EXPECT_EQ(Bytes(), image_.Bytes());
   offset = 5;
-  EXPECT_EQ(AnswerOf([&] { return wal_->Reserve(1, &offset); }), (Answer{3330, "Wal is full"}));
-  EXPECT_EQ(AnswerOf([&] { return wal_->Reserve(0xFFFFFFFF, &offset); }), (Answer{3330, "Wal is full"}));
+  EXPECT_EQ(AnswerOf([&] { return wal_->Reserve(1, &offset); }), (CallResult{3330, "Wal is full"}));
+  EXPECT_EQ(AnswerOf([&] { return wal_->Reserve(0xFFFFFFFF, &offset); }), (CallResult{3330, "Wal is full"}));
   EXPECT_EQ(offset, 5u);
   EXPECT_EQ(Bytes(), image_.Bytes());
 }
@@ -209,7 +210,7 @@ TEST_F(WalAppendTest, ResettingWritesAFreshHeaderAndLeavesTheRecordsBytes) {
   ASSERT_EQ(Insert(*wal_, "first", "old"), kStatusOk);
   ASSERT_EQ(Insert(*wal_, "second", "old"), kStatusOk);
   const std::string before = Bytes();
-  EXPECT_EQ(AnswerOf([&] { return Reset(*wal_); }), (Answer{0, ""}));
+  EXPECT_EQ(AnswerOf([&] { return Reset(*wal_); }), (CallResult{0, ""}));
   EXPECT_EQ(ToHex(Bytes()), ToHex(image_.Bytes().substr(0, 24) + before.substr(24)));
   EXPECT_EQ(Keys(*wal_), KeyList());
   ASSERT_EQ(Insert(*wal_, "third", "new"), kStatusOk);
@@ -240,17 +241,17 @@ TEST_F(WalAppendTest, AValueOutsideTheMappingIsRefusedAlsoWhereTheSumWouldWrap) 
     entry.valueSize = row.size;
     char untouched = 0;
     void* value = &untouched;
-    const Answer answer = AnswerOf([&] { return wal_->ReadValue(entry, &value); });
+    const CallResult answer = AnswerOf([&] { return wal_->ReadValue(entry, &value); });
     if (row.inside) {
-      EXPECT_EQ(answer, (Answer{0, ""})) << row.offset << "+" << row.size;
+      EXPECT_EQ(answer, (CallResult{0, ""})) << row.offset << "+" << row.size;
       ASSERT_NE(value, &untouched);
       EXPECT_EQ(std::memcmp(value, image_.Bytes().data() + row.offset, row.size), 0);
       std::free(value);
     } else {
-      EXPECT_EQ(answer, (Answer{2, "wal boundary verification failed"})) << row.offset << "+" << row.size;
+      EXPECT_EQ(answer, (CallResult{2, "wal boundary verification failed"})) << row.offset << "+" << row.size;
       EXPECT_EQ(value, &untouched);
       EXPECT_EQ(AnswerOf([&] { return wal_->ViewValue(entry) == nullptr ? 1u : 0u; }),
-                (Answer{1, "wal boundary verification failed"}));
+                (CallResult{1, "wal boundary verification failed"}));
     }
   }
 }

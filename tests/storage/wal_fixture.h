@@ -10,9 +10,9 @@
 
 #include "kestrun/status.h"
 #include "storage/wal.h"
-#include "tests/storage/answer.h"
+#include "tests/storage/call_result.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/file_bytes.h"
-#include "tests/support/forged_clock.h"
 #include "tests/support/log_image.h"
 #include "tests/support/scratch_directory.h"
 
@@ -95,7 +95,7 @@ class WalTest : public testing::Test {
 
   const ScratchDirectory directory_;
   const std::string path_ = directory_.PathOf("wal_v5");
-  ForgedClock clock_;
+  FakeClock clock_;
 
  private:
   int files_ = 0;

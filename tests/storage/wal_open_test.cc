@@ -17,8 +17,8 @@ class WalOpenTest : public WalTest {
  protected:
   explicit WalOpenTest(ScratchDirectory::Place place = ScratchDirectory::Place::Disk) : WalTest(place) {}
 
-  Answer Open(uint32_t walSize) { return Open(path_, walSize); }
-  Answer Open(const std::string& path, uint32_t walSize) {
+  CallResult Open(uint32_t walSize) { return Open(path_, walSize); }
+  CallResult Open(const std::string& path, uint32_t walSize) {
     return AnswerOf([&] { return OpenWal(path, walSize, &wal_); });
   }
   bool HasHandle() const { return wal_ != nullptr; }
@@ -33,7 +33,7 @@ class WalDamageTest : public WalOpenTest {
 };
 
 TEST_F(WalOpenTest, AMissingLogIsMadeWithTheGivenLengthAndAnEmptyHeader) {
-  EXPECT_EQ(Open(1000), (Answer{0, ""}));
+  EXPECT_EQ(Open(1000), (CallResult{0, ""}));
   ASSERT_TRUE(HasHandle());
   EXPECT_EQ(wal_->Capacity(), 1000u);
   EXPECT_EQ(wal_->Options(), 7u);
@@ -48,7 +48,7 @@ TEST_F(WalOpenTest, AnEmptyOrShortFileIsMadeTheLogAndKeepsWhatLiesBehindTheHeade
   for (const size_t length : {0, 1, 23, 24, 127, 128, 500, 999}) {
     const std::string path = NewPath();
     WriteFile(path, std::string(length, 'x'));
-    EXPECT_EQ(Open(path, 1000), (Answer{0, ""})) << length;
+    EXPECT_EQ(Open(path, 1000), (CallResult{0, ""})) << length;
     std::string expected = LogImage(1000).Bytes();
     for (size_t i = 24; i < length; ++i) expected[i] = 'x';
     EXPECT_EQ(ToHex(ReadFile(path)), ToHex(expected)) << length;
@@ -60,14 +60,14 @@ TEST_F(WalOpenTest, AnEmptyOrShortFileIsMadeTheLogAndKeepsWhatLiesBehindTheHeade
 
 TEST_F(WalOpenTest, ALogOf128BytesIsRefusedAndOneOf129HoldsNothing) {
   for (const uint32_t size : {0u, 1u, 127u, 128u}) {
-    EXPECT_EQ(Open(size), (Answer{2, "invalid wal size: " + path_})) << size;
+    EXPECT_EQ(Open(size), (CallResult{2, "invalid wal size: " + path_})) << size;
     EXPECT_FALSE(HasHandle());
     EXPECT_EQ(Bytes(), "") << "the file was opened, and thereby created, before";
   }
-  EXPECT_EQ(Open(129), (Answer{0, ""}));
+  EXPECT_EQ(Open(129), (CallResult{0, ""}));
   ASSERT_TRUE(HasHandle());
-  EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", ""); }), (Answer{3330, kNoRoom}));
-  EXPECT_EQ(AnswerOf([&] { return Delete(*wal_, "k"); }), (Answer{3330, kNoRoom}));
+  EXPECT_EQ(AnswerOf([&] { return Insert(*wal_, "k", ""); }), (CallResult{3330, kNoRoom}));
+  EXPECT_EQ(AnswerOf([&] { return Delete(*wal_, "k"); }), (CallResult{3330, kNoRoom}));
   EXPECT_EQ(Bytes(), LogImage(129).Bytes());
 }
 
@@ -75,15 +75,15 @@ TEST_F(WalOpenTest, ARefusedSizeLeavesAnExistingLogAlone) {
   LogImage image(1000);
   image.Append({"k", "v"});
   Put(image);
-  EXPECT_EQ(Open(128), (Answer{2, "invalid wal size: " + path_}));
+  EXPECT_EQ(Open(128), (CallResult{2, "invalid wal size: " + path_}));
   EXPECT_EQ(Bytes(), image.Bytes());
 }
 
 TEST_F(WalOpenTest, WhatCantBeOpenedIs770AlsoWithASizeThatWouldBeRefused) {
   std::filesystem::create_directory(path_);
   for (const std::string& path : {path_, directory_.PathOf("missing/wal_v5")}) {
-    EXPECT_EQ(Open(path, 1000), (Answer{770, ""}));
-    EXPECT_EQ(Open(path, 128), (Answer{770, ""}));
+    EXPECT_EQ(Open(path, 1000), (CallResult{770, ""}));
+    EXPECT_EQ(Open(path, 128), (CallResult{770, ""}));
     EXPECT_FALSE(HasHandle());
   }
 }
@@ -92,7 +92,7 @@ TEST_F(WalOpenTest, ALongerLogIsMappedWhole) {
   LogImage image(5000);
   image.Append({"k", "v"});
   Put(image);
-  EXPECT_EQ(Open(1000), (Answer{0, ""}));
+  EXPECT_EQ(Open(1000), (CallResult{0, ""}));
   ASSERT_TRUE(HasHandle());
   EXPECT_EQ(wal_->Capacity(), 5000u);
   EXPECT_EQ(Get(*wal_, "k"), "v");
@@ -103,7 +103,7 @@ TEST_F(WalOpenTest, ALargerSizeMakesTheHeaderAnewAndGivesTheRecordsUp) {
   LogImage image(1000);
   image.Append({"k", "v"});
   Put(image);
-  EXPECT_EQ(Open(1001), (Answer{0, ""}));
+  EXPECT_EQ(Open(1001), (CallResult{0, ""}));
   ASSERT_TRUE(HasHandle());
   EXPECT_EQ(Get(*wal_, "k"), kMissing);
   std::string expected = LogImage(1001).Bytes();
@@ -114,7 +114,7 @@ TEST_F(WalOpenTest, ALargerSizeMakesTheHeaderAnewAndGivesTheRecordsUp) {
 TEST_F(WalOpenTest, ALogThatWasOpenWhenItWasMadeAnewIsEmptyForItsHandleToo) {
   auto first = OpenWal(path_, 1000);
   ASSERT_EQ(Insert(*first, "k", "v"), kStatusOk);
-  EXPECT_EQ(Open(2000), (Answer{0, ""}));
+  EXPECT_EQ(Open(2000), (CallResult{0, ""}));
   EXPECT_EQ(Get(*wal_, "k"), kMissing);
   EXPECT_EQ(Get(*first, "k"), kMissing);
   EXPECT_EQ(Insert(*wal_, "later", std::string(1500, 'v')), kStatusOk);
@@ -125,16 +125,16 @@ TEST_F(WalOpenTest, AWrongChecksumIs2818WhateverTheMagicAndAWrongMagicIs3586) {
   LogImage image(1000);
   image.file.Put8(16, static_cast<uint8_t>(image.file.Get32(16) + 1));
   Put(image);
-  EXPECT_EQ(Open(1000), (Answer{2818, "Invalid wal checksum"}));
+  EXPECT_EQ(Open(1000), (CallResult{2818, "Invalid wal checksum"}));
   EXPECT_FALSE(HasHandle());
 
   image.file.Put8(0, 'k');
   Put(image);
-  EXPECT_EQ(Open(1000), (Answer{2818, "Invalid wal checksum"}));
+  EXPECT_EQ(Open(1000), (CallResult{2818, "Invalid wal checksum"}));
 
   image.SealHeader();
   Put(image);
-  EXPECT_EQ(Open(1000), (Answer{3586, "Invalid wal magic"}));
+  EXPECT_EQ(Open(1000), (CallResult{3586, "Invalid wal magic"}));
   EXPECT_FALSE(HasHandle());
   EXPECT_EQ(Bytes(), image.Bytes());
 }
@@ -144,7 +144,7 @@ TEST_F(WalOpenTest, TheNulOfTheMagicCounts) {
   image.file.Put8(7, 1);
   image.SealHeader();
   Put(image);
-  EXPECT_EQ(Open(1000), (Answer{3586, "Invalid wal magic"}));
+  EXPECT_EQ(Open(1000), (CallResult{3586, "Invalid wal magic"}));
 }
 
 TEST_F(WalOpenTest, VersionUsedAndReservedAreNotLookedAt) {
@@ -154,7 +154,7 @@ TEST_F(WalOpenTest, VersionUsedAndReservedAreNotLookedAt) {
     image.SetUsed(number);
     const std::string path = NewPath();
     WriteFile(path, image.Bytes());
-    EXPECT_EQ(Open(path, 1000), (Answer{0, ""})) << number;
+    EXPECT_EQ(Open(path, 1000), (CallResult{0, ""})) << number;
     EXPECT_TRUE(HasHandle());
     EXPECT_EQ(ReadFile(path), image.Bytes());
   }
@@ -169,7 +169,7 @@ TEST_F(WalDamageTest, EveryFlippedHeaderByteIsFoundUnlessNothingCoversIt) {
       std::string bytes = image.Bytes();
       bytes[offset] = static_cast<char>(bytes[offset] ^ flip);
       WriteFile(path, bytes);
-      const Answer expected = offset < 20 ? Answer{2818, "Invalid wal checksum"} : Answer{0, ""};
+      const CallResult expected = offset < 20 ? CallResult{2818, "Invalid wal checksum"} : CallResult{0, ""};
       EXPECT_EQ(Open(path, 1000), expected) << offset << " ^ " << flip;
       EXPECT_EQ(ReadFile(path), bytes);
       if (HasHandle()) {
@@ -189,7 +189,7 @@ TEST_F(WalDamageTest, ALogCutAtAnyLengthOpensWithTheRecordsThatAreWhole) {
   for (size_t length = 0; length <= 300; ++length) {
     const std::string path = NewPath();
     WriteFile(path, image.Bytes().substr(0, length));
-    EXPECT_EQ(Open(path, 129), (Answer{0, ""})) << length;
+    EXPECT_EQ(Open(path, 129), (CallResult{0, ""})) << length;
     ASSERT_TRUE(HasHandle());
     KeyList expected;
     if (length >= 129) {
@@ -197,8 +197,8 @@ TEST_F(WalDamageTest, ALogCutAtAnyLengthOpensWithTheRecordsThatAreWhole) {
       if (length >= end) expected.push_back("second");
     }
     EXPECT_EQ(Keys(*wal_), expected) << length;
-    const Answer refused = AnswerOf([&] { return Insert(*wal_, "k", std::string(300, 'v')); });
-    EXPECT_EQ(refused, (Answer{3330, kNoRoom})) << length;
+    const CallResult refused = AnswerOf([&] { return Insert(*wal_, "k", std::string(300, 'v')); });
+    EXPECT_EQ(refused, (CallResult{3330, kNoRoom})) << length;
   }
   EXPECT_EQ(first, 128u);
 }
@@ -207,7 +207,7 @@ TEST_F(WalDamageTest, ALogCutAtAnyLengthOpensWithTheRecordsThatAreWhole) {
 TEST_F(WalOpenTest, ALogOfFourGigabytesIsNotMapped) {
   WriteFile(path_, LogImage(1000).Bytes());
   std::filesystem::resize_file(path_, uint64_t{1} << 32);
-  EXPECT_EQ(Open(1000), (Answer{0, "Failed to map wal: " + path_}));
+  EXPECT_EQ(Open(1000), (CallResult{0, "Failed to map wal: " + path_}));
   EXPECT_FALSE(HasHandle());
   struct stat info = {};
   ASSERT_EQ(stat(path_.c_str(), &info), 0);
@@ -219,7 +219,7 @@ TEST_F(WalOpenTest, WithoutRoomForTheFileNoLogIsMadeAndALaterOpeningMakesIt) {
     signal(SIGXFSZ, SIG_IGN);
     const rlimit limit = {5000, RLIM_INFINITY};
     if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 1;
-    const Answer answer = Open(20000);
+    const CallResult answer = Open(20000);
     return parent.Send(std::to_string(answer.status) + answer.printed) && !HasHandle() ? 0 : 2;
   });
   std::string answer;
@@ -227,7 +227,7 @@ TEST_F(WalOpenTest, WithoutRoomForTheFileNoLogIsMadeAndALaterOpeningMakesIt) {
   EXPECT_EQ(answer, "771");
   EXPECT_EQ(child.Wait(), 0);
 
-  EXPECT_EQ(Open(20000), (Answer{0, ""}));
+  EXPECT_EQ(Open(20000), (CallResult{0, ""}));
   ASSERT_TRUE(HasHandle());
   EXPECT_EQ(Bytes(), LogImage(20000).Bytes());
 }
@@ -235,14 +235,14 @@ TEST_F(WalOpenTest, WithoutRoomForTheFileNoLogIsMadeAndALaterOpeningMakesIt) {
 // A process that dies while it makes a log leaves a file that is shorter than the log, or a complete one.
 TEST_F(WalOpenTest, AHeaderWithoutTheRestOfTheFileIsMadeAnew) {
   WriteFile(path_, LogImage(1000).Bytes().substr(0, 24));
-  EXPECT_EQ(Open(1000), (Answer{0, ""}));
+  EXPECT_EQ(Open(1000), (CallResult{0, ""}));
   EXPECT_EQ(Bytes(), LogImage(1000).Bytes());
 }
 
 TEST_F(WalOpenTest, ASparseLogGetsItsDiskSpaceWhenItIsOpened) {
   WriteFile(path_, LogImage(1000).Bytes());
   std::filesystem::resize_file(path_, 1 << 20);
-  EXPECT_EQ(Open(1000), (Answer{0, ""}));
+  EXPECT_EQ(Open(1000), (CallResult{0, ""}));
   struct stat info = {};
   ASSERT_EQ(stat(path_.c_str(), &info), 0);
   EXPECT_GE(info.st_blocks * 512, 1 << 20);
@@ -257,7 +257,7 @@ TEST_F(WalOpenTest, ClosingAndOpeningAgainKeepsTheIndexAndWhatWasReplayed) {
   std::string bytes = Bytes();
   bytes[128] = static_cast<char>(bytes[128] + 1);
   WriteFile(path_, bytes);
-  EXPECT_EQ(Open(1000), (Answer{0, ""}));
+  EXPECT_EQ(Open(1000), (CallResult{0, ""}));
   EXPECT_EQ(Get(*wal_, "k"), "v");
 }
 
@@ -278,7 +278,7 @@ TEST_F(WalOpenTest, AFileMadeAnewUnderAnOldInodeNumberStartsEmpty) {
   ASSERT_EQ(Get(*wal, "ghost"), "old value");
   wal.reset();
   std::filesystem::resize_file(path_, 0);
-  EXPECT_EQ(Open(1000), (Answer{0, ""}));
+  EXPECT_EQ(Open(1000), (CallResult{0, ""}));
   EXPECT_EQ(Get(*wal_, "ghost"), kMissing);
   EXPECT_EQ(Insert(*wal_, "new", "value"), kStatusOk);
   EXPECT_EQ(Keys(*wal_), KeyList{"new"});
@@ -312,7 +312,7 @@ TEST_F(WalOpenTest, AnotherLogRestoredOverTheFileWhileItIsClosedIsRead) {
   ASSERT_EQ(Insert(*wal, "ghost", "old value"), kStatusOk);
   wal.reset();
   Put(other);  // in place: the inode number stays
-  EXPECT_EQ(Open(1000), (Answer{0, ""}));
+  EXPECT_EQ(Open(1000), (CallResult{0, ""}));
   EXPECT_EQ(Keys(*wal_), KeyList{"restored"});
 }
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "storage/page_size.h"
+#include "base/page_size.h"
 #include "tests/storage/wal_fixture.h"
 #include "tests/support/child_process.h"
 #include "tests/support/process_maps.h"
@@ -282,7 +282,7 @@ class WalModelTest : public WalTest, public testing::WithParamInterface<bool> {
     for (int process = 0; process < 4; ++process) {
       if (process != self) others += model_->resets[process];
     }
-    wal.NoticeManifestMoves(others);
+    wal.OnManifestChanges(others);
   }
 
   bool Check(Wal& wal, int self, int key) const {

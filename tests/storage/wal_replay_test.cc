@@ -186,7 +186,7 @@ TEST_F(WalReplayTest, AUsedAreaBeyondTheFileIsReplayedUpToTheFilesEnd) {
     cut.file.Bytes().resize(length);
     auto wal = OpenLog(cut);
     EXPECT_EQ(Keys(*wal), KeyList{"inside"}) << length;
-    EXPECT_EQ(AnswerOf([&] { return Insert(*wal, "k", "v"); }), (Answer{3330, kNoRoom}));
+    EXPECT_EQ(AnswerOf([&] { return Insert(*wal, "k", "v"); }), (CallResult{3330, kNoRoom}));
   }
 }
 
@@ -257,7 +257,7 @@ TEST_F(WalReplayTest, ADamagedHeaderHidesWhatWasAppendedUntilItIsSoundAgain) {
   LogImage damaged = image;
   damaged.file.Put8(16, static_cast<uint8_t>(image.file.Get32(16) + 1));
   Change(*wal, damaged);
-  EXPECT_EQ(AnswerOf([&] { return Keys(*wal).empty() ? 0u : 1u; }), (Answer{0, ""}));
+  EXPECT_EQ(AnswerOf([&] { return Keys(*wal).empty() ? 0u : 1u; }), (CallResult{0, ""}));
   Change(*wal, image);
   EXPECT_EQ(Keys(*wal), KeyList{"k"});
 }
@@ -350,7 +350,7 @@ TEST_F(WalReplayTest, AMoveOfTheManifestByOthersMakesTheReplayStartOver) {
   LogImage other(1000);
   for (const char* key : {"one", "new", "three"}) other.Append({key, "2"});
   Change(*wal, other);
-  wal->NoticeManifestMoves(1);
+  wal->OnManifestChanges(1);
   EXPECT_EQ(Keys(*wal), (KeyList{"new", "one", "three"}));
   EXPECT_EQ(Get(*wal, "new"), "2");
 }
@@ -359,10 +359,10 @@ TEST_F(WalReplayTest, NoNewMoveOfTheManifestLeavesTheIndexAlone) {
   LogImage image(1000);
   const size_t offset = image.Append({"damaged later", "1"});
   auto wal = OpenLog(image);
-  wal->NoticeManifestMoves(3);
+  wal->OnManifestChanges(3);
   EXPECT_EQ(Keys(*wal), KeyList{"damaged later"});
   Change(*wal, offset, "x");
-  wal->NoticeManifestMoves(3);
+  wal->OnManifestChanges(3);
   EXPECT_EQ(Keys(*wal), KeyList{"damaged later"});
 }
 

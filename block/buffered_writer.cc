@@ -1,0 +1,43 @@
+#include "block/buffered_writer.h"
+
+#include <cstring>
+#include <utility>
+
+namespace Kestrun {
+namespace {
+
+constexpr size_t kBufferSize = 256 * 1024;
+
+}  // namespace
+
+BufferedWriter::BufferedWriter(std::shared_ptr<OsFile> file) : file_(std::move(file)), buffer_(kBufferSize) {}
+
+bool BufferedWriter::Append(const void* bytes, size_t size) {
+  if (size > buffer_.size() - held_) {
+    if (!Flush()) return false;
+    if (size >= buffer_.size()) return Write(bytes, size);
+  }
+  if (size != 0) std::memcpy(buffer_.data() + held_, bytes, size);
+  held_ += size;
+  return true;
+}
+
+bool BufferedWriter::MoveTo(uint64_t offset) {
+  if (!Flush()) return false;
+  start_ = offset;
+  return true;
+}
+
+bool BufferedWriter::Flush() {
+  const size_t held = std::exchange(held_, 0);
+  return held == 0 || Write(buffer_.data(), held);
+}
+
+bool BufferedWriter::Write(const void* bytes, size_t size) {
+  const ssize_t written = file_->PWriteFully(bytes, size, static_cast<int64_t>(start_));
+  if (written != static_cast<ssize_t>(size)) return false;
+  start_ += size;
+  return true;
+}
+
+}  // namespace Kestrun
