@@ -1,4 +1,4 @@
-// include/kestrun/data_entry.h: where one entry of a store lies, and how long it lives.
+// kestrun/data_entry.h: where one entry of a store lies, and how long it lives.
 #pragma once
 
 #include <cstddef>
@@ -8,11 +8,14 @@
 
 namespace Kestrun {
 
+// The longest time to live, in seconds: about 136 years. What is to stay for good gets it.
+inline constexpr unsigned int kTtlForever = 4294967295;
+
 // DataEntry describes the newest entry of a key, as LSDBImpl::GetDataEntry reports it. Its 32 bytes are laid
 // out as in the files of the store; the bytes between the fields carry no meaning.
 //
 // An entry is alive while timestamp + ttl, taken in 64 bits, is at least the current second of the wall
-// clock. No ttl means "for ever": 0 lasts for the second of writing, 4294967295 for about 136 years.
+// clock. No ttl means "for ever": 0 lasts for the second of writing, kTtlForever for about 136 years.
 struct DataEntry {
   uint32_t valueOffset;  // bytes from the start of the file that holds the entry, log or block
   uint32_t valueSize;    // bytes

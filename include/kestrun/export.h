@@ -1,4 +1,4 @@
-// include/kestrun/export.h: marks what the shared library shows to its users; all else is hidden.
+// kestrun/export.h: marks what the shared library shows to its users; all else is hidden.
 #pragma once
 
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__

@@ -1,13 +1,22 @@
-// include/kestrun/kestrun.h: everything that the library offers.
+// kestrun/kestrun.h: everything that the library offers.
 #pragma once
 
+#include "kestrun/cursor.h"
 #include "kestrun/data_entry.h"
+#include "kestrun/diagnostics.h"
 #include "kestrun/export.h"
 #include "kestrun/key.h"
 #include "kestrun/lsdb.h"
+#include "kestrun/range.h"
 #include "kestrun/record.h"
 #include "kestrun/record_meta.h"
+#include "kestrun/record_store.h"
 #include "kestrun/series.h"
+#include "kestrun/snapshot.h"
+#include "kestrun/stats.h"
 #include "kestrun/status.h"
+#include "kestrun/store.h"
+#include "kestrun/transaction.h"
 #include "kestrun/value.h"
 #include "kestrun/version.h"
+#include "kestrun/write_batch.h"

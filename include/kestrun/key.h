@@ -1,4 +1,4 @@
-// include/kestrun/key.h: the key under which a store keeps a value.
+// kestrun/key.h: the key under which a store keeps a value.
 //
 // A key is 0 to 65,535 bytes of any value; a store refuses the empty key. Keys of up to 15 bytes are held
 // without an allocation.

@@ -1,4 +1,4 @@
-// include/kestrun/lsdb.h: the store: byte values under byte-string keys, in a directory of their own.
+// kestrun/lsdb.h: the store: byte values under byte-string keys, in a directory of their own.
 //
 // A store is a write-ahead log, a manifest and any number of block files. Every write is appended to the
 // log; when the log is full its entries become a new block; compaction merges the blocks into one.

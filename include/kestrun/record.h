@@ -1,4 +1,4 @@
-// include/kestrun/record.h: one typed record, and the bytes in which a store keeps it.
+// kestrun/record.h: one typed record, and the bytes in which a store keeps it.
 //
 //   offset 0   2 bytes   number of the record type
 //   offset 2   the fields in the order of the record type, back to back; integers little-endian

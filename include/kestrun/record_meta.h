@@ -1,4 +1,4 @@
-// include/kestrun/record_meta.h: record types, and the one-line language in which they are written.
+// kestrun/record_meta.h: record types, and the one-line language in which they are written.
 //
 //   Point x:%i4,y:%i4,label:%s
 //

@@ -1,4 +1,4 @@
-// include/kestrun/series.h: a store of typed records: an engine for the records and a schema file for their types,
+// kestrun/series.h: a store of typed records: an engine for the records and a schema file for their types,
 // in one directory.
 //
 //   series->AppendRecord("seattle-2012-01-01", 86400, "Weather date:%s,temp_max:%d", "2012-01-01", 12.8);

@@ -1,4 +1,4 @@
-// include/kestrun/status.h: every status that an operation of the store returns.
+// kestrun/status.h: every status that an operation of the store returns.
 //
 // A status is a uint32_t; 0 is success. A key that is missing is not an error: reads return kStatusOk with
 // an empty result. The numbers never change: programs may store and compare them.
@@ -18,6 +18,14 @@ inline constexpr uint32_t kStatusOk = 0;
 inline constexpr uint32_t kStatusInvalid = 2;
 // A file could not be opened; a directory could not be read or not be removed.
 inline constexpr uint32_t kStatusOpenFailed = 3;
+// The path is a file, or a directory that holds other files and no whole store, or part of a store only.
+inline constexpr uint32_t kStatusNotAStore = 4;
+// There is no store.
+inline constexpr uint32_t kStatusStoreMissing = 5;
+// There is a store, or something else, where a new one was to be made.
+inline constexpr uint32_t kStatusStoreExists = 6;
+// The system does not allow it: permissions, or a file system that is read-only.
+inline constexpr uint32_t kStatusNoPermission = 7;
 // The manifest could not be opened, or one of its block records is damaged or cut off.
 inline constexpr uint32_t kStatusManifestUnreadable = 258;
 // A block file gave fewer bytes of a value than its entry says.

@@ -1,4 +1,4 @@
-// include/kestrun/value.h: one typed scalar, the content of one field of a record.
+// kestrun/value.h: one typed scalar, the content of one field of a record.
 //
 // Ownership: a value owns its text and nothing else. A Binary value borrows its bytes: copies of it, those
 //            inside a record included, point at the same bytes, which must outlive them all.

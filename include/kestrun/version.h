@@ -1,4 +1,4 @@
-// include/kestrun/version.h: the version of these headers, and of the library that is loaded.
+// kestrun/version.h: the version of these headers, and of the library that is loaded.
 #pragma once
 
 #include "kestrun/export.h"
