@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "kestrun/status.h"
-#include "record/record_meta_registry.h"
 #include "record/schema_format.h"
 #include "storage/directory.h"
 
@@ -43,7 +42,7 @@ class SchemaAppendLock {
 
 }  // namespace
 
-Schema::Schema(std::shared_ptr<OsFile> file) : file_(std::move(file)) {}
+Schema::Schema(std::shared_ptr<OsFile> file) : file_(std::move(file)), metas_(file_->Path(), file_->Id()) {}
 
 uint32_t Schema::Open(const std::string& path, Schema** out) {
   if (out == nullptr) return kStatusOk;
@@ -74,8 +73,8 @@ Schema::ReadResult Schema::Read() {
 
   std::unordered_map<std::string, RecordMeta*> byText;
   std::unordered_map<uint16_t, RecordMeta*> byId;
-  const auto enter = [&byText, &byId](uint16_t id, const std::string& text) {
-    RecordMeta* meta = InternRecordMeta(id, text);
+  const auto enter = [this, &byText, &byId](uint16_t id, const std::string& text) {
+    RecordMeta* meta = metas_.Intern(id, text);
     if (meta == nullptr) return;
     byText[text] = meta;
     byId[id] = meta;
@@ -129,7 +128,7 @@ RecordMeta* Schema::Create(const std::string& text) {
     if (RecordMeta* known = metasByText_.Find(text)) return known;
 
     const uint64_t id = uint64_t{metasByText_.Count()} + 1;
-    meta = InternRecordMeta(static_cast<uint16_t>(id), text);
+    meta = metas_.Intern(static_cast<uint16_t>(id), text);
     if (meta == nullptr) return nullptr;
     if (!AppendLine(SchemaLine(id, text))) return nullptr;
   }

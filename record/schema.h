@@ -4,7 +4,8 @@
 // one, so the first is 1. A text that contains "#" or a line break is written as it is and read back as
 // something else; it then counts as two texts, and numbers may be given twice. Nobody checks for it.
 //
-// Ownership: record types live until the process ends, whatever becomes of the schema.
+// Ownership: record types live until the process ends, whatever becomes of the schema. All handles on one file hand
+//            out the same objects, handles on different files never do.
 // Threads:   safe. A type that is known is found without any lock. Everything else happens between
 //            OsFile::Lock and OsFile::Unlock on the file, whose mutex orders the threads of the process.
 // Processes: several may use one file. Making a type takes the shared level and looking one up by number the
@@ -18,6 +19,7 @@
 
 #include "kestrun/record_meta.h"
 #include "record/record_meta_index.h"
+#include "record/record_meta_registry.h"
 #include "storage/os_file.h"
 
 namespace Kestrun {
@@ -62,6 +64,7 @@ class Schema {
   bool ForceToDisk();
 
   std::shared_ptr<OsFile> file_;
+  RecordMetaPool metas_;  // goes before the file
   RecordMetaIndex<std::string> metasByText_;
   RecordMetaIndex<uint16_t> metasById_;
   // Guarded by the file's mutex: a line, or the file's name with it, may not be on the disk yet.

@@ -252,6 +252,55 @@ TEST_F(SchemaTest, RecordTypesStayWhereTheyAreWhenTheFileIsReadAgain) {
   EXPECT_EQ(Open()->FindRecordMeta(1), meta);
 }
 
+TEST_F(SchemaTest, FilesDoNotShareTheirRecordTypes) {
+  const auto schema = OpenWith("1#T a:%i4\n");
+  const std::string otherPath = directory_.PathOf("other");
+  WriteFile(otherPath, "1#T a:%i4\n");
+  Schema* opened = nullptr;
+  ASSERT_EQ(Schema::Open(otherPath, &opened), kStatusOk);
+  const std::unique_ptr<Schema> other(opened);
+
+  RecordMeta* meta = schema->FindRecordMeta(1);
+  ASSERT_NE(meta, nullptr);
+  meta->name = "changed";
+  meta->fields[0]->type = ValueType::Int64;
+  EXPECT_NE(other->FindRecordMeta(1), meta);
+  EXPECT_EQ(other->FindRecordMeta(1)->name, "T");
+  EXPECT_EQ(other->FindRecordMeta(1)->fields[0]->type, ValueType::Int32);
+  EXPECT_EQ(Open()->FindRecordMeta(1), meta);
+}
+
+TEST_F(SchemaTest, RecordTypesAreTheSameObjectsAfterTheFileWasClosedAndOpened) {
+  auto schema = OpenWith("1#T a:%i4\n");
+  const RecordMeta* meta = schema->FindRecordMeta(1);
+  const RecordMeta* made = schema->GetOrCreateRecordMeta("U a:%i4");
+  for (int i = 0; i < 3; ++i) {
+    schema.reset();
+    schema = Open();
+    EXPECT_EQ(schema->FindRecordMeta(1), meta);
+    EXPECT_EQ(schema->FindRecordMeta(2), made);
+  }
+}
+
+// A file keeps its inode number when it is written over, as a new file may get that of one that was deleted.
+TEST_F(SchemaTest, AnotherFileUnderTheSameNumberDoesNotGetTheRecordTypesOfTheOneBefore) {
+  auto schema = OpenWith("1#T a:%i4\n");
+  RecordMeta* meta = schema->FindRecordMeta(1);
+  meta->name = "changed";
+  schema.reset();
+  WriteFile(path_, "1#T a:%i4\n2#U a:%i4\n");
+  schema = Open();
+  EXPECT_NE(schema->FindRecordMeta(1), meta);
+  EXPECT_EQ(schema->FindRecordMeta(1)->name, "T");
+  EXPECT_EQ(meta->name, "changed");
+
+  const RecordMeta* second = schema->FindRecordMeta(1);
+  ASSERT_EQ(unlink(path_.c_str()), 0);
+  schema.reset();
+  schema = OpenWith("1#T a:%i4\n");
+  EXPECT_NE(schema->FindRecordMeta(1), second);
+}
+
 TEST_F(SchemaTest, RecordTypesOutliveTheirSchemaAndTheLineThatReplacesTheirs) {
   auto schema = OpenWith("1#T a:%i4\n");
   const RecordMeta* meta = schema->FindRecordMeta(1);
