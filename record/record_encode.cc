@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -7,6 +8,12 @@
 
 namespace Kestrun {
 namespace {
+
+// Whether a Binary field writes anything for `value`. A value of any type counts as Binary with the bytes that it
+// refers to.
+bool HasBytes(const Value& value) {
+  return value.binary != nullptr && value.binarySize != 0;
+}
 
 // Writes the bytes of one record from front to back, converting without an allocation.
 class Encoder {
@@ -32,9 +39,8 @@ class Encoder {
     PutSized(text, length);
   }
 
-  // A value of any type counts as Binary with the bytes that it refers to.
   void PutBinary(const Value& value) {
-    if (value.binary != nullptr && value.binarySize != 0) PutSized(value.binary, value.binarySize);
+    if (HasBytes(value)) PutSized(value.binary, value.binarySize);
   }
 
  private:
@@ -52,29 +58,29 @@ class Encoder {
   unsigned char* out_;
 };
 
-size_t HeldTextLength(const Value& value) {
-  return value.str.size();
+uint64_t HeldSize(const Value& value, ValueType type) {
+  return kRecordLengthSize + (type == ValueType::String ? value.str.size() : value.binarySize);
 }
 
-size_t ConvertedTextLength(const Value& value) {
-  if (!IsNumber(value.type)) return value.str.size();
+uint64_t WrittenSize(const Value& value, ValueType type) {
+  if (type == ValueType::Binary) return HasBytes(value) ? kRecordLengthSize + uint64_t{value.binarySize} : 0;
+  if (!IsNumber(value.type)) return kRecordLengthSize + value.str.size();
   char text[kNumberTextSize];
-  return WriteNumberText(value, text);
+  return kRecordLengthSize + WriteNumberText(value, text);
 }
 
-// What `fields` need, where a String field counts what `textLength` says of its value.
+// What `fields` need, where a String or Binary field counts what `sizeOf` says of its value.
 uint64_t MeasureRecord(const std::vector<Field*>& fields, const std::vector<Value>& values,
-                       size_t (*textLength)(const Value&)) {
+                       uint64_t (*sizeOf)(const Value&, ValueType)) {
   uint64_t size = kRecordFirstField;
   for (size_t i = 0; i < fields.size(); ++i) {
     const ValueType type = TypeOf(fields[i]);
     if (IsNumber(type)) size += NumberSize(type);
     if (type != ValueType::String && type != ValueType::Binary) continue;
 
-    // Without the value there is no size to go on with; callers rely on the process ending here.
+    // Without the value there is no size to go on with. Compat: record-missing-value-aborts
     if (i >= values.size()) std::abort();
-    size += kRecordLengthSize;
-    size += type == ValueType::String ? textLength(values[i]) : values[i].binarySize;
+    size += sizeOf(values[i], type);
   }
   return size;
 }
@@ -82,11 +88,12 @@ uint64_t MeasureRecord(const std::vector<Field*>& fields, const std::vector<Valu
 }  // namespace
 
 unsigned int Record::Capacity() const {
-  return static_cast<unsigned int>(MeasureRecord(FieldsOf(meta_), values_, &HeldTextLength));
+  return static_cast<unsigned int>(MeasureRecord(FieldsOf(meta_), values_, &HeldSize));
 }
 
-uint64_t Record::MaxEncodedSize() const {
-  return MeasureRecord(FieldsOf(meta_), values_, &ConvertedTextLength);
+uint64_t Record::StoredSize() const {
+  const std::vector<Field*>& fields = FieldsOf(meta_);
+  return std::max(MeasureRecord(fields, values_, &HeldSize), MeasureRecord(fields, values_, &WrittenSize));
 }
 
 void Record::Encode(unsigned char* out) {

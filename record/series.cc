@@ -69,8 +69,6 @@ Series::Series(std::shared_ptr<Schema> schema, std::shared_ptr<LSDBImpl> engine)
 }
 
 uint32_t Series::Get(const Key& key, Record** out) {
-  if (out == nullptr) return kStatusInvalid;
-
   const void* found = nullptr;
   unsigned int size = 0;
   if (const uint32_t status = engine_->Get(key, &found, &size); status != kStatusOk) {
@@ -89,6 +87,7 @@ uint32_t Series::Get(const Key& key, Record** out) {
       std::printf("Failed to find record meta by given key");
       return kStatusRecordTypeUnknown;
     }
+    if (out == nullptr) return kStatusInvalid;
     *out = new Record(meta, value.get(), size);
     // The record has the buffer now; had memory run out, it would still be ours.
     static_cast<void>(value.release());
@@ -97,8 +96,7 @@ uint32_t Series::Get(const Key& key, Record** out) {
 }
 
 uint32_t Series::AppendRecord(const Key& key, unsigned int ttl, Record& record) {
-  // Where numbers stand in String fields, Encode needs more than Capacity tells.
-  const uint64_t size = record.MaxEncodedSize();
+  const uint64_t size = record.StoredSize();
   if (size > UINT32_MAX) return kStatusNoMemory;
 
   unsigned char small[kStackCapacity] = {};

@@ -78,8 +78,9 @@ class KESTRUN_EXPORT Record {
  private:
   friend class Series;
 
-  // The bytes that Encode writes at most, numbers in String fields counted as text. Aborts like Capacity.
-  uint64_t MaxEncodedSize() const;
+  // The bytes that a store keeps: the larger of Capacity, before it wraps at 4 GiB, and what Encode writes. Aborts
+  // like Capacity.
+  uint64_t StoredSize() const;
 
   const RecordMeta* meta_;
   std::vector<Value> values_;

@@ -63,13 +63,14 @@ class KESTRUN_EXPORT Series {
   // bytes are stored, the result is kStatusOk and `*out` is untouched: set it to null before the call.
   //
   // kStatusRecordTypeUnknown  the schema has no such type ("Failed to find record meta by given key")
-  // kStatusInvalid            `out` is null; or as LSDBImpl::Get
+  // kStatusInvalid            there is a record and `out` is null; or as LSDBImpl::Get
   // The statuses of LSDBImpl::Get ("Internal error while trying to find data with given key"),
   // kStatusExpired among them; kStatusNoMemory.
   uint32_t Get(const Key& key, Record** out);
 
-  // Stores `record` under `key` for `ttl` seconds, in exactly as many bytes as it takes; the record stays as
-  // it is. A number in a String field is stored as its text. What Encode does not write is stored as zero.
+  // Stores `record` under `key` for `ttl` seconds, as the bytes that Encode writes and zeros up to
+  // Capacity() after them; the record stays as it is. A number in a String field is stored as its text, whole even
+  // where Capacity has no room for it.
   // Aborts the process when the record has no value for a String or Binary field (Record::Capacity).
   //
   // kStatusNoMemory when the bytes can't be allocated or are 4 GiB or more; the statuses of LSDBImpl::Insert.

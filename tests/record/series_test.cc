@@ -145,9 +145,20 @@ TEST_F(SeriesTest, RecordWithoutFieldsIsStoredButNotFound) {
   EXPECT_TRUE(series_->Contains("k"));
 }
 
-TEST_F(SeriesTest, GetWithoutAPlaceForTheRecordIsRefused) {
+TEST_F(SeriesTest, GetWithoutAPlaceForTheRecordIsRefusedWhenThereIsOne) {
   EXPECT_EQ(series_->AppendRecord("k", 60, "T a:%i4", 7), kStatusOk);
   EXPECT_EQ(series_->Get("k", nullptr), kStatusInvalid);
+}
+
+TEST_F(SeriesTest, GetWithoutAPlaceForTheRecordAnswersAsEverWhereThereIsNone) {
+  EXPECT_EQ(series_->Get("missing", nullptr), kStatusOk);
+  EXPECT_EQ(engine_->Insert("short", 60, "ab", 2), kStatusOk);
+  EXPECT_EQ(series_->Get("short", nullptr), kStatusOk);
+
+  CapturedStdout output;
+  EXPECT_EQ(engine_->Insert("unknown", 60, "\x63\0abcd", 6), kStatusOk);
+  EXPECT_EQ(series_->Get("unknown", nullptr), kStatusRecordTypeUnknown);
+  EXPECT_EQ(output.Take(), "Failed to find record meta by given key");
 }
 
 TEST_F(SeriesTest, RecordsOfDifferentTypesLieUnderNeighbouringKeys) {
@@ -236,11 +247,22 @@ TEST_F(SeriesTest, LongestNumberInATextFieldIsStoredWhole) {
   EXPECT_EQ(Get("k")->GetValue("a").str, std::to_string(lowest));
 }
 
-TEST_F(SeriesTest, TextThatANumberHeldBeforeDoesNotCount) {
-  Value number = Value::Int32Value(5);
-  number.str = "stale text";
-  EXPECT_EQ(series_->AppendRecord("k", 60, "T a:%s,b:%s", {number, Value::StringValue("hi")}), kStatusOk);
-  EXPECT_EQ(StoredHex("k"), "01 00 01 00 00 00 35 02 00 00 00 68 69");
+// A text that was turned into a number keeps its text, which Capacity counts.
+TEST_F(SeriesTest, TextThatBecameANumberIsStoredInAsManyBytesAsItsCapacity) {
+  Value number = Value::StringValue("7pounds");
+  number.ConvertTo(ValueType::Int32);
+  EXPECT_EQ(series_->AppendRecord("k", 60, "T a:%s", {number}), kStatusOk);
+  EXPECT_EQ(StoredHex("k"), "01 00 01 00 00 00 37 00 00 00 00 00 00");
+  EXPECT_EQ(Get("k")->GetValue("a").str, "7");
+}
+
+// Capacity counts the length of the empty Binary, and Encode fills those bytes with the number's digits.
+TEST_F(SeriesTest, NumberInATextFieldTakesTheRoomOfAnEmptyBinary) {
+  const Value empty = Value::BinaryValue(nullptr, 0);
+  EXPECT_EQ(series_->AppendRecord("within", 60, "T a:%s,b:*", {Value::Int32Value(123), empty}), kStatusOk);
+  EXPECT_EQ(StoredHex("within"), "01 00 03 00 00 00 31 32 33 00");
+  EXPECT_EQ(series_->AppendRecord("beyond", 60, "T a:%s,b:*", {Value::Int32Value(12345), empty}), kStatusOk);
+  EXPECT_EQ(StoredHex("beyond"), "01 00 05 00 00 00 31 32 33 34 35");
 }
 
 TEST_F(SeriesTest, EmptyBinaryIsStoredAsFourZeroBytesAtTheEnd) {
