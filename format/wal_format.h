@@ -43,27 +43,37 @@ namespace WalRecordOffset {
 inline constexpr size_t kValueOffset = 0;
 inline constexpr size_t kValueSize = 4;
 inline constexpr size_t kDeleted = 8;
+inline constexpr size_t kEpoch = 9;
 inline constexpr size_t kTimestamp = 16;
 inline constexpr size_t kTtl = 24;
+inline constexpr size_t kCrc = 28;
 inline constexpr size_t kKeySize = 32;
+inline constexpr size_t kMark = 34;
 inline constexpr size_t kChecksum = 36;
 inline constexpr size_t kEnd = 40;
 }  // namespace WalRecordOffset
 
-// The header of one record. Padding is written as zero; a reader gives it no meaning, but the checksum
-// covers it as it stands.
+// In the place of padding: the record carries a checksum of its content, in `crc` and `epoch`.
+inline constexpr uint16_t kChecksummedMark = 0x4B43;
+
+// The header of one record. Padding is written as zero; a reader gives it no meaning, but the checksum covers it as it
+// stands. What a record of LSDBImpl has in the place of mark, crc and epoch is padding, too.
 struct WalRecord {
   uint32_t valueOffset;  // file offset of the value: the record's own offset + 40 + keySize
   uint32_t valueSize;
-  uint8_t deleted;  // nonzero: a deletion marker
-  uint8_t padding0[7];
+  uint8_t deleted;   // nonzero: a tombstone
+  uint8_t epoch[4];  // with the mark: low 32 bits of a number that all marked records of one filling share
+  uint8_t padding0[3];
   uint64_t timestamp;  // seconds since the Unix epoch
   uint32_t ttl;        // seconds
-  uint32_t padding1;
+  uint32_t crc;        // with the mark: CRC-32C of the key's and the value's bytes
   uint16_t keySize;
-  uint16_t padding2;
+  uint16_t mark;      // kChecksummedMark, or padding
   uint32_t checksum;  // StoreChecksum of [kValueOffset, kChecksum)
 };
+static_assert(offsetof(WalRecord, epoch) == WalRecordOffset::kEpoch);
+static_assert(offsetof(WalRecord, crc) == WalRecordOffset::kCrc);
+static_assert(offsetof(WalRecord, mark) == WalRecordOffset::kMark);
 static_assert(offsetof(WalRecord, valueSize) == WalRecordOffset::kValueSize);
 static_assert(offsetof(WalRecord, deleted) == WalRecordOffset::kDeleted);
 static_assert(offsetof(WalRecord, timestamp) == WalRecordOffset::kTimestamp);

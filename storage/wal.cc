@@ -3,19 +3,23 @@
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include "base/clock.h"
 #include "base/page_size.h"
 #include "format/checksum.h"
+#include "format/crc32c.h"
 #include "kestrun/status.h"
 #include "storage/published_header.h"
 
 namespace Kestrun {
 namespace {
+
+// So many records are sorted and put into an empty index in order, which is quicker than finding each its place.
+constexpr size_t kMinBulk = 256;
 
 DataEntry EntryOf(const WalRecord& record) {
   DataEntry entry = {};
@@ -27,24 +31,43 @@ DataEntry EntryOf(const WalRecord& record) {
   return entry;
 }
 
+std::string_view View(const Key& key) {
+  return {reinterpret_cast<const char*>(key.Data()), key.Data() == nullptr ? size_t{0} : key.Size()};
+}
+
+Key ToKey(std::string_view key) {
+  return Key(reinterpret_cast<const unsigned char*>(key.data()), static_cast<unsigned short>(key.size()));
+}
+
+uint32_t EpochOf(const WalRecord& record) {
+  uint32_t epoch = 0;
+  std::memcpy(&epoch, record.epoch, sizeof(epoch));
+  return epoch;
+}
+
+std::string_view KeyAt(const LogBytes& log, uint64_t offset, const WalRecord& record) {
+  return {reinterpret_cast<const char*>(log.base + offset + sizeof(record)), record.keySize};
+}
+
 }  // namespace
 
 void WalSharedState::AfterFork() {
   ReinitAfterFork(replayMutex);
 }
 
-// A walk over the index keeps the table that it walks: it is replaced then, not emptied.
+// A walk or a snapshot keeps the filling that it looks at: a new one takes its place then.
 void WalSharedState::Clear() {
-  if (index.use_count() == 1) {
-    index->clear();
+  if (filling.use_count() == 1) {
+    filling->index.Clear();
+    filling->hasEpoch = false;
+    filling->copy.reset();
+  } else if (spare != nullptr) {
+    filling = std::move(spare);
+    spare.reset();
   } else {
-    index = std::make_shared<MemTable<DataEntry>>();
+    filling = std::make_shared<LogFilling>();
   }
-  replayedEnd = kWalFirstRecord;
-  end = kWalFirstRecord;
-  first.bytes.clear();
-  last.bytes.clear();
-  needsFullReplay = false;
+  staleness.OnCleared();
 }
 
 uint32_t Wal::Insert(const Key& key, uint32_t ttl, const void* value, uint32_t valueSize) {
@@ -55,63 +78,108 @@ uint32_t Wal::Delete(const Key& key) {
   return Append(key, 0, nullptr, 0, true);
 }
 
-// Catches up, so that what others wrote before enters the index before this entry; checks that the record
-// fits; indexes it, the only step that can fail; stores its bytes; and publishes them last, so that a process
-// killed on the way leaves no half record.
+// Catches up, so that what others wrote before enters the index before this entry; checks that the record fits; indexes
+// it, the only step that can fail; stores its bytes; and publishes them last, so that a process killed on the way
+// leaves no half record.
 uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t valueSize, bool deleted) {
-  const uint16_t keySize = key.Data() == nullptr ? static_cast<uint16_t>(0) : key.Size();
-  if (keySize == 0) {
-    std::printf("Invalid key");
+  const std::string_view keyBytes = View(key);
+  if (keyBytes.empty()) {
+    diagnostics_.Print("Invalid key");
     return kStatusInvalid;
   }
   WalHeader header;
   if (!ReadHeader(&header) || header.used < WalHeaderOffset::kEnd) {
-    std::printf("Invalid wal checksum");
-    std::puts("Failed to reserve write space");
+    diagnostics_.Print("Invalid wal checksum");
+    diagnostics_.Print("Failed to reserve write space\n");
     return kStatusWalChecksum;
   }
   CatchUp(header);
   const uint32_t offset = header.used;
-  const uint64_t end = uint64_t{offset} + sizeof(WalRecord) + keySize + valueSize;
-  if (end > capacity_) {
-    std::printf("Wal is full");
-    std::puts("Failed to reserve write space");
+  const uint64_t end = uint64_t{offset} + sizeof(WalRecord) + keyBytes.size() + valueSize;
+  if (!HasRoom(end)) {
+    diagnostics_.Print("Wal is full");
+    diagnostics_.Print("Failed to reserve write space\n");
     return kStatusWalFull;
   }
 
   WalRecord record = {};
-  record.valueOffset = offset + static_cast<uint32_t>(sizeof(WalRecord)) + keySize;
+  record.valueOffset = static_cast<uint32_t>(offset + sizeof(WalRecord) + keyBytes.size());
   record.valueSize = valueSize;
   record.deleted = deleted ? 1 : 0;
   record.timestamp = NowSeconds();
   record.ttl = ttl;
-  record.keySize = keySize;
+  record.keySize = static_cast<uint16_t>(keyBytes.size());
   record.checksum = StoreChecksum(&record, WalRecordOffset::kChecksum);
-  state_->index->insert_or_assign(key, EntryOf(record));
+  state_->filling->index.Insert(keyBytes, {offset, EntryOf(record)});
 
-  if (state_->replayedEnd < offset) InvalidateRecord(state_->replayedEnd, offset);
+  InvalidateRecord(state_->staleness.ReplayedEnd(), offset);
   std::memcpy(base_ + offset, &record, sizeof(record));
-  std::memcpy(base_ + offset + sizeof(record), key.Data(), keySize);
+  std::memcpy(base_ + offset + sizeof(record), keyBytes.data(), keyBytes.size());
   if (valueSize != 0) std::memcpy(base_ + record.valueOffset, value, valueSize);
   PublishUsed(header, static_cast<uint32_t>(end));
-
-  state_->end = static_cast<uint32_t>(end);
-  // Behind a damaged record, where replay has stopped, the offset stays.
-  if (state_->replayedEnd == offset) {
-    SaveFingerprints(offset, offset);
-    state_->replayedEnd = static_cast<uint32_t>(end);
-  }
+  state_->staleness.OnAppended(Bytes(), offset, offset, static_cast<uint32_t>(end));
   return kStatusOk;
+}
+
+// As Append; what can fail is the room in the index.
+uint32_t Wal::AppendBatch(std::string_view records, size_t count) {
+  WalHeader header;
+  if (!ReadHeader(&header) || header.used < WalHeaderOffset::kEnd) return kStatusWalChecksum;
+  CatchUp(header);
+  const uint32_t begin = header.used;
+  const uint64_t end = uint64_t{begin} + records.size();
+  if (!HasRoom(end)) return kStatusWalFull;
+  LogFilling& filling = *state_->filling;
+  filling.index.Reserve(count, records.size());
+  ChooseEpoch();
+
+  const uint64_t now = NowSeconds();
+  InvalidateRecord(state_->staleness.ReplayedEnd(), begin);
+  uint32_t last = begin;
+  for (size_t position = 0; position < records.size();) {
+    const auto offset = static_cast<uint32_t>(begin + position);
+    WalRecord record;
+    std::memcpy(&record, records.data() + position, sizeof(record));
+    const size_t contentSize = size_t{record.keySize} + record.valueSize;
+    const char* content = records.data() + position + sizeof(record);
+    record.valueOffset = static_cast<uint32_t>(offset + sizeof(record) + record.keySize);
+    record.timestamp = now;
+    record.mark = kChecksummedMark;
+    record.crc = Crc32c(content, contentSize);
+    std::memcpy(record.epoch, &filling.epoch, sizeof(record.epoch));
+    record.checksum = StoreChecksum(&record, WalRecordOffset::kChecksum);
+    std::memcpy(base_ + offset, &record, sizeof(record));
+    std::memcpy(base_ + offset + sizeof(record), content, contentSize);
+    filling.index.Insert({content, record.keySize}, {offset, EntryOf(record)});
+    last = offset;
+    position += sizeof(record) + contentSize;
+  }
+  PublishUsed(header, static_cast<uint32_t>(end));
+  state_->staleness.OnAppended(Bytes(), begin, last, static_cast<uint32_t>(end));
+  return kStatusOk;
+}
+
+// All marked records of a filling have the same epoch, and no two fillings have: what an earlier one left in the file
+// never passes for a record of this one. The clock tells them apart, because a reset takes more than a microsecond.
+void Wal::ChooseEpoch() {
+  LogFilling& filling = *state_->filling;
+  if (filling.hasEpoch) return;
+  filling.epoch = static_cast<uint32_t>(NowMicroseconds());
+  WalRecord stale;
+  std::memcpy(&stale, base_ + kWalFirstRecord,
+              capacity_ < kWalFirstRecord + sizeof(stale) ? 0 : sizeof(stale));
+  if (EpochOf(stale) == filling.epoch) ++filling.epoch;
+  filling.hasEpoch = true;
 }
 
 uint32_t Wal::Reserve(uint32_t size, uint32_t* offset) {
   WalHeader header;
   if (!ReadHeader(&header)) {
-    std::printf("Invalid wal checksum");
+    diagnostics_.Print("Invalid wal checksum");
     return kStatusWalChecksum;
   }
-  if (uint64_t{header.used} + size > capacity_) {
-    std::printf("Wal is full");
+  if (!HasRoom(uint64_t{header.used} + size)) {
+    diagnostics_.Print("Wal is full");
     return kStatusWalFull;
   }
   *offset = header.used;
@@ -119,54 +187,79 @@ uint32_t Wal::Reserve(uint32_t size, uint32_t* offset) {
   return kStatusOk;
 }
 
-void Wal::OnManifestChanges(uint64_t moves) {
-  if (state_->manifestChanges == moves) return;
-  state_->manifestChanges = moves;
-  state_->needsFullReplay = true;
-}
-
-void Wal::CatchUp() {
+bool Wal::CatchUp() {
   WalHeader header;
-  if (ReadHeader(&header)) CatchUp(header);
+  if (!ReadHeader(&header)) return false;
+  CatchUp(header);
+  return true;
 }
 
 void Wal::CatchUp(const WalHeader& header) {
   RemapIfGrown(header.used);
-  if (state_->needsFullReplay || WasResetByOtherProcess(header)) state_->Clear();
-  if (state_->replayedEnd >= header.used) return;
+  const bool indexIsEmpty = state_->filling->index.KeyCount() == 0;
+  if (state_->staleness.NeedsFullReplay(Bytes(), header.used, indexIsEmpty)) state_->Clear();
+  if (state_->staleness.ReplayedEnd() < header.used) Replay(header.used);
+}
 
+// Looks through the records first: what is not sound ends the replay, and what is sound goes into the index at once
+// when there is much of it.
+void Wal::Replay(uint32_t used) {
+  struct Found {
+    std::string_view key;
+    LogIndex::Version version;
+  };
   const std::lock_guard<std::mutex> lock(state_->replayMutex);
-  const uint32_t start = state_->replayedEnd;
+  LogFilling& filling = *state_->filling;
+  const LogBytes log = Bytes();
+  const uint64_t start = state_->staleness.ReplayedEnd();
   uint64_t offset = start;
-  uint64_t lastOffset = start;
+  uint64_t last = start;
+  bool hasEpoch = filling.hasEpoch;
+  uint32_t epoch = filling.epoch;
+  std::vector<Found> found;
   WalRecord record;
-  while (ReadRecord(offset, header.used, &record)) {
-    const Key key(base_ + offset + sizeof(record), record.keySize);
-    state_->index->insert_or_assign(key, EntryOf(record));
-    lastOffset = offset;
+  while (log.ReadRecord(offset, used, &record) && IsContentSound(offset, record, &hasEpoch, &epoch)) {
+    found.push_back({KeyAt(log, offset, record), {static_cast<uint32_t>(offset), EntryOf(record)}});
+    last = offset;
     offset += sizeof(record) + record.keySize + uint64_t{record.valueSize};
   }
   if (offset == start) return;
-  SaveFingerprints(start, static_cast<uint32_t>(lastOffset));
-  state_->replayedEnd = static_cast<uint32_t>(offset);
-  state_->end = std::max(state_->end, state_->replayedEnd);
+
+  if (found.size() >= kMinBulk && filling.index.KeyCount() == 0) {
+    std::sort(found.begin(), found.end(), [](const Found& left, const Found& right) {
+      const int order = left.key.compare(right.key);
+      return order != 0 ? order < 0 : left.version.offset > right.version.offset;
+    });
+    // Nobody can ask for the state before this replay: the newest version of each key is enough.
+    found.erase(std::unique(found.begin(), found.end(),
+                            [](const Found& left, const Found& right) { return left.key == right.key; }),
+                found.end());
+  }
+  size_t keyBytes = 0;
+  for (const Found& one : found) keyBytes += one.key.size();
+  filling.index.Reserve(found.size(), keyBytes);
+  for (const Found& one : found) filling.index.Insert(one.key, one.version);
+  filling.hasEpoch = hasEpoch;
+  filling.epoch = epoch;
+  state_->staleness.OnReplayed(log, static_cast<uint32_t>(last), static_cast<uint32_t>(offset));
 }
 
-// A sound record lies between `offset` and the end of the used area. One that reaches beyond is not followed:
-// what is appended next would lie inside it and never be replayed.
-bool Wal::ReadRecord(uint64_t offset, uint64_t used, WalRecord* record) const {
-  const uint64_t limit = used < capacity_ ? used : capacity_;
-  if (offset + sizeof(WalRecord) >= limit) return false;
-  std::memcpy(record, base_ + offset, sizeof(WalRecord));
-  if (StoreChecksum(record, WalRecordOffset::kChecksum) != record->checksum || record->keySize == 0)
+// What a marked record promises of its content. `*epoch` is that of the marked records before it.
+bool Wal::IsContentSound(uint64_t offset, const WalRecord& record, bool* hasEpoch, uint32_t* epoch) const {
+  if (record.mark != kChecksummedMark) return true;
+  if (*hasEpoch && EpochOf(record) != *epoch) return false;
+  if (Crc32c(base_ + offset + sizeof(record), size_t{record.keySize} + record.valueSize) != record.crc)
     return false;
-  return offset + sizeof(WalRecord) + record->keySize + record->valueSize <= limit;
+  *hasEpoch = true;
+  *epoch = EpochOf(record);
+  return true;
 }
 
-// Where replay has stopped, the next append can make a record fit into the used area that did not fit before:
-// an old one whose neighbours were lost with the power. Its key would get a value that lies inside newer
-// records, and they would never be replayed. So what stopped the replay is made to stop it for good.
+// Where replay has stopped, the next append can make a record fit into the used area that did not fit before: an old
+// one whose neighbours were lost with the power. Its key would get a value that lies inside newer records, and they
+// would never be replayed. So what stopped the replay is made to stop it for good.
 void Wal::InvalidateRecord(uint32_t offset, uint32_t used) {
+  if (offset >= used) return;
   WalRecord record;
   if (uint64_t{offset} + sizeof(record) > used) return;  // is overwritten by what is appended
   std::memcpy(&record, base_ + offset, sizeof(record));
@@ -174,61 +267,29 @@ void Wal::InvalidateRecord(uint32_t offset, uint32_t used) {
   base_[offset + WalRecordOffset::kChecksum] ^= 0xFF;
 }
 
-bool Wal::WasResetByOtherProcess(const WalHeader& header) const {
-  if (header.used < state_->end) return true;
-  if (state_->replayedEnd == kWalFirstRecord) {
-    // Entries without a replay come from appends behind a damaged first record. It does not heal by itself.
-    WalRecord record;
-    return !state_->index->empty() && ReadRecord(kWalFirstRecord, header.used, &record);
-  }
-  return WasReplaced(state_->first, header.used) || WasReplaced(state_->last, header.used);
-}
-
-// A record that is merely damaged now is not another record: its entry stays.
-bool Wal::WasReplaced(const WalSharedState::RecordFingerprint& seen, uint32_t used) const {
-  if (uint64_t{seen.offset} + seen.bytes.size() > capacity_) return true;
-  if (std::memcmp(base_ + seen.offset, seen.bytes.data(), seen.bytes.size()) == 0) return false;
-  WalRecord record;
-  return ReadRecord(seen.offset, used, &record);
-}
-
-void Wal::SaveFingerprints(uint32_t firstOffset, uint32_t lastOffset) {
-  if (firstOffset == kWalFirstRecord) CopyRecordTo(firstOffset, &state_->first);
-  CopyRecordTo(lastOffset, &state_->last);
-}
-
-void Wal::CopyRecordTo(uint32_t offset, WalSharedState::RecordFingerprint* seen) const {
-  WalRecord record;
-  std::memcpy(&record, base_ + offset, sizeof(record));
-  seen->bytes.assign(reinterpret_cast<const char*>(base_ + offset), sizeof(record) + record.keySize);
-  seen->offset = offset;
-}
-
 bool Wal::Lookup(const Key& key, DataEntry* entry) {
-  CatchUp();
-  auto found = state_->index->find(key);
-  if (found != state_->index->end() && IsStale(key, found->second)) {
-    state_->needsFullReplay = true;
-    CatchUp();
-    found = state_->index->find(key);
-  }
-  if (found == state_->index->end()) return false;
-  *entry = found->second;
+  LogIndex::Version version;
+  if (!Lookup(View(key), &version)) return false;
+  *entry = version.entry;
   return true;
 }
 
-// Whether another record stands where the index says that this entry's record is: the log was emptied
-// elsewhere and filled again with a first and a last record like those of before.
-bool Wal::IsStale(const Key& key, const DataEntry& entry) const {
-  const uint64_t headSize = sizeof(WalRecord) + key.Size();
+bool Wal::Lookup(std::string_view key, LogIndex::Version* version) {
   WalHeader header;
-  WalRecord record;
-  if (entry.valueOffset < headSize || !ReadHeader(&header)) return false;
-  const uint64_t offset = entry.valueOffset - headSize;
-  if (offset < kWalFirstRecord || !ReadRecord(offset, header.used, &record)) return false;
-  return record.valueOffset != entry.valueOffset || record.valueSize != entry.valueSize ||
-         record.timestamp != entry.timestamp || record.keySize != key.Size() ||
-         std::memcmp(base_ + offset + sizeof(record), key.Data(), key.Size()) != 0;
+  const bool hasHeader = ReadHeader(&header);
+  if (hasHeader) CatchUp(header);
+  if (!state_->filling->index.Find(key, LogIndex::kNoLimit, version)) return false;
+  if (!hasHeader) return true;
+
+  WalRecord indexed = {};
+  indexed.valueOffset = version->entry.valueOffset;
+  indexed.valueSize = version->entry.valueSize;
+  indexed.timestamp = version->entry.timestamp;
+  indexed.keySize = static_cast<uint16_t>(key.size());
+  if (!LogStaleness::IsReplaced(Bytes(), header.used, version->offset, indexed, key.data())) return true;
+  state_->staleness.RequireFullReplay();
+  CatchUp();
+  return state_->filling->index.Find(key, LogIndex::kNoLimit, version);
 }
 
 uint32_t Wal::ReadValue(const DataEntry& entry, void** value) {
@@ -243,7 +304,7 @@ uint32_t Wal::ReadValue(const DataEntry& entry, void** value) {
 
 const uint8_t* Wal::ViewValue(const DataEntry& entry) {
   if (uint64_t{entry.valueOffset} + entry.valueSize > capacity_) {
-    std::printf("wal boundary verification failed");
+    diagnostics_.Print("wal boundary verification failed");
     return nullptr;
   }
   return base_ + entry.valueOffset;
@@ -252,32 +313,66 @@ const uint8_t* Wal::ViewValue(const DataEntry& entry) {
 void Wal::Enumerate(const Key& from, const Key& to, const std::function<bool(const Key&)>& visit) {
   if (!visit) return;
   CatchUp();
-  std::shared_ptr<MemTable<DataEntry>> table = state_->index;
-  auto position = table->lower_bound(from);
-  while (position != table->end() && position->first < to) {
-    if (visit(position->first)) return;
-    if (table == state_->index) {
-      ++position;
-    } else {
-      const std::shared_ptr<MemTable<DataEntry>> current = state_->index;
-      position = current->upper_bound(position->first);
-      table = current;
+  std::shared_ptr<LogFilling> filling = state_->filling;
+  LogIndex::Iterator position(filling->index);
+  for (position.Seek(View(from)); position.Valid();) {
+    const Key key = ToKey(position.Key());
+    if (!(key < to) || visit(key)) return;
+    if (filling != state_->filling) {
+      filling = state_->filling;
+      position = LogIndex::Iterator(filling->index);
+      position.Seek(View(key));
+      if (!position.Valid() || position.Key() != View(key)) continue;
     }
+    position.Next();
   }
 }
 
 void Wal::ForEachEntry(const Key& from, const Key& to,
                        const std::function<bool(const Key&, const DataEntry&)>& visit) {
   CatchUp();
-  for (auto position = state_->index->lower_bound(from);
-       position != state_->index->end() && position->first < to; ++position) {
-    if (visit(position->first, position->second)) return;
+  LogIndex::Iterator position(state_->filling->index);
+  for (position.Seek(View(from)); position.Valid(); position.Next()) {
+    const Key key = ToKey(position.Key());
+    if (!(key < to) || visit(key, position.Get().entry)) return;
   }
+}
+
+uint32_t Wal::TakeView(LogView* view) {
+  WalHeader header;
+  if (!ReadHeader(&header)) return kStatusWalChecksum;
+  CatchUp(header);
+  LogFilling& filling = *state_->filling;
+  if (filling.index.KeyCount() == 0) {
+    *view = {state_->filling, nullptr, kWalFirstRecord};
+    return kStatusOk;
+  }
+  const uint32_t end = std::min(header.used, capacity_);
+  if (filling.copy == nullptr || filling.copy->Capacity() < end) {
+    filling.copy = LogCopy::Create(capacity_);
+    if (filling.copy == nullptr) return kStatusNoMemory;
+  }
+  filling.copy->Extend(base_, end);
+  *view = {state_->filling, filling.copy, end};
+  return kStatusOk;
+}
+
+uint32_t Wal::Used() const {
+  WalHeader header;
+  return ReadHeader(&header) ? header.used : 0;
+}
+
+void Wal::PrepareReset() {
+  if (state_->spare == nullptr) state_->spare = std::make_shared<LogFilling>();
 }
 
 void Wal::SyncFirstPage() {
   const uint64_t page = PageSize();
   IgnoreStatus(msync(base_, page < capacity_ ? page : capacity_, MS_SYNC));  // see the header
+}
+
+bool Wal::SyncUsed() {
+  return file_->Sync() == 0;
 }
 
 bool Wal::ReadHeader(WalHeader* header) const {
@@ -291,17 +386,31 @@ void Wal::PublishUsed(WalHeader header, uint32_t used) {
   StoreHeaderAtomically(base_, &header);
 }
 
+bool Wal::HasRoom(uint64_t end) {
+  if (end > capacity_) RemapIfGrown(end);
+  return end <= capacity_;
+}
+
 // Another process may have made the log longer than this mapping.
-void Wal::RemapIfGrown(uint32_t used) {
-  if (used <= capacity_) return;
+void Wal::RemapIfGrown(uint64_t needed) {
+  if (needed <= capacity_) return;
   uint64_t size = 0;
   if (file_->Size(&size) != 0 || size <= capacity_ || size > std::numeric_limits<uint32_t>::max()) return;
   void* base = file_->Map(static_cast<uint32_t>(size), 0, 0);
   if (base == nullptr) return;
   file_->TrackMapping(base, static_cast<uint32_t>(size));
-  IgnoreStatus(file_->Unmap(base_));  // an adopted mapping, so nothing can be wrong with it
+  IgnoreStatus(file_->Unmap(base_));  // a tracked mapping, so nothing can be wrong with it
   base_ = static_cast<uint8_t*>(base);
   capacity_ = static_cast<uint32_t>(size);
+}
+
+// Space first, so that a full disk leaves what there is.
+uint32_t Wal::Grow(uint32_t size) {
+  RemapIfGrown(size);
+  if (capacity_ >= size) return kStatusOk;
+  if (!file_->Reserve(size) || file_->Truncate(size) != 0) return kStatusCreateFailed;
+  RemapIfGrown(size);
+  return capacity_ >= size ? kStatusOk : kStatusMapFailed;
 }
 
 }  // namespace Kestrun

@@ -53,7 +53,8 @@ uint32_t GrowTo(OsFile& file, uint32_t walSize, uint64_t* size, bool* madeAnew) 
 
 // A missing log is born complete. What exists is opened, checked for its length, given its disk space, mapped
 // and verified, in this order; the index that the process has for the file starts over when the log is new.
-uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out) {
+uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
+                   const Diagnostics& diagnostics) {
   bool madeAnew = false;
   if (config.walSize > kWalFirstRecord && access(path.c_str(), F_OK) != 0) {
     const WalHeader header = EmptyLogHeader();
@@ -64,13 +65,13 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out)
   std::shared_ptr<OsFile> file;
   if (OsFile::Open(path, kOpenReadWrite, &file) != kStatusOk) return kStatusWalOpenFailed;
   if (config.walSize <= kWalFirstRecord) {
-    std::printf("invalid wal size: %s", path.c_str());
+    diagnostics.Printf("invalid wal size: %s", path.c_str());
     return kStatusInvalid;
   }
 
   uint64_t size = 0;
   if (file->Size(&size) != 0) {
-    std::printf("Failed to get file size: %s", path.c_str());
+    diagnostics.Printf("Failed to get file size: %s", path.c_str());
     return kStatusOk;
   }
   // From here on no other thread of this process may look at the log while it is being made.
@@ -82,19 +83,19 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out)
       return status;
   } else if (mappable && !file->Reserve(size)) {
     if (madeAnew) return kStatusCreateFailed;
-    std::printf("Failed to map wal: %s", path.c_str());
+    diagnostics.Printf("Failed to map wal: %s", path.c_str());
     return kStatusOk;
   }
 
   void* base = mappable ? file->Map(static_cast<uint32_t>(size), 0, 0) : nullptr;
   if (base == nullptr) {
-    std::printf("Failed to map wal: %s", path.c_str());
+    diagnostics.Printf("Failed to map wal: %s", path.c_str());
     return kStatusOk;
   }
   file->TrackMapping(base, static_cast<uint32_t>(size));
 
-  std::unique_ptr<Wal> wal(
-      new Wal(file, static_cast<uint8_t*>(base), static_cast<uint32_t>(size), config.walOptions));
+  std::unique_ptr<Wal> wal(new Wal(file, static_cast<uint8_t*>(base), static_cast<uint32_t>(size),
+                                   config.walOptions, diagnostics));
   uint32_t status = kStatusOk;
   if (!wal->VerifyAtOpen(&status)) return status;
   wal->state_ = InodeRegistry<WalSharedState>::FindOrCreate(file->Id(), [](WalSharedState&) {});
@@ -104,8 +105,14 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out)
   return kStatusOk;
 }
 
-Wal::Wal(std::shared_ptr<OsFile> file, uint8_t* base, uint32_t capacity, uint16_t walOptions)
-    : file_(std::move(file)), base_(base), state_(nullptr), capacity_(capacity), walOptions_(walOptions) {}
+Wal::Wal(std::shared_ptr<OsFile> file, uint8_t* base, uint32_t capacity, uint16_t walOptions,
+         const Diagnostics& diagnostics)
+    : file_(std::move(file)),
+      base_(base),
+      state_(nullptr),
+      capacity_(capacity),
+      walOptions_(walOptions),
+      diagnostics_(diagnostics) {}
 
 Wal::~Wal() = default;
 
@@ -119,12 +126,12 @@ bool Wal::VerifyAtOpen(uint32_t* status) const {
     sound = ReadHeader(&header);
   }
   if (!sound) {
-    std::printf("Invalid wal checksum");
+    diagnostics_.Print("Invalid wal checksum");
     *status = kStatusWalChecksum;
     return false;
   }
   if (std::memcmp(header.magic, kFileMagic, kMagicSize) != 0) {
-    std::printf("Invalid wal magic");
+    diagnostics_.Print("Invalid wal magic");
     *status = kStatusBadMagic;
     return false;
   }

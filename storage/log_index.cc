@@ -1,0 +1,294 @@
+#include "storage/log_index.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace Kestrun {
+namespace {
+
+constexpr size_t kMinChunk = 64 * 1024;
+constexpr size_t kMaxChunk = 1024 * 1024;
+constexpr size_t kNodeAlignment = 8;
+
+// The first eight bytes of a key as a number that orders as the bytes do; missing bytes count as zero.
+uint64_t PrefixOf(std::string_view key) {
+  uint64_t prefix = 0;
+  if (key.size() >= sizeof(prefix)) {
+    std::memcpy(&prefix, key.data(), sizeof(prefix));
+  } else {
+    // Byte by byte: a copy of a length that is not known costs a call.
+    uint8_t padded[sizeof(prefix)] = {};
+    for (size_t i = 0; i < key.size(); ++i) padded[i] = static_cast<uint8_t>(key[i]);
+    std::memcpy(&prefix, padded, sizeof(prefix));
+  }
+  return __builtin_bswap64(prefix);
+}
+
+}  // namespace
+
+// The keys' bytes follow the `height` links.
+struct LogIndex::Node {
+  uint64_t prefix;
+  uint64_t timestamp;
+  uint32_t offset;
+  uint32_t valueOffset;
+  uint32_t valueSize;
+  uint32_t ttl;
+  uint16_t keySize;
+  uint8_t height;
+  bool deleted;
+  std::atomic<Node*> links[1];
+
+  Node* Next(int level) const { return links[level].load(std::memory_order_acquire); }
+};
+
+namespace {
+
+constexpr size_t AlignedSize(size_t size) {
+  return (size + kNodeAlignment - 1) / kNodeAlignment * kNodeAlignment;
+}
+
+}  // namespace
+
+// Chunks that are too small for what comes next are passed over until the arena is cleared.
+void LogIndex::Arena::Reserve(size_t size) {
+  if (!chunks_.empty() && chunks_[current_].size - used_ >= size) return;
+  size_t next = chunks_.empty() ? 0 : current_ + 1;
+  while (next < chunks_.size() && chunks_[next].size < size) ++next;
+  if (next == chunks_.size()) {
+    const size_t doubled = kMinChunk << std::min<size_t>(chunks_.size(), 4);
+    const size_t chunk = std::max(size, std::min(doubled, kMaxChunk));
+    chunks_.reserve(chunks_.size() + 1);
+    chunks_.push_back({std::unique_ptr<uint8_t[]>(new uint8_t[chunk]), chunk});
+  }
+  current_ = next;
+  used_ = 0;
+}
+
+void* LogIndex::Arena::Allocate(size_t size) {
+  size = AlignedSize(size);
+  Reserve(size);
+  void* memory = chunks_[current_].bytes.get() + used_;
+  used_ += size;
+  return memory;
+}
+
+void LogIndex::Arena::Clear() {
+  current_ = 0;
+  used_ = 0;
+}
+
+LogIndex::Target::Target(std::string_view wanted) : key(wanted), prefix(PrefixOf(wanted)) {}
+
+LogIndex::LogIndex() {
+  MakeHead();
+}
+
+void LogIndex::MakeHead() {
+  head_ =
+      static_cast<Node*>(arena_.Allocate(offsetof(Node, links) + kMaxHeight * sizeof(std::atomic<Node*>)));
+  for (int level = 0; level < kMaxHeight; ++level) {
+    new (&head_->links[level]) std::atomic<Node*>(nullptr);
+    last_[level] = head_;
+  }
+  head_->height = kMaxHeight;
+}
+
+void LogIndex::Clear() {
+  arena_.Clear();
+  height_.store(1, std::memory_order_relaxed);
+  keyCount_.store(0, std::memory_order_relaxed);
+  MakeHead();
+}
+
+void LogIndex::Reserve(size_t count, size_t keyBytes) {
+  const size_t largest = offsetof(Node, links) + kMaxHeight * sizeof(std::atomic<Node*>) + kNodeAlignment;
+  arena_.Reserve(count * largest + keyBytes);
+}
+
+LogIndex::~LogIndex() = default;
+
+std::string_view LogIndex::KeyOf(const Node& node) {
+  return {reinterpret_cast<const char*>(&node.links[node.height]), node.keySize};
+}
+
+// Whether `node` stands before the version `offset` of the key: a smaller key, or a newer version of the same one.
+inline bool LogIndex::IsBefore(const Node& node, const Target& target, uint32_t offset) {
+  if (node.prefix != target.prefix) return node.prefix < target.prefix;
+  const int order = KeyOf(node).compare(target.key);
+  return order != 0 ? order < 0 : node.offset > offset;
+}
+
+const LogIndex::Node* LogIndex::FirstNotBefore(const Target& target, uint32_t offset) const {
+  const Node* node = head_;
+  const Node* passed = nullptr;  // known not to be before, from the level above
+  for (int level = height_.load(std::memory_order_relaxed) - 1;; --level) {
+    const Node* next = node->Next(level);
+    while (next != nullptr && next != passed && IsBefore(*next, target, offset)) {
+      node = next;
+      next = node->Next(level);
+    }
+    if (level == 0) return next;
+    passed = next;
+  }
+}
+
+const LogIndex::Node* LogIndex::LastBefore(const Target& target, uint32_t offset) const {
+  const Node* node = head_;
+  for (int level = height_.load(std::memory_order_relaxed) - 1; level >= 0; --level) {
+    const Node* next = node->Next(level);
+    while (next != nullptr && IsBefore(*next, target, offset)) {
+      node = next;
+      next = node->Next(level);
+    }
+  }
+  return node == head_ ? nullptr : node;
+}
+
+// Fills `before` with the node after which the version belongs, on each level.
+void LogIndex::FindPlace(const Target& target, uint32_t offset, Node** before) const {
+  const int height = height_.load(std::memory_order_relaxed);
+  for (int level = height; level < kMaxHeight; ++level) before[level] = head_;
+  if (last_[0] != head_ && IsBefore(*last_[0], target, offset)) {
+    std::copy(last_, last_ + height, before);
+    return;
+  }
+  Node* node = head_;
+  const Node* passed = nullptr;
+  for (int level = height - 1; level >= 0; --level) {
+    Node* next = node->Next(level);
+    while (next != nullptr && next != passed && IsBefore(*next, target, offset)) {
+      node = next;
+      next = node->Next(level);
+    }
+    before[level] = node;
+    passed = next;
+  }
+}
+
+// One node in four has a second level, one in sixteen a third.
+int LogIndex::DrawHeight() {
+  random_ ^= random_ << 13;
+  random_ ^= random_ >> 17;
+  random_ ^= random_ << 5;
+  return std::min(1 + __builtin_ctz(random_ | (1u << 24)) / 2, kMaxHeight);
+}
+
+void LogIndex::Insert(std::string_view key, const Version& version) {
+  const Target target(key);
+  Node* before[kMaxHeight];
+  FindPlace(target, version.offset, before);
+  const Node* older = before[0]->Next(0);
+  const bool isKnownKey = older != nullptr && older->prefix == target.prefix && KeyOf(*older) == key;
+  if (isKnownKey && older->offset == version.offset) return;
+  // A version older than one that is there: the key may stand before the place only.
+  const bool hasNewer = !isKnownKey && before[0] != head_ && KeyOf(*before[0]) == key;
+
+  const int height = DrawHeight();
+  auto* node = static_cast<Node*>(arena_.Allocate(
+      offsetof(Node, links) + static_cast<size_t>(height) * sizeof(std::atomic<Node*>) + key.size()));
+  node->prefix = target.prefix;
+  node->timestamp = version.entry.timestamp;
+  node->offset = version.offset;
+  node->valueOffset = version.entry.valueOffset;
+  node->valueSize = version.entry.valueSize;
+  node->ttl = version.entry.ttl;
+  node->keySize = static_cast<uint16_t>(key.size());
+  node->height = static_cast<uint8_t>(height);
+  node->deleted = version.entry.deleted;
+  for (int level = 0; level < height; ++level) {
+    new (&node->links[level]) std::atomic<Node*>(before[level]->Next(level));
+  }
+  std::memcpy(static_cast<void*>(&node->links[height]), key.data(), key.size());
+
+  if (height > height_.load(std::memory_order_relaxed)) height_.store(height, std::memory_order_relaxed);
+  // From the bottom up: whoever finds the node on one level finds it on those below.
+  for (int level = 0; level < height; ++level) {
+    before[level]->links[level].store(node, std::memory_order_release);
+    if (before[level] == last_[level]) last_[level] = node;
+  }
+  if (!isKnownKey && !hasNewer) keyCount_.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool LogIndex::Find(std::string_view key, uint32_t limit, Version* version) const {
+  if (limit == 0) return false;
+  const Target target(key);
+  const Node* node = FirstNotBefore(target, limit - 1);
+  if (node == nullptr || node->prefix != target.prefix || KeyOf(*node) != key) return false;
+  *version = {node->offset, {node->valueOffset, node->valueSize, node->deleted, node->timestamp, node->ttl}};
+  return true;
+}
+
+// Versions from the limit on are newer than what is looked at: they stand before the one that counts, and a key may
+// have none that does.
+void LogIndex::Iterator::SkipHidden() {
+  while (node_ != nullptr && node_->offset >= limit_) node_ = node_->Next(0);
+}
+
+// Stands on the newest version before the limit of the key that `node`, itself before the limit, belongs to.
+void LogIndex::Iterator::TakeKeyOf(const Node* node) {
+  node_ = index_->FirstNotBefore(Target(KeyOf(*node)), limit_ - 1);
+}
+
+void LogIndex::Iterator::SeekToFirst() {
+  node_ = index_->head_->Next(0);
+  SkipHidden();
+}
+
+void LogIndex::Iterator::Seek(std::string_view key) {
+  node_ = index_->FirstNotBefore(Target(key), kNoLimit);
+  SkipHidden();
+}
+
+void LogIndex::Iterator::Next() {
+  const Node* key = node_;
+  do {
+    node_ = node_->Next(0);
+    SkipHidden();
+  } while (node_ != nullptr && node_->prefix == key->prefix && KeyOf(*node_) == KeyOf(*key));
+}
+
+void LogIndex::Iterator::Prev() {
+  // Before the newest version of this key stands the oldest one of the key before it.
+  const Node* node = index_->LastBefore(Target(KeyOf(*node_)), kNoLimit);
+  while (node != nullptr && node->offset >= limit_) {
+    node = index_->LastBefore(Target(KeyOf(*node)), node->offset);
+  }
+  node_ = nullptr;
+  if (node != nullptr) TakeKeyOf(node);
+}
+
+void LogIndex::Iterator::SeekToLast() {
+  const Node* node = index_->head_;
+  for (int level = index_->height_.load(std::memory_order_relaxed) - 1; level >= 0; --level) {
+    while (const Node* next = node->Next(level)) node = next;
+  }
+  if (node == index_->head_) node = nullptr;
+  while (node != nullptr && node->offset >= limit_) {
+    node = index_->LastBefore(Target(KeyOf(*node)), node->offset);
+  }
+  node_ = nullptr;
+  if (node != nullptr) TakeKeyOf(node);
+}
+
+void LogIndex::Iterator::SeekForPrev(std::string_view key) {
+  // Offset 0 belongs to no record: everything of this key stands before it.
+  const Node* node = index_->LastBefore(Target(key), 0);
+  while (node != nullptr && node->offset >= limit_) {
+    node = index_->LastBefore(Target(KeyOf(*node)), node->offset);
+  }
+  node_ = nullptr;
+  if (node != nullptr) TakeKeyOf(node);
+}
+
+std::string_view LogIndex::Iterator::Key() const {
+  return KeyOf(*node_);
+}
+
+LogIndex::Version LogIndex::Iterator::Get() const {
+  return {node_->offset,
+          {node_->valueOffset, node_->valueSize, node_->deleted, node_->timestamp, node_->ttl}};
+}
+
+}  // namespace Kestrun

@@ -1,0 +1,122 @@
+// storage/log_index.h: the ordered index of one filling of the log: which record holds which key.
+//
+// A skip list of versions. A version is one record; its offset in the log is its version number, because a log only
+// grows until it is reset. Versions of one key stand newest first, so that a reader who goes by the first `limit` bytes
+// of the log finds the state of the moment when the log was that long. Nothing is ever taken out: a reset of the log
+// begins a new index.
+//
+// Ownership: an index owns copies of its keys; nothing in it points into the log.
+// Threads:   one thread at a time may call Insert. All else may run beside it, and from any number of threads: a version
+//            becomes visible with the store of one pointer.
+// Failure:   Insert may throw std::bad_alloc and has changed nothing then.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "kestrun/data_entry.h"
+
+namespace Kestrun {
+
+class LogIndex {
+ public:
+  // One record of the log.
+  struct Version {
+    uint32_t offset;  // of the record; what its valueOffset says need not lie behind it
+    DataEntry entry;
+  };
+
+  // Every version, however the log grows.
+  static constexpr uint32_t kNoLimit = 0xFFFFFFFF;
+
+  LogIndex();
+  ~LogIndex();
+  LogIndex(const LogIndex&) = delete;
+  LogIndex& operator=(const LogIndex&) = delete;
+
+  // Makes room, so that the next calls of Insert for `count` keys of `keyBytes` bytes together can't fail.
+  void Reserve(size_t count, size_t keyBytes);
+  // Adds a record. One at an offset that the key has already replaces nothing and is not added again.
+  void Insert(std::string_view key, const Version& version);
+  // Empties the index and keeps its memory. Nobody else may be looking at it.
+  void Clear();
+
+  // The newest version of `key` before the offset `limit`; false when there is none.
+  bool Find(std::string_view key, uint32_t limit, Version* version) const;
+
+  // The number of different keys.
+  size_t KeyCount() const { return keyCount_.load(std::memory_order_relaxed); }
+
+ private:
+  static constexpr int kMaxHeight = 12;
+
+  struct Node;
+  // Memory that is handed out forward and taken back as a whole.
+  class Arena {
+   public:
+    void Reserve(size_t size);
+    void* Allocate(size_t size);
+    void Clear();
+
+   private:
+    struct Chunk {
+      std::unique_ptr<uint8_t[]> bytes;
+      size_t size;
+    };
+    std::vector<Chunk> chunks_;
+    size_t current_ = 0;  // the chunk that is handed out; those after it are empty
+    size_t used_ = 0;     // bytes of it
+  };
+  // What a search looks for, taken apart once.
+  struct Target {
+    explicit Target(std::string_view key);
+    std::string_view key;
+    uint64_t prefix;
+  };
+
+  static bool IsBefore(const Node& node, const Target& target, uint32_t offset);
+  static std::string_view KeyOf(const Node& node);
+  const Node* FirstNotBefore(const Target& target, uint32_t offset) const;
+  const Node* LastBefore(const Target& target, uint32_t offset) const;
+  void FindPlace(const Target& target, uint32_t offset, Node** before) const;
+  void MakeHead();
+  int DrawHeight();
+
+  Arena arena_;
+  Node* head_;
+  std::atomic<int> height_{1};
+  std::atomic<size_t> keyCount_{0};
+  Node* last_[kMaxHeight];  // the last node of each level, for keys that come in ascending order
+  uint32_t random_ = 0x2545F491;
+
+ public:
+  // Walks the keys in order, each at its newest version before `limit`. The index must outlive it.
+  class Iterator {
+   public:
+    explicit Iterator(const LogIndex& index, uint32_t limit = kNoLimit) : index_(&index), limit_(limit) {}
+
+    bool Valid() const { return node_ != nullptr; }
+    void SeekToFirst();
+    void SeekToLast();
+    void Seek(std::string_view key);         // the first key that is not before `key`
+    void SeekForPrev(std::string_view key);  // the last key that is not after `key`
+    void Next();
+    void Prev();
+    std::string_view Key() const;
+    Version Get() const;
+
+   private:
+    void SkipHidden();
+    void TakeKeyOf(const Node* node);
+
+    const LogIndex* index_;
+    uint32_t limit_;
+    const Node* node_ = nullptr;
+  };
+};
+
+}  // namespace Kestrun
