@@ -37,6 +37,13 @@ Block::Block(std::shared_ptr<OsFile> file, std::vector<IndexedEntry> entries)
 uint32_t Block::Load(const std::string& path, Block** out) {
   std::shared_ptr<OsFile> file;
   if (const uint32_t status = OsFile::Open(path, kOpenReadOnly, &file); status != kStatusOk) return status;
+  std::shared_ptr<Block> block;
+  if (const uint32_t status = LoadFrom(std::move(file), &block); status != kStatusOk) return status;
+  *out = new Block(std::move(block->file_), std::move(block->entries_));
+  return kStatusOk;
+}
+
+uint32_t Block::LoadFrom(std::shared_ptr<OsFile> file, std::shared_ptr<Block>* out) {
   std::vector<IndexedEntry> entries;
   const auto take = [&entries](const BlockReader& reader) {
     // The count is believed only once an entry proves sound.
@@ -44,7 +51,7 @@ uint32_t Block::Load(const std::string& path, Block** out) {
     entries.push_back({Key(reader.KeyBytes(), reader.KeySize()), reader.Entry()});
   };
   if (const uint32_t status = ReadEntries(file, take); status != kStatusOk) return status;
-  *out = new Block(std::move(file), std::move(entries));
+  *out = std::make_shared<Block>(std::move(file), std::move(entries));
   return kStatusOk;
 }
 

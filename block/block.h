@@ -20,7 +20,14 @@
 
 namespace Kestrun {
 
+class Block;
 class Wal;
+
+// What a merge reads: a block that is loaded, from its own index and open file, or else the file at a path.
+struct BlockSource {
+  std::string path;              // not looked at when there is a block
+  std::shared_ptr<Block> block;  // may be null
+};
 
 class Block {
  public:
@@ -33,8 +40,13 @@ class Block {
   //
   // kStatusOpenFailed, kStatusStatFailed  the file can't be opened or inspected
   // kStatusBlockShortRead  the system could not read
-  // kStatusBlockCorrupt    a header is cut off, a checksum fails, or a section or key lies outside the file
+  // kStatusBlockCorrupt    a header or an entry is cut off, a checksum fails, or a key lies outside the key
+  //                        table. An entry that begins within its table counts, wherever the table ends, and
+  //                        only the padding at its end may be missing
+  // kStatusMapFailed       the size of a table is 0
   static uint32_t Load(const std::string& path, Block** out);
+  // The same for a file that is open.
+  static uint32_t LoadFrom(std::shared_ptr<OsFile> file, std::shared_ptr<Block>* out);
   // Checks a block file as Load does, without building anything.
   static uint32_t Verify(const std::string& path);
 
@@ -49,12 +61,16 @@ class Block {
   // kStatusSyncFailed        the file could not be forced to the disk
   static uint32_t WriteFromWal(const std::string& path, Wal& wal, Block** out);
 
-  // Merges the block files `sources`, oldest first, into the new block file `path`. The newest entry of each
+  // Merges `sources`, oldest first, into the new block file `path`. The newest entry of each
   // key stays, unless it is a deletion marker or has expired; keys from the byte 0xFF on are left out, and so
-  // is an entry whose value is cut off by the end of its file. An entry that expires during the merge is left
-  // out with "TTL verification failed". Statuses as WriteFromWal, except that an unwritten file header gives
+  // is an entry whose value is cut off by the end of its file. A source whose keys are out of order is sorted;
+  // of equal keys in it the last one counts. An entry that expires during the merge is left out with "TTL
+  // verification failed". Statuses as WriteFromWal, except that an unwritten file header gives
   // kStatusBlockWriteFailed, and so does a source that can't be read; an unopened file prints "Failed to open
   // destination file: PATH".
+  static uint32_t WriteFromBlocks(const std::string& path, const std::vector<BlockSource>& sources,
+                                  Block** out);
+  // The same from files.
   static uint32_t WriteFromBlocks(const std::string& path, const std::vector<std::string>& sources,
                                   Block** out);
 
@@ -62,6 +78,8 @@ class Block {
   Block(std::shared_ptr<OsFile> file, std::vector<IndexedEntry> entries);
 
   uint32_t Count() const;
+  const std::vector<IndexedEntry>& Entries() const { return entries_; }
+  const std::shared_ptr<OsFile>& File() const { return file_; }
   // Tells the block's file apart from every other one, as long as the block lives.
   const InodeId& FileId() const { return file_->Id(); }
   // Whether there is an entry for exactly this key; deletion markers and expired entries count.

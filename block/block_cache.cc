@@ -34,14 +34,7 @@ std::shared_ptr<Block> BlockCache::GetOrLoad(const std::string& name, const std:
                                              uint32_t* failure, const std::shared_ptr<const void>& owner) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (failure != nullptr) *failure = kStatusOk;
-  if (const auto found = index_.find(name); found != index_.end()) {
-    Cached& cached = *found->second;
-    if (cached.owner == owner || !IsAnotherFile(*cached.block, path)) {
-      cached.owner = owner;
-      blocks_.splice(blocks_.begin(), blocks_, found->second);
-      return cached.block;
-    }
-  }
+  if (std::shared_ptr<Block> cached = FindLocked(name, path, owner); cached != nullptr) return cached;
   Block* loaded = nullptr;
   if (const uint32_t status = Block::Load(path, &loaded); status != kStatusOk) {
     const uint32_t lasting = ClassifyLoadFailure(status, path);
@@ -53,19 +46,36 @@ std::shared_ptr<Block> BlockCache::GetOrLoad(const std::string& name, const std:
   return block;
 }
 
-bool BlockCache::Check(const std::string& name, const std::string& path, uint32_t* failure) {
+std::shared_ptr<Block> BlockCache::Find(const std::string& name, const std::string& path,
+                                        const std::shared_ptr<const void>& owner) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return FindLocked(name, path, owner);
+}
+
+std::shared_ptr<Block> BlockCache::FindLocked(const std::string& name, const std::string& path,
+                                              const std::shared_ptr<const void>& owner) {
+  const auto found = index_.find(name);
+  if (found == index_.end()) return nullptr;
+  Cached& cached = *found->second;
+  if (cached.owner != owner && IsAnotherFile(*cached.block, path)) return nullptr;
+  cached.owner = owner;
+  blocks_.splice(blocks_.begin(), blocks_, found->second);
+  return cached.block;
+}
+
+bool BlockCache::Check(const std::string& path, uint32_t* failure) {
   const std::lock_guard<std::mutex> lock(mutex_);
   *failure = kStatusOk;
-  if (index_.count(name) != 0 && access(path.c_str(), F_OK) == 0) return true;
   const uint32_t status = Block::Verify(path);
   if (status == kStatusOk) return true;
   *failure = ClassifyLoadFailure(status, path);
   return false;
 }
 
-void BlockCache::Put(const std::string& name, const std::shared_ptr<Block>& block) {
+void BlockCache::Put(const std::string& name, const std::shared_ptr<Block>& block,
+                     const std::shared_ptr<const void>& owner) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  Insert({name, block, nullptr});
+  Insert({name, block, owner});
 }
 
 void BlockCache::Insert(Cached cached) {

@@ -34,12 +34,16 @@ class BlockCache {
   std::shared_ptr<Block> GetOrLoad(const std::string& name, const std::string& path,
                                    uint32_t* failure = nullptr,
                                    const std::shared_ptr<const void>& owner = nullptr);
-  // Looks whether the block `name` can be read from `path`, and deletes a corrupt file as GetOrLoad does,
-  // without loading it. `*failure` as above.
-  bool Check(const std::string& name, const std::string& path, uint32_t* failure);
+  // The block `name` if GetOrLoad would not have to load it, or null.
+  std::shared_ptr<Block> Find(const std::string& name, const std::string& path,
+                              const std::shared_ptr<const void>& owner);
+  // Looks whether a block can be read from `path`, and deletes a corrupt file as GetOrLoad does, without
+  // loading it. `*failure` as above.
+  bool Check(const std::string& path, uint32_t* failure);
   // Makes `block` the most recent one, in the place of any other of that name, and evicts the one used
-  // longest ago when there are more than the capacity.
-  void Put(const std::string& name, const std::shared_ptr<Block>& block);
+  // longest ago when there are more than the capacity. `owner` as above.
+  void Put(const std::string& name, const std::shared_ptr<Block>& block,
+           const std::shared_ptr<const void>& owner = nullptr);
   // Forgets the block `name`, if it is there.
   void Erase(const std::string& name);
   // Forgets every block.
@@ -53,6 +57,8 @@ class BlockCache {
   };
   using Blocks = std::list<Cached>;
 
+  std::shared_ptr<Block> FindLocked(const std::string& name, const std::string& path,
+                                    const std::shared_ptr<const void>& owner);
   void Insert(Cached cached);
 
   std::mutex mutex_;

@@ -1,7 +1,7 @@
 // block/block_merge.h: walks several block files at once, in key order, the newest entry of each key.
 //
-// The files are read forward through windows; memory and open files stay bounded whatever their number and
-// the size of their values.
+// Files are read forward through windows; memory and open files stay bounded whatever their number and the
+// size of their values.
 //
 // Ownership: nothing is kept beyond the walk.
 // Threads:   one thread at a time.
@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "block/block.h"
 #include "block/open_file_cache.h"
 #include "kestrun/data_entry.h"
 #include "kestrun/key.h"
@@ -22,8 +23,8 @@ namespace Kestrun {
 
 class BlockMerge {
  public:
-  // `sources` are paths of block files, oldest first.
-  explicit BlockMerge(const std::vector<std::string>& sources);
+  // `sources` are oldest first. One whose keys are out of order is loaded and sorted.
+  explicit BlockMerge(const std::vector<BlockSource>& sources);
   ~BlockMerge();
   BlockMerge(const BlockMerge&) = delete;
   BlockMerge& operator=(const BlockMerge&) = delete;
@@ -31,7 +32,7 @@ class BlockMerge {
   // Stands before the first key. kStatusBlockWriteFailed, as Next.
   uint32_t Start();
   // Moves to the next key in [MinKey, MaxKey); `*end` is true when there is none. kStatusBlockWriteFailed
-  // when a source can't be read or its keys are not in order.
+  // when a source can't be read.
   uint32_t Next(bool* end);
 
   // The newest entry of the current key, until the next call of Next.
@@ -59,11 +60,13 @@ class BlockMerge {
   struct Cursor;
 
   bool ViewValue(uint64_t done, const uint8_t** bytes, size_t* size);
+  uint32_t SortUnorderedSources();
   uint32_t Advance(size_t cursor);
   bool ComesLater(size_t left, size_t right) const;
 
   OpenFileCache pool_;
   size_t windowSize_;
+  bool sorted_ = false;                           // whether SortUnorderedSources has been done
   std::vector<std::unique_ptr<Cursor>> cursors_;  // by age, oldest first
   std::vector<size_t> heap_;                      // cursors that have an entry, except the current one
   size_t current_;                                // none before the first Next and at the end

@@ -1,5 +1,6 @@
 #include "block/block_reader.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -9,6 +10,9 @@
 
 namespace Kestrun {
 namespace {
+
+// What follows an entry's checksum; where the file has lost it, it reads as zeros.
+constexpr uint64_t kEntryTail = sizeof(BlockDataEntry) - BlockDataEntryOffset::kPadding3;
 
 uint32_t ToStatus(FileWindow::Result result) {
   switch (result) {
@@ -66,15 +70,19 @@ uint32_t BlockReader::Start() {
   status = ReadSectionSize(*file, entryTableOffset_, &entryTableSize);
   if (status != kStatusOk) return status;
 
+  // The system maps no section of 0 bytes.
+  if (keyTableSize_ == 0 || entryTableSize == 0) return kStatusMapFailed;
+
+  // An entry that begins within the table counts, wherever the table ends.
   constexpr uint64_t kHeader = sizeof(SectionHeader);
-  const bool possible = keyTableSize_ >= kHeader && keyTableOffset_ + keyTableSize_ <= fileSize_ &&
-                        entryTableSize >= kHeader && entryTableOffset_ + entryTableSize <= fileSize_ &&
-                        (entryTableSize - kHeader) % sizeof(BlockDataEntry) == 0;
-  if (!possible) return kStatusBlockCorrupt;
-  entryCount_ = (entryTableSize - kHeader) / sizeof(BlockDataEntry);
+  entryCount_ = entryTableSize <= kHeader
+                    ? 0
+                    : (entryTableSize - kHeader + sizeof(BlockDataEntry) - 1) / sizeof(BlockDataEntry);
+  const uint64_t end = entryTableOffset_ + kHeader + entryCount_ * sizeof(BlockDataEntry);
+  if (entryCount_ != 0 && end - kEntryTail > fileSize_) return kStatusBlockCorrupt;
   position_ = 0;
   keys_.LimitTo(keyTableSize_);
-  entries_.LimitTo(entryTableSize);
+  entries_.LimitTo(entryCount_ * sizeof(BlockDataEntry));
   return kStatusOk;
 }
 
@@ -83,13 +91,13 @@ uint32_t BlockReader::Next(bool* end) {
   if (*end) return kStatusOk;
 
   const uint64_t offset = entryTableOffset_ + sizeof(SectionHeader) + position_ * sizeof(BlockDataEntry);
+  const auto held = static_cast<size_t>(std::min<uint64_t>(sizeof(BlockDataEntry), fileSize_ - offset));
   const uint8_t* bytes = nullptr;
-  if (const uint32_t status = ToStatus(entries_.View(offset, sizeof(BlockDataEntry), &bytes));
-      status != kStatusOk) {
+  if (const uint32_t status = ToStatus(entries_.View(offset, held, &bytes)); status != kStatusOk) {
     return status;
   }
-  BlockDataEntry entry;
-  std::memcpy(&entry, bytes, sizeof(entry));
+  BlockDataEntry entry = {};
+  std::memcpy(&entry, bytes, held);
   if (StoreChecksum(&entry, BlockDataEntryOffset::kChecksum) != entry.checksum) return kStatusBlockCorrupt;
   if (uint64_t{entry.keyOffset} + entry.keySize > keyTableSize_) return kStatusBlockCorrupt;
   if (const uint32_t status = ToStatus(keys_.View(keyTableOffset_ + entry.keyOffset, entry.keySize, &key_));

@@ -24,8 +24,8 @@ class BlockReader {
 
   // Checks the file's and the sections' headers; what follows stands before the first entry.
   //
-  // kStatusBlockCorrupt    a header is cut off or fails its checksum, or a section reaches beyond the file or
-  //                        has no possible size
+  // kStatusBlockCorrupt    a header is cut off or fails its checksum, or an entry reaches beyond the file
+  // kStatusMapFailed       the size of a table is 0
   // kStatusBlockShortRead  the system could not read
   // kStatusStatFailed      the file could not be inspected
   uint32_t Start();

@@ -68,6 +68,13 @@ uint32_t Block::WriteFromWal(const std::string& path, Wal& wal, Block** out) {
 
 uint32_t Block::WriteFromBlocks(const std::string& path, const std::vector<std::string>& sources,
                                 Block** out) {
+  std::vector<BlockSource> files;
+  for (const std::string& source : sources) files.push_back({source, nullptr});
+  return WriteFromBlocks(path, files, out);
+}
+
+uint32_t Block::WriteFromBlocks(const std::string& path, const std::vector<BlockSource>& sources,
+                                Block** out) {
   DataSectionWriterWithBlocks data(sources);
   if (const uint32_t status = MeasureBlock(data); status != kStatusOk) return status;
   std::shared_ptr<OsFile> file;

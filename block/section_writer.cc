@@ -51,7 +51,7 @@ bool DataSectionWriterWithWal::WriteTo(BufferedWriter& file) {
   return written;
 }
 
-DataSectionWriterWithBlocks::DataSectionWriterWithBlocks(const std::vector<std::string>& sources)
+DataSectionWriterWithBlocks::DataSectionWriterWithBlocks(const std::vector<BlockSource>& sources)
     : merge_(sources), now_(NowSeconds()) {}
 
 bool DataSectionWriterWithBlocks::IsKept(const DataEntry& entry) const {

@@ -82,7 +82,7 @@ class DataSectionWriterWithWal final : public DataSectionWriter {
 // The values of the newest entries of several blocks that are alive when it is constructed.
 class DataSectionWriterWithBlocks final : public DataSectionWriter {
  public:
-  explicit DataSectionWriterWithBlocks(const std::vector<std::string>& sources);
+  explicit DataSectionWriterWithBlocks(const std::vector<BlockSource>& sources);
   uint32_t Measure() override;
   bool WriteTo(BufferedWriter& file) override;
 

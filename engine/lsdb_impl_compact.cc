@@ -7,6 +7,7 @@
 #include "base/catch_bad_alloc.h"
 #include "block/block_cache.h"
 #include "engine/block_filter.h"
+#include "engine/listed_block.h"
 #include "engine/pending_block_file.h"
 #include "format/block_format.h"
 #include "kestrun/lsdb.h"
@@ -37,13 +38,17 @@ uint32_t LSDBImpl::Compact() {
   if (const uint32_t status = manifest_->LoadUnlocked(&old); status != kStatusOk) return status;
   if (old.size() < kMinBlocksToCompact) return kStatusOk;
 
-  // A block whose file is gone is left out; one that merely can't be read at the moment ends the compaction,
-  // because its file would be deleted with the others.
-  std::vector<std::string> sources;
+  // A cached block is merged from memory and its open file, whatever has become of its path. Of the others, one
+  // whose file is gone is left out; one that merely can't be read at the moment ends the compaction, because
+  // its file would be deleted with the others.
+  std::vector<BlockSource> sources;
   for (const std::shared_ptr<BlockEntry>& entry : old) {
+    const std::string path = BlockPath(entry->name);
     uint32_t failure = kStatusOk;
-    if (cache_->Check(entry->name, BlockPath(entry->name), &failure)) {
-      sources.push_back(BlockPath(entry->name));
+    if (std::shared_ptr<Block> cached = cache_->Find(entry->name, path, entry); cached != nullptr) {
+      sources.push_back({path, std::move(cached)});
+    } else if (cache_->Check(path, &failure)) {
+      sources.push_back({path, nullptr});
     } else if (failure != kStatusOk) {
       return failure;
     }
@@ -75,7 +80,7 @@ uint32_t LSDBImpl::Compact() {
     const uint32_t status = manifest_->Replace(old, file.Name(), filter, &replaced);
     if (replaced) {
       for (const std::shared_ptr<BlockEntry>& entry : old) cache_->Erase(entry->name);
-      cache_->Put(file.Name(), block);
+      cache_->Put(file.Name(), block, FindListedBlock(*manifest_, file.Name()));
     }
     if (status != kStatusOk) {
       std::printf("Failed to update manifest");

@@ -4,6 +4,7 @@
 #include "base/catch_bad_alloc.h"
 #include "block/block_cache.h"
 #include "engine/block_filter.h"
+#include "engine/listed_block.h"
 #include "engine/pending_block_file.h"
 #include "kestrun/lsdb.h"
 #include "storage/manifest.h"
@@ -59,7 +60,9 @@ uint32_t LSDBImpl::RecordFlushedBlock(const std::string& name, const std::shared
   }
   const uint32_t status = manifest_->Append(name, filter);
   if (status != kStatusOk) std::printf("Failed to update manifest");
-  if (status == kStatusOk || status == kStatusSyncFailed) cache_->Put(name, block);
+  if (status == kStatusOk || status == kStatusSyncFailed) {
+    cache_->Put(name, block, FindListedBlock(*manifest_, name));
+  }
   return status;
 }
 

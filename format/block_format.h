@@ -78,6 +78,7 @@ inline constexpr size_t kTtl = 24;
 inline constexpr size_t kKeyOffset = 32;
 inline constexpr size_t kKeySize = 36;
 inline constexpr size_t kChecksum = 40;
+inline constexpr size_t kPadding3 = 44;
 inline constexpr size_t kEnd = 48;
 }  // namespace BlockDataEntryOffset
 
@@ -103,6 +104,7 @@ static_assert(offsetof(BlockDataEntry, ttl) == BlockDataEntryOffset::kTtl);
 static_assert(offsetof(BlockDataEntry, keyOffset) == BlockDataEntryOffset::kKeyOffset);
 static_assert(offsetof(BlockDataEntry, keySize) == BlockDataEntryOffset::kKeySize);
 static_assert(offsetof(BlockDataEntry, checksum) == BlockDataEntryOffset::kChecksum);
+static_assert(offsetof(BlockDataEntry, padding3) == BlockDataEntryOffset::kPadding3);
 static_assert(sizeof(BlockDataEntry) == BlockDataEntryOffset::kEnd);
 static_assert(std::has_unique_object_representations_v<BlockDataEntry>);
 

@@ -151,6 +151,24 @@ TEST_F(BlockCacheTest, AFileThatCannotBeReadIsKeptAndTriedAgain) {
   EXPECT_EQ(failure, kStatusOk);
 }
 
+TEST_F(BlockCacheTest, AFileWithATableOfNoBytesCannotBeMappedIsKeptAndTriedAgain) {
+  for (const bool entryTable : {false, true}) {
+    BlockImage image({{"block", "value"}});
+    const size_t table = entryTable ? image.entryTable : image.keyTable;
+    image.file.Put32(table + 20, 0);
+    image.SealSection(table);
+    Store("block", image.Bytes());
+    uint32_t failure = kStatusOk;
+    EXPECT_EQ(Get("block", &failure), nullptr);
+    EXPECT_EQ(failure, kStatusMapFailed);
+    EXPECT_TRUE(Exists("block"));
+  }
+  Make("block");
+  uint32_t failure = 77;
+  EXPECT_NE(Get("block", &failure), nullptr);
+  EXPECT_EQ(failure, kStatusOk);
+}
+
 // At the limit of open files.
 TEST_F(BlockCacheTest, AFileThatCannotBeOpenedForNowIsKeptAndTriedAgain) {
   Make("block");
@@ -166,7 +184,7 @@ TEST_F(BlockCacheTest, AFileThatCannotBeOpenedForNowIsKeptAndTriedAgain) {
     uint32_t failure = kStatusOk;
     EXPECT_EQ(Get("block", &failure), nullptr);
     EXPECT_EQ(failure, kStatusOpenFailed);
-    EXPECT_FALSE(cache_.Check("block", PathOf("block"), &failure));
+    EXPECT_FALSE(cache_.Check(PathOf("block"), &failure));
     EXPECT_EQ(failure, kStatusOpenFailed);
     EXPECT_EQ(Get("corrupt"), nullptr);
 
@@ -182,20 +200,20 @@ TEST_F(BlockCacheTest, AFileThatCannotBeOpenedForNowIsKeptAndTriedAgain) {
 TEST_F(BlockCacheTest, CheckTellsWithoutLoadingWhetherABlockCanBeRead) {
   uint32_t failure = 77;
   Make("sound");
-  EXPECT_TRUE(cache_.Check("sound", PathOf("sound"), &failure));
+  EXPECT_TRUE(cache_.Check(PathOf("sound"), &failure));
   EXPECT_EQ(failure, kStatusOk);
   EXPECT_FALSE(IsCached("sound"));
 
-  EXPECT_FALSE(cache_.Check("missing", PathOf("missing"), &failure));
+  EXPECT_FALSE(cache_.Check(PathOf("missing"), &failure));
   EXPECT_EQ(failure, kStatusOk);
 
   Store("corrupt", "x");
-  EXPECT_FALSE(cache_.Check("corrupt", PathOf("corrupt"), &failure));
+  EXPECT_FALSE(cache_.Check(PathOf("corrupt"), &failure));
   EXPECT_EQ(failure, kStatusOk);
   EXPECT_FALSE(Exists("corrupt"));
 
   ASSERT_EQ(mkdir(PathOf("directory").c_str(), 0700), 0);
-  EXPECT_FALSE(cache_.Check("directory", PathOf("directory"), &failure));
+  EXPECT_FALSE(cache_.Check(PathOf("directory"), &failure));
   EXPECT_EQ(failure, kStatusBlockShortRead);
 }
 

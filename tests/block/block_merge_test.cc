@@ -168,6 +168,25 @@ TEST_F(BlockMergeTest, AnEntryThatExpiresDuringTheMergeIsStillCountedByTheSectio
   EXPECT_TRUE(ReadFile(PathOf("merged")) == expected.Bytes());
 }
 
+TEST_F(BlockMergeTest, ALoadedBlockIsMergedFromMemoryAndItsOpenFile) {
+  const std::vector<BlockImageEntry> entries = {{"a", "1"}, {"b", "", true}, {"c", "3"}};
+  const auto removed = std::shared_ptr<Block>(Load(Store("removed", BlockImage(entries).Bytes())));
+  ASSERT_EQ(std::remove(PathOf("removed").c_str()), 0);
+  BlockImage other({{"d", "4"}});
+  const auto damaged = std::shared_ptr<Block>(Load(Store("damaged", other.Bytes())));
+  other.file.Put8(other.EntryOffset(0), 0xFF);
+  WriteFile(PathOf("damaged"), other.Bytes());
+  const std::string file = Store("file", BlockImage({{"b", "2"}, {"c", "newer"}}).Bytes());
+
+  Block* merged = nullptr;
+  const std::vector<BlockSource> sources = {
+      {PathOf("removed"), removed}, {PathOf("damaged"), damaged}, {file, nullptr}};
+  ASSERT_EQ(Block::WriteFromBlocks(PathOf("merged"), sources, &merged), kStatusOk);
+  delete merged;
+  EXPECT_TRUE(ReadFile(PathOf("merged")) ==
+              BlockImage({{"a", "1"}, {"b", "2"}, {"c", "newer"}, {"d", "4"}}).Bytes());
+}
+
 TEST_F(BlockMergeTest, HundredsOfSourcesNeedFewDescriptors) {
   std::vector<std::vector<BlockImageEntry>> sources;
   std::vector<BlockImageEntry> expected;
