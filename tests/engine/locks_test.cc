@@ -17,8 +17,6 @@ constexpr int64_t kGateByte = 0x40000000;
 constexpr int64_t kLockRange = 0x40000001;
 constexpr int64_t kLockRangeLength = 511;
 
-constexpr char kFull[] = "Wal is fullFailed to reserve write space\n";
-
 class LocksTest : public StoreTest {
  protected:
   LocksTest() {

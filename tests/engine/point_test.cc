@@ -11,8 +11,6 @@
 namespace Kestrun::Testing {
 namespace {
 
-constexpr char kFull[] = "Wal is fullFailed to reserve write space\n";
-
 class PointTest : public StoreTest {
  protected:
   FakeClock clock_;

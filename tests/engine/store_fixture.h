@@ -20,6 +20,9 @@ namespace Kestrun::Testing {
 
 using Strings = std::vector<std::string>;
 
+// What the engine prints when the log has no room for an entry.
+inline constexpr char kFull[] = "Wal is fullFailed to reserve write space\n";
+
 // What Get gave.
 struct Got {
   uint32_t status;

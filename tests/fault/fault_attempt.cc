@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "tests/support/child_process.h"
 #include "tests/support/scripted_store.h"
 
 namespace Kestrun::Testing {
@@ -13,12 +14,6 @@ constexpr uint32_t kWalSize = 2048;
 constexpr int kNumbersOfRecovery = 300;
 constexpr int kNumbersAfterwards = 500;
 
-void Insert(Script* script, int first, int last, uint32_t size) {
-  for (int key = first; key <= last; ++key) {
-    script->push_back({Kind::Insert, key, 0, size + static_cast<uint32_t>(key) % 7 * 4});
-  }
-}
-
 void Read(Script* script) {
   for (const int key : {1, 3, 5, kPlainKeys, kFirstRecordKey, kFirstRecordKey + 1}) {
     script->push_back({Kind::Get, key});
@@ -29,9 +24,9 @@ void Read(Script* script) {
 
 Script FaultWorkload() {
   Script script = {{Kind::Open, 0, 0, kWalSize}};
-  Insert(&script, 0, 8, 40);
+  InsertKeys(&script, 0, 8, 40);
   script.push_back({Kind::Append, kFirstRecordKey, 0, 30});
-  Insert(&script, kPlainKeys, kPlainKeys, 60);
+  InsertKeys(&script, kPlainKeys, kPlainKeys, 60);
   script.push_back({Kind::Insert, 3, 0, 900});
   script.push_back({Kind::Insert, 4, 0, 500});  // flushes
   script.push_back({Kind::Delete, 0});
@@ -41,34 +36,34 @@ Script FaultWorkload() {
   script.push_back({Kind::Flush});
   script.push_back({Kind::DeleteRange, 5, 8});
   script.push_back({Kind::Flush});
-  Insert(&script, 5, 6, 30);
+  InsertKeys(&script, 5, 6, 30);
   script.push_back({Kind::Flush});
-  Insert(&script, 1, 1, 35);
+  InsertKeys(&script, 1, 1, 35);
   script.push_back({Kind::Close});
   script.push_back({Kind::Open, 0, 0, kWalSize});
   Read(&script);
   script.push_back({Kind::Compact});
-  Insert(&script, 9, 10, 28);
+  InsertKeys(&script, 9, 10, 28);
   script.push_back({Kind::Append, kFirstRecordKey + 2, 2, 18});
   Read(&script);
   script.push_back({Kind::Flush});
   script.push_back({Kind::Delete, 3});
   script.push_back({Kind::Clear});
-  Insert(&script, 2, 3, 40);
+  InsertKeys(&script, 2, 3, 40);
   script.push_back({Kind::Append, kFirstRecordKey + 3, 1, 20});
   script.push_back({Kind::Flush});
-  Insert(&script, 3, 5, 40);
+  InsertKeys(&script, 3, 5, 40);
   Read(&script);
   script.push_back({Kind::Close});
   script.push_back({Kind::Open, 0, 0, kWalSize});
-  Insert(&script, 11, 12, 33);
+  InsertKeys(&script, 11, 12, 33);
   return script;
 }
 
 Script RecoveryScript() {
   Script script = {{Kind::Open, 0, 0, kWalSize}};
   Read(&script);
-  Insert(&script, 6, 7, 45);
+  InsertKeys(&script, 6, 7, 45);
   script.push_back({Kind::Flush});
   script.push_back({Kind::Append, kFirstRecordKey, 1, 18});
   script.push_back({Kind::Delete, 6});
@@ -189,30 +184,24 @@ class Attempt {
   FaultReport* const report_;
 };
 
-void DropMessages() {
-  static char buffer[1 << 16];
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) return;
-  std::setvbuf(stdout, buffer, _IOFBF, sizeof(buffer));
-}
-
 }  // namespace
 
 int RunFaultAttempt(const std::string& directory, const FaultPlan& plan, bool mustSucceed,
                     FaultReport* report) {
-  DropMessages();
+  DropStandardOutput();
   SetFaultPlan(plan);
   Attempt attempt(directory, mustSucceed, report);
   return attempt.Run(FaultWorkload(), 0) && attempt.RunAfterwards() ? 0 : 1;
 }
 
 int RunUntilEnd(const std::string& directory, const FaultPlan& plan, FaultReport* report) {
-  DropMessages();
+  DropStandardOutput();
   SetFaultPlan(plan);
   return Attempt(directory, true, report).Run(FaultWorkload(), 0) ? 0 : 1;
 }
 
 int RunFaultyRecovery(const std::string& directory, const FaultPlan& plan, FaultReport* report) {
-  DropMessages();
+  DropStandardOutput();
   SetFaultPlan(plan);
   Attempt attempt(directory, false, report);
   attempt.Inherit(FaultWorkload());

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "tests/fault/fault_injection.h"
-#include "tests/process/kill_workload.h"
+#include "tests/support/kill_workload.h"
 
 namespace Kestrun::Testing {
 

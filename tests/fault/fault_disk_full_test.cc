@@ -29,7 +29,7 @@ namespace {
 
 using Kind = Step::Kind;
 
-constexpr uint32_t kWalSize = 4096;
+constexpr uint32_t kDiskWalSize = 4096;
 constexpr size_t kPage = 4096;
 constexpr size_t kBallast = 32 * kPage;  // more than all values of the store take twice
 constexpr int kMaxSteps = 1500;
@@ -54,7 +54,7 @@ class DiskFullProcess {
   int Fill() {
     Quiet();
     for (int number = 0; number < kMaxSteps && refused_ < kRefusalsWanted; ++number) {
-      const Step step = store_.IsOpen() ? DrawStep() : Step{Kind::Open, 0, 0, kWalSize};
+      const Step step = store_.IsOpen() ? DrawStep() : Step{Kind::Open, 0, 0, kDiskWalSize};
       if (!Take(number, step, true)) return 1;
     }
     if (store_.IsOpen() && !Verify("on the full disk")) return 1;
@@ -77,10 +77,10 @@ class DiskFullProcess {
   }
 
   void Quiet() {
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
+    if (!DropStandardOutput()) std::abort();
     alarm(kMaxLife);
     std::signal(SIGXFSZ, SIG_IGN);
-    if (!report_->isMounted) LimitFiles(kWalSize);
+    if (!report_->isMounted) LimitFiles(kDiskWalSize);
   }
 
   void GiveRoom() {
@@ -134,7 +134,7 @@ class DiskFullProcess {
 
   int GoOn(int number) {
     LimitFiles(RLIM_INFINITY);
-    if (!store_.IsOpen() && !Take(number++, {Kind::Open, 0, 0, kWalSize}, false)) return 1;
+    if (!store_.IsOpen() && !Take(number++, {Kind::Open, 0, 0, kDiskWalSize}, false)) return 1;
     if (!Verify("with room again")) return 1;
     for (int round = 0; round < 4; ++round) {
       if (!Take(number++, {Kind::Insert, round, 0, 100}, false)) return 1;
@@ -211,7 +211,7 @@ TEST(DiskFull, GivesStatusesAndLosesNothingAcknowledged) {
 int OpenLogWithHoles(const std::string& directory) {
   constexpr uint32_t kLogSize = 16 * kPage;
   const bool mounted = MountSmallDisk(directory, 2 * kLogSize);
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
+  if (!DropStandardOutput()) return 1;
   ScriptedStore store(directory + "/store");
   if (store.Run(0, {Kind::Open, 0, 0, kLogSize}).status != 0) return 2;
   store.Run(1, {Kind::Insert, 0, 0, 100});

@@ -154,7 +154,7 @@ class Checker {
   // end and another one has to go on behind the state that it died of.
   bool RunChild(int stage) {
     ChildProcess child([&](ChildLink&) {
-      if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
+      if (!DropStandardOutput()) return 1;
       for (size_t i = 0; i < states_.size(); ++i) {
         Verdict* verdict = &(*verdicts_)[i];
         if (verdict->stage != stage || verdict->failed) continue;

@@ -50,7 +50,7 @@ class LoadProcess {
       : store_(directory), number_(number), load_(load), random_(TestRandom(life)) {}
 
   int Run() {
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
+    if (!DropStandardOutput()) return 1;
     alarm(kMaxLife);
     if (!Do({Kind::Open, 0, 0, kWalSize})) return 1;
     for (int key = number_; key < kScriptKeys; key += kProcesses) {
@@ -64,7 +64,7 @@ class LoadProcess {
 
   // Whether every key of every process holds what it must; the others have all ended.
   int VerifyAll() {
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
+    if (!DropStandardOutput()) return 1;
     alarm(kMaxLife);
     if (!Do({Kind::Open, 0, 0, kWalSize})) return 1;
     for (int key = 0; key < kScriptKeys; ++key) {

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/process/kill_workload.h"
 #include "tests/process/traced_child.h"
 #include "tests/support/child_process.h"
+#include "tests/support/kill_workload.h"
 #include "tests/support/random_run.h"
 #include "tests/support/scratch_directory.h"
 #include "tests/support/shared_memory.h"

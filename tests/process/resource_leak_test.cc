@@ -76,13 +76,13 @@ void ExpectNothingKept(const Usage& before, const Usage& after, uint64_t files, 
               before.residentKib, after.allocated, after.residentKib);
 }
 
-std::unique_ptr<LSDBImpl> Open(const std::string& path) {
+std::unique_ptr<LSDBImpl> OpenEngine(const std::string& path) {
   LSDBImpl* engine = nullptr;
   EXPECT_EQ(LSDBImpl::Open(path, {kWalSize, 0}, &engine), kStatusOk);
   return std::unique_ptr<LSDBImpl>(engine);
 }
 
-std::string Get(LSDBImpl& engine, const std::string& key) {
+std::string ValueOf(LSDBImpl& engine, const std::string& key) {
   const void* value = nullptr;
   unsigned size = 0;
   EXPECT_EQ(engine.Get(key, &value, &size), kStatusOk);
@@ -101,10 +101,10 @@ uint64_t TenRounds(const std::string& path) {
   uint64_t files = 0;
   for (int round = 0; round < 10; ++round) {
     const std::string key = "key-" + std::to_string(round);
-    const std::unique_ptr<LSDBImpl> engine = Open(path);
+    const std::unique_ptr<LSDBImpl> engine = OpenEngine(path);
     Put(*engine, key, value);
     EXPECT_EQ(engine->ResetWal(), kStatusOk);
-    EXPECT_EQ(Get(*Open(path), key), value);
+    EXPECT_EQ(ValueOf(*OpenEngine(path), key), value);
     ++files;
     if (round % 5 == 4) {
       EXPECT_EQ(engine->ForceCompact(), kStatusOk);
@@ -141,13 +141,14 @@ TEST(Exhaustion, RoundsOfOpenFlushLoadCompactClearAndCloseKeepNothing) {
 TEST(Exhaustion, LoadingBlocksAgainAndAgainKeepsNothing) {
   constexpr int kBlocks = 20;
   const ScratchDirectory directory(ScratchDirectory::Place::Memory);
-  const std::unique_ptr<LSDBImpl> engine = Open(directory.Path());
+  const std::unique_ptr<LSDBImpl> engine = OpenEngine(directory.Path());
   for (int i = 0; i < kBlocks; ++i) {
     Put(*engine, "key-" + std::to_string(i), std::to_string(i));
     ASSERT_EQ(engine->ResetWal(), kStatusOk);
   }
   const auto look = [&engine] {
-    for (int i = 0; i < kBlocks; ++i) ASSERT_EQ(Get(*engine, "key-" + std::to_string(i)), std::to_string(i));
+    for (int i = 0; i < kBlocks; ++i)
+      ASSERT_EQ(ValueOf(*engine, "key-" + std::to_string(i)), std::to_string(i));
   };
   for (int i = 0; i < 5; ++i) look();
   const Usage before = UsageNow();

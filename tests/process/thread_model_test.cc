@@ -27,7 +27,7 @@ using Testing::ThreadDiagnostics;
 
 constexpr unsigned kThreads = 4;
 constexpr unsigned kKeysEach = 60;
-constexpr uint32_t kWalSize = 8 * 1024;  // some 80 entries
+constexpr uint32_t kThreadsWalSize = 8 * 1024;  // some 80 entries
 constexpr unsigned kForEver = 0xFFFFFFFF;
 
 // Clears are numbered. One has begun when `begun` has reached its number and is over when `over` has.
@@ -47,7 +47,7 @@ struct Known {
 
 std::unique_ptr<LSDBImpl> OpenStore(const std::string& path) {
   LSDBImpl* engine = nullptr;
-  const LSDBConfig config = {kWalSize, 0};
+  const LSDBConfig config = {kThreadsWalSize, 0};
   EXPECT_EQ(LSDBImpl::Open(path, config, &engine), kStatusOk);
   return std::unique_ptr<LSDBImpl>(engine);
 }

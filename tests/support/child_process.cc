@@ -122,4 +122,11 @@ int ChildProcess::Wait() {
   return status_;
 }
 
+bool DropStandardOutput() {
+  static char buffer[1 << 16];
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) return false;
+  std::setvbuf(stdout, buffer, _IOFBF, sizeof(buffer));
+  return true;
+}
+
 }  // namespace Kestrun::Testing

@@ -53,6 +53,12 @@ std::string ScriptKey(int key) {
   return name;
 }
 
+void InsertKeys(Script* script, int first, int last, uint32_t size) {
+  for (int key = first; key <= last; ++key) {
+    script->push_back({Step::Kind::Insert, key, 0, size + static_cast<uint32_t>(key) % 7 * 4});
+  }
+}
+
 const char* StepName(Step::Kind kind) {
   switch (kind) {
     case Step::Kind::Open:

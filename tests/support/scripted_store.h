@@ -49,6 +49,9 @@ struct Step {
 };
 using Script = std::vector<Step>;
 
+// Adds an Insert of each of the keys from `first` to `last`; their sizes differ a little.
+void InsertKeys(Script* script, int first, int last, uint32_t size);
+
 const char* StepName(Step::Kind kind);
 // "step 12, Insert user-03" for messages.
 std::string Describe(int number, const Step& step);

@@ -1,7 +1,9 @@
-#include "tests/process/kill_workload.h"
+#include "tests/support/kill_workload.h"
 
 #include <cstdio>
 #include <cstring>
+
+#include "tests/support/child_process.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -13,17 +15,11 @@ constexpr uint32_t kWalSize = 2048;
 // The steps of generations get numbers of their own, and so do their values.
 constexpr int kNumbersPerGeneration = 1000;
 
-void Insert(Script* script, int first, int last, uint32_t size) {
-  for (int key = first; key <= last; ++key) {
-    script->push_back({Kind::Insert, key, 0, size + static_cast<uint32_t>(key) % 7 * 4});
-  }
-}
-
 Script GenerationScript(int generation) {
   Script script;
   for (int round = 0; round < 4; ++round) {
     const int key = (generation * 5 + round) % kPlainKeys;
-    Insert(&script, key, key, 30);
+    InsertKeys(&script, key, key, 30);
     script.push_back({Kind::Insert, kPlainKeys + round % kLongKeys, 0, 44});
     if (round == 1) script.push_back({Kind::Delete, (key + 7) % kPlainKeys});
     script.push_back({Kind::Append, kFirstRecordKey + round, (generation + round) % 4, 20});
@@ -31,17 +27,10 @@ Script GenerationScript(int generation) {
   }
   script.push_back({Kind::Insert, generation, 0, 50});
   script.push_back({Kind::Compact});
-  Insert(&script, 9, 10, 25);
+  InsertKeys(&script, 9, 10, 25);
   script.push_back({Kind::Close});
   script.push_back({Kind::Open, 0, 0, kWalSize});
   return script;
-}
-
-// What the library prints goes nowhere, and takes no system calls on the way.
-void DropMessages() {
-  static char buffer[1 << 16];
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) return;
-  std::setvbuf(stdout, buffer, _IOFBF, sizeof(buffer));
 }
 
 int Fail(KillProgress* progress, const std::string& message) {
@@ -53,47 +42,47 @@ int Fail(KillProgress* progress, const std::string& message) {
 
 Script KillWorkload() {
   Script script = {{Kind::Open, 0, 0, kWalSize}};
-  Insert(&script, 0, 13, 40);
+  InsertKeys(&script, 0, 13, 40);
   script.push_back({Kind::Append, kFirstRecordKey, 0, 30});
-  Insert(&script, 2, 6, 60);  // the log is full on the way
+  InsertKeys(&script, 2, 6, 60);  // the log is full on the way
   script.push_back({Kind::Delete, 0});
   script.push_back({Kind::CreateType, 0, 1});
   script.push_back({Kind::Append, kFirstRecordKey + 1, 1, 24});
   script.push_back({Kind::Flush});
-  Insert(&script, 16, 17, 33);
+  InsertKeys(&script, 16, 17, 33);
   script.push_back({Kind::DeleteRange, 4, 7});
   script.push_back({Kind::Flush});
-  Insert(&script, 5, 5, 20);
+  InsertKeys(&script, 5, 5, 20);
   script.push_back({Kind::Delete, 1});
   script.push_back({Kind::Flush});
-  Insert(&script, 6, 8, 45);
+  InsertKeys(&script, 6, 8, 45);
   script.push_back({Kind::Compact});
   script.push_back({Kind::Append, kFirstRecordKey + 2, 2, 18});
   script.push_back({Kind::Close});
   script.push_back({Kind::Open, 0, 0, kWalSize});
-  Insert(&script, 7, 7, 1500);
-  Insert(&script, 8, 8, 700);  // flushes
-  Insert(&script, 3, 3, 800);
+  InsertKeys(&script, 7, 7, 1500);
+  InsertKeys(&script, 8, 8, 700);  // flushes
+  InsertKeys(&script, 3, 3, 800);
   script.push_back({Kind::Delete, 2});
-  Insert(&script, 9, 9, 900);  // flushes
+  InsertKeys(&script, 9, 9, 900);  // flushes
   script.push_back({Kind::Flush});
   script.push_back({Kind::Compact});
-  Insert(&script, 0, 2, 22);
+  InsertKeys(&script, 0, 2, 22);
   script.push_back({Kind::Clear});
-  Insert(&script, 2, 3, 28);
+  InsertKeys(&script, 2, 3, 28);
   script.push_back({Kind::Append, kFirstRecordKey + 3, 3, 16});
   script.push_back({Kind::Flush});
-  Insert(&script, 3, 4, 31);
+  InsertKeys(&script, 3, 4, 31);
   script.push_back({Kind::Close});
   script.push_back({Kind::Open, 0, 0, kWalSize});
   script.push_back({Kind::Delete, 3});
-  Insert(&script, 18, 19, 70);
+  InsertKeys(&script, 18, 19, 70);
   script.push_back({Kind::Close});
   return script;
 }
 
 int RunKillWorkload(const std::string& directory, KillProgress* progress) {
-  DropMessages();
+  DropStandardOutput();
   const Script script = KillWorkload();
   ScriptedStore store(directory);
   for (int i = 0; i < static_cast<int>(script.size()); ++i) {
@@ -109,7 +98,7 @@ int RunKillWorkload(const std::string& directory, KillProgress* progress) {
 }
 
 int RunGeneration(int generation, const std::string& directory, KillProgress* progress) {
-  DropMessages();
+  DropStandardOutput();
   StoreModel model;
   if (generation == 1) {
     const Script script = KillWorkload();
