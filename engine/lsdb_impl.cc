@@ -17,11 +17,17 @@
 namespace Kestrun {
 namespace {
 
-// Only the last component is made. Another process that makes it at the same moment is as good.
+bool IsDirectory(const std::string& path) {
+  struct stat info = {};
+  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// Only the last component is made. EEXIST is a success if another process has just made the directory. It also
+// stands for a link that leads nowhere and for a file whose path ends in a slash.
 bool EnsureDirectory(const std::string& path) {
   if (access(path.c_str(), F_OK) == 0) return true;
-  if (mkdir(path.c_str(), 0700) != 0) return errno == EEXIST;
-  // Only a loss of power could tell, and the parent need not be ours to force.
+  if (mkdir(path.c_str(), 0700) != 0) return errno == EEXIST && IsDirectory(path);
+  // Only a loss of power could tell, and the parent need not be ours to sync.
   IgnoreStatus(SyncDirectory(DirectoryOf(path)));
   return true;
 }

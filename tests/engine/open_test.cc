@@ -51,6 +51,28 @@ TEST_F(OpenTest, ADirectoryThatTheSystemRefusesIsAFailure) {
   EXPECT_EQ(printed_, "Failed to create directory: /proc/self/kestrun");
 }
 
+// mkdir says of both that there is something already.
+TEST_F(OpenTest, APathThatIsTakenAndLeadsToNoDirectoryIsAFailure) {
+  const std::string link = directory_.PathOf("link");
+  ASSERT_EQ(symlink("nowhere", link.c_str()), 0);
+  EXPECT_EQ(TryOpen(link, &printed_), kStatusDirectoryFailed);
+  EXPECT_EQ(printed_, "Failed to create directory: " + link);
+
+  const std::string file = directory_.PathOf("file");
+  WriteFile(file, "a file");
+  EXPECT_EQ(TryOpen(file + "/", &printed_), kStatusDirectoryFailed);
+  EXPECT_EQ(printed_, "Failed to create directory: " + file + "/");
+  EXPECT_EQ(ReadFile(file), "a file");
+}
+
+TEST_F(OpenTest, ALinkToADirectoryIsFollowed) {
+  ASSERT_EQ(mkdir(path_.c_str(), 0700), 0);
+  const std::string link = directory_.PathOf("link");
+  ASSERT_EQ(symlink(path_.c_str(), link.c_str()), 0);
+  EXPECT_EQ(TryOpen(link, &printed_), kStatusOk);
+  EXPECT_EQ(Files(), (Strings{"manifest_v5", "wal_v5"}));
+}
+
 TEST_F(OpenTest, WithoutAnOutPointerTheStoreIsMadeAndClosedAgain) {
   ASSERT_EQ(mkdir(path_.c_str(), 0700), 0);
   CapturedStdout output;
