@@ -75,6 +75,10 @@ uint32_t Manifest::Open(const std::string& path, Manifest** out) {
     return kStatusMapFailed;
   }
   file->TrackMapping(header, sizeof(ManifestHeader));
+  if (madeAnew && file->IsSpecial()) {
+    const ManifestHeader empty = EmptyManifestHeader();
+    std::memcpy(header, &empty, sizeof(empty));  // what was written to a device need not show in its mapping
+  }
   std::unique_ptr<Manifest> manifest(new Manifest(file, static_cast<uint8_t*>(header)));
   if (const uint32_t status = manifest->VerifyAtOpen(); status != kStatusOk) return status;
 
@@ -100,6 +104,10 @@ Manifest::~Manifest() {
 uint32_t Manifest::CreateInPlace(OsFile& file, uint64_t* size) {
   const DirectoryCreationLock guard(DirectoryOf(file.Path()));
   if (file.Size(size) == 0 && *size != 0) return kStatusOk;
+  if (file.Seek(sizeof(ManifestHeader) - 1, SEEK_SET) < 0) {
+    std::printf("Failed to seek file: %s", file.Path().c_str());
+    return kStatusSeekFailed;
+  }
   const ManifestHeader header = EmptyManifestHeader();
   if (file.PWriteFully(&header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) {
     IgnoreStatus(file.Truncate(0));  // an empty file is filled in by the next opening
@@ -107,7 +115,7 @@ uint32_t Manifest::CreateInPlace(OsFile& file, uint64_t* size) {
     return kStatusCreateFailed;
   }
   *size = sizeof(header);
-  return file.Sync() == 0 && SyncDirectory(DirectoryOf(file.Path())) ? kStatusOk : kStatusCreateFailed;
+  return file.SyncIfSupported() && SyncDirectory(DirectoryOf(file.Path())) ? kStatusOk : kStatusCreateFailed;
 }
 
 // The checksum first, then the magic; the version is not looked at. Another process may be in the middle of

@@ -53,13 +53,16 @@ class Manifest {
   // Opens the manifest, creating it when it is missing or empty, and reads its list. On success `*out` is a
   // Manifest that the caller deletes.
   //
-  // kStatusManifestUnreadable  the file can't be opened, or as Load
+  // kStatusManifestUnreadable  the file can't be opened
   // kStatusStatFailed          "Failed to get file size: PATH"
+  // kStatusSeekFailed          the file can't be sought, as a pipe; "Failed to seek file: PATH"
   // kStatusCreateFailed        "Failed to write header of manifest file"
-  // kStatusMapFailed           "Failed to map wal: PATH" (callers rely on the log's wording)
-  // kStatusManifestChecksum    also when the file is shorter than a header; "Invalid manifest header
-  // checksum" kStatusBadMagic            "Invalid wal magic" (likewise) Where reading the list fails "Failed
-  // to load block entries" follows Load's own message.
+  // kStatusMapFailed           "Failed to map wal: PATH"
+  // kStatusManifestChecksum    also when the file is shorter than a header; "Invalid manifest header checksum"
+  // kStatusBadMagic            "Invalid wal magic"
+  // The statuses of Load       Load's message and "Failed to load block entries"
+  //
+  // Compat: manifest-speaks-of-wal. Two of the messages have the log's wording.
   static uint32_t Open(const std::string& path, Manifest** out);
 
   ~Manifest();

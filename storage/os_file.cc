@@ -29,18 +29,35 @@ constexpr int kFirstUsableDescriptor = 3;
 
 constexpr uint32_t kUnmapFailed = 0xFFFFFFFF;
 
+// What a device, a pipe or the like answers to fsync and fallocate.
+bool IsRefusalOfSpecialFile(int error) {
+  return error == EINVAL || error == ENODEV || error == EOPNOTSUPP || error == ESPIPE;
+}
+
 // Whether a level takes the mutex: any value with one of the two low bits set.
 bool TakesMutex(LockLevel level) {
   return (static_cast<uint8_t>(level) & 3) != 0;
 }
 
-int OpenDescriptor(const std::string& path, uint16_t flags) {
-  const bool writable = (flags & (kOpenReadWrite | kOpenCreate)) != 0;
-  const int openFlags = (writable ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC;
+int OpenUninterrupted(const std::string& path, int openFlags) {
   int descriptor;
   do {
     descriptor = open(path.c_str(), openFlags, 0600);
   } while (descriptor < 0 && errno == EINTR);
+  return descriptor;
+}
+
+// A regular file is waited for where another process has a lease on it; nothing else is.
+bool IsLeased(const std::string& path) {
+  struct stat info = {};
+  return errno == EWOULDBLOCK && stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+int OpenDescriptor(const std::string& path, uint16_t flags) {
+  const bool writable = (flags & (kOpenReadWrite | kOpenCreate)) != 0;
+  const int openFlags = (writable ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC | O_NOCTTY;
+  int descriptor = OpenUninterrupted(path, openFlags | O_NONBLOCK);
+  if (descriptor < 0 && IsLeased(path)) descriptor = OpenUninterrupted(path, openFlags);
 
   if (descriptor <= 0) {
     // Descriptor 0 counts as a failure; callers rely on it.
@@ -89,8 +106,13 @@ void InodeInfo::AfterFork() {
   ReinitAfterFork(mutex);
 }
 
-OsFile::OsFile(int descriptor, std::string path, uint16_t flags, const InodeId& id, InodeInfo* inode)
-    : descriptor_(descriptor), path_(std::move(path)), id_(id), inode_(inode), flags_(flags) {}
+OsFile::OsFile(int descriptor, std::string path, uint16_t flags, const struct stat& info, InodeInfo* inode)
+    : descriptor_(descriptor),
+      path_(std::move(path)),
+      id_(InodeIdOf(info)),
+      inode_(inode),
+      flags_(flags),
+      isSpecial_(!S_ISREG(info.st_mode)) {}
 
 OsFile::~OsFile() {
   UnmapAndClose();
@@ -106,11 +128,10 @@ uint32_t OsFile::Open(const std::string& path, uint16_t flags, OsFile** out) {
     return kStatusStatFailed;
   }
 
-  const InodeId id = InodeIdOf(info);
   try {
     InodeInfo* inode =
-        InodeRegistry<InodeInfo>::FindOrCreate(id, [](InodeInfo& found) { ++found.openCount; });
-    *out = new OsFile(descriptor, path, flags, id, inode);
+        InodeRegistry<InodeInfo>::FindOrCreate(InodeIdOf(info), [](InodeInfo& found) { ++found.openCount; });
+    *out = new OsFile(descriptor, path, flags, info, inode);
   } catch (...) {
     close(descriptor);
     throw;
@@ -258,7 +279,12 @@ bool OsFile::Reserve(uint64_t length) {
   do {
     result = fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length));
   } while (result != 0 && errno == EINTR);
-  return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
+  if (result == 0 || errno == EOPNOTSUPP || errno == ENOSYS) return true;
+  return isSpecial_ && IsRefusalOfSpecialFile(errno);
+}
+
+bool OsFile::SyncIfSupported() {
+  return Sync() == 0 || (isSpecial_ && IsRefusalOfSpecialFile(errno));
 }
 
 void* OsFile::Map(uint32_t length, uint32_t offset, uint32_t mapFlags) {

@@ -74,7 +74,7 @@ int MoveAboveStdio(int descriptor) noexcept;
 class OsFile {
  public:
   // Opens `path` with a descriptor of at least 3, closed on exec; a low one would let the library's own
-  // messages end up in the file. kStatusOpenFailed when it can't be opened (descriptor 0 counts as such),
+  // messages end up in the file. Does not wait for the other end of a pipe or a device. kStatusOpenFailed when it can't be opened (descriptor 0 counts as such),
   // kStatusStatFailed when it can't be inspected. May throw std::bad_alloc.
   static uint32_t Open(const std::string& path, uint16_t flags, OsFile** out);
   // The same, under shared ownership.
@@ -116,8 +116,13 @@ class OsFile {
   ssize_t PWriteFully(const void* buffer, size_t length, int64_t offset);
 
   // Reserves disk space for the first `length` bytes, so that storing to a mapping of them can't fail, and
-  // leaves the file's size as it is. False when there is none; true where the file system can't reserve.
+  // leaves the file's size as it is. False when there is none; true where the file system, or a special file,
+  // can't reserve.
   bool Reserve(uint64_t length);
+  // Sync that counts as done where a special file can't be synced.
+  bool SyncIfSupported();
+  // Whether the file is a device, a pipe or the like: its bytes need not stay, nor show in a mapping.
+  bool IsSpecial() const { return isSpecial_; }
 
   // A shared mapping of `length` bytes at `offset`, or null. It belongs to the caller until it is adopted.
   void* Map(uint32_t length, uint32_t offset, uint32_t mapFlags);
@@ -135,7 +140,7 @@ class OsFile {
   const InodeId& Id() const { return id_; }
 
  private:
-  OsFile(int descriptor, std::string path, uint16_t flags, const InodeId& id, InodeInfo* inode);
+  OsFile(int descriptor, std::string path, uint16_t flags, const struct stat& info, InodeInfo* inode);
 
   uint32_t LockBytes(LockLevel level);
   uint32_t UnlockBytes(LockLevel level);
@@ -148,6 +153,7 @@ class OsFile {
   InodeInfo* inode_;
   std::vector<std::pair<void*, uint32_t>> mappings_;
   uint16_t flags_;
+  bool isSpecial_;
 };
 
 // Says in one place that a status or result is dropped on purpose; the reason stands beside the call.

@@ -72,6 +72,7 @@ class Wal {
   //
   // kStatusWalOpenFailed  the file can't be opened
   // kStatusInvalid        walSize is 128 or less; "invalid wal size: PATH"
+  // kStatusSeekFailed     the file can't be sought, as a pipe
   // kStatusCreateFailed   the file could not be extended, for want of space perhaps
   // kStatusWalChecksum    the header fails its checksum; "Invalid wal checksum"
   // kStatusBadMagic       the file does not begin with the magic; "Invalid wal magic"

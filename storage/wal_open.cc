@@ -30,11 +30,12 @@ WalHeader EmptyLogHeader() {
 uint32_t InitializeInPlace(OsFile& file, uint32_t walSize) {
   const WalHeader header = EmptyLogHeader();
   const char zero = 0;
+  if (file.Seek(walSize - 1, SEEK_SET) < 0) return kStatusSeekFailed;  // a pipe
   if (!file.Reserve(walSize)) return kStatusCreateFailed;
   if (file.PWriteFully(&header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) {
     return kStatusCreateFailed;
   }
-  if (file.Sync() != 0) return kStatusCreateFailed;
+  if (!file.SyncIfSupported()) return kStatusCreateFailed;
   return file.PWriteFully(&zero, 1, walSize - 1) == 1 ? kStatusOk : kStatusCreateFailed;
 }
 
@@ -93,6 +94,10 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
     return kStatusOk;
   }
   file->TrackMapping(base, static_cast<uint32_t>(size));
+  if (madeAnew && file->IsSpecial()) {
+    const WalHeader header = EmptyLogHeader();
+    std::memcpy(base, &header, sizeof(header));  // what was written to a device need not show in its mapping
+  }
 
   std::unique_ptr<Wal> wal(new Wal(file, static_cast<uint8_t*>(base), static_cast<uint32_t>(size),
                                    config.walOptions, diagnostics));
