@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "storage/directory.h"
-#include "storage/os_file.h"
+#include "storage/file_descriptor.h"
 
 namespace Kestrun {
 namespace {
@@ -28,20 +28,14 @@ bool FillAndLink(int descriptor, const std::string& path, const void* head, size
 }  // namespace
 
 bool CreateFileAtomically(const std::string& path, const void* head, size_t headSize, uint64_t length) {
-  const int descriptor =
-      MoveAboveStdio(open(DirectoryOf(path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-  if (descriptor < 0) return false;
-  const bool born = FillAndLink(descriptor, path, head, headSize, length);
-  // Another thread may have opened the file by its name and locked it already.
-  CloseWhenUnlocked(descriptor);
-  return born;
+  FileDescriptor descriptor;
+  return descriptor.Open(DirectoryOf(path), O_TMPFILE | O_RDWR) &&
+         FillAndLink(descriptor.Get(), path, head, headSize, length);
 }
 
 bool CreateExclusive(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (descriptor < 0) return errno != EEXIST;
-  close(descriptor);
-  return true;
+  FileDescriptor descriptor;
+  return descriptor.Open(path, O_RDWR | O_CREAT | O_EXCL) || errno != EEXIST;
 }
 
 DirectoryCreationLock::DirectoryCreationLock(const std::string& directory)

@@ -31,7 +31,8 @@ struct InodeIdHash {
 };
 
 // State has a default constructor and a method AfterFork(), which is called in a forked child for every
-// record: threads that held its mutexes do not exist there.
+// record: threads that held its mutexes do not exist there. It may have BeforeFork() and AfterForkInParent(), which
+// are called around a fork for every record.
 template <typename State>
 class InodeRegistry {
  public:
@@ -47,6 +48,16 @@ class InodeRegistry {
     return slot.get();
   }
 
+  // Calls `use` with the record of `id`, or with null when there is none, while the registry is locked: no record
+  // comes up meanwhile.
+  template <typename Use>
+  static void WithExisting(const InodeId& id, Use use) {
+    InodeRegistry& registry = Instance();
+    const std::lock_guard<std::mutex> lock(registry.mutex_);
+    const auto found = registry.states_.find(id);
+    use(found == registry.states_.end() ? nullptr : found->second.get());
+  }
+
  private:
   InodeRegistry() { pthread_atfork(&BeforeFork, &AfterForkInParent, &AfterForkInChild); }
 
@@ -56,12 +67,27 @@ class InodeRegistry {
     return *registry;
   }
 
-  static void BeforeFork() { Instance().mutex_.lock(); }
-  static void AfterForkInParent() { Instance().mutex_.unlock(); }
-  static void AfterForkInChild() {
-    for (auto& entry : Instance().states_) {
-      if (entry.second != nullptr) entry.second->AfterFork();
+  template <typename Use>
+  void ForEach(Use use) {
+    for (auto& entry : states_) {
+      if (entry.second != nullptr) use(*entry.second);
     }
+  }
+
+  static void BeforeFork() {
+    Instance().mutex_.lock();
+    if constexpr (requires(State & state) { state.BeforeFork(); }) {
+      Instance().ForEach([](State& state) { state.BeforeFork(); });
+    }
+  }
+  static void AfterForkInParent() {
+    if constexpr (requires(State & state) { state.AfterForkInParent(); }) {
+      Instance().ForEach([](State& state) { state.AfterForkInParent(); });
+    }
+    Instance().mutex_.unlock();
+  }
+  static void AfterForkInChild() {
+    Instance().ForEach([](State& state) { state.AfterFork(); });
     Instance().mutex_.unlock();
   }
 

@@ -37,9 +37,52 @@ bool IsUsableName(const char (&name)[kBlockNameLength + 1]) {
 
 }  // namespace
 
+// The file is new if the list is another file's that had the same number. Nobody has had the file open if there is no
+// handle, so that somebody else may have put it there.
+void ManifestSharedState::AddHandle(bool isNewFile) {
+  ManifestListPointer empty = std::make_shared<ManifestList>();
+  const std::lock_guard<std::mutex> lock(listMutex_);
+  if (isNewFile || handles_ == 0) list_.swap(empty);
+  ++handles_;
+}
+
+void ManifestSharedState::RemoveHandle() {
+  const std::lock_guard<std::mutex> lock(listMutex_);
+  --handles_;
+}
+
+ManifestListPointer ManifestSharedState::List() {
+  const std::lock_guard<std::mutex> lock(listMutex_);
+  return list_;
+}
+
+// The old list may go with the argument, when the mutex is free again.
+void ManifestSharedState::SetList(ManifestListPointer list) {
+  const std::lock_guard<std::mutex> lock(listMutex_);
+  list_.swap(list);
+}
+
+bool ManifestSharedState::SetListIfUnchanged(ManifestListPointer* expected, ManifestListPointer list) {
+  const std::lock_guard<std::mutex> lock(listMutex_);
+  const bool unchanged = list_ == *expected;
+  if (unchanged) list_ = std::move(list);
+  *expected = list_;
+  return unchanged;
+}
+
+void ManifestSharedState::BeforeFork() {
+  listMutex_.lock();
+  changesMutex.lock();
+}
+
+void ManifestSharedState::AfterForkInParent() {
+  changesMutex.unlock();
+  listMutex_.unlock();
+}
+
 // The child shares the store with its parent from the beginning, and draws the same random names.
 void ManifestSharedState::AfterFork() {
-  ReinitAfterFork(changesMutex);
+  AfterForkInParent();
   ++externalChanges;
 }
 
@@ -83,7 +126,7 @@ uint32_t Manifest::Open(const std::string& path, Manifest** out) {
   if (const uint32_t status = manifest->VerifyAtOpen(); status != kStatusOk) return status;
 
   manifest->Attach(madeAnew);
-  if (const uint32_t status = manifest->LoadUnlocked(); status != kStatusOk) {
+  if (const uint32_t status = manifest->LoadAtOpen(); status != kStatusOk) {
     std::printf("Failed to load block entries");
     return status;
   }
@@ -95,9 +138,7 @@ Manifest::Manifest(std::shared_ptr<OsFile> file, uint8_t* header)
     : file_(std::move(file)), header_(header), state_(nullptr) {}
 
 Manifest::~Manifest() {
-  if (state_ == nullptr) return;
-  const FileLockGuard threadLock(file_, LockLevel::ThreadOnly);
-  --state_->handles;
+  if (state_ != nullptr) state_->RemoveHandle();
 }
 
 // Writes the whole header at once, unless another process has done so meanwhile.
@@ -122,12 +163,7 @@ uint32_t Manifest::CreateInPlace(OsFile& file, uint64_t* size) {
 // an update, so a bad header is read again under the lock before it is called damaged.
 uint32_t Manifest::VerifyAtOpen() const {
   ManifestHeader header;
-  bool sound = ReadHeader(&header);
-  if (!sound) {
-    const FileLockGuard lock(file_, LockLevel::Shared);
-    sound = ReadHeader(&header);
-  }
-  if (!sound) {
+  if (!ReadAtOpen(file_, [&] { return ReadHeader(&header); })) {
     std::printf("Invalid manifest header checksum");
     return kStatusManifestChecksum;
   }
@@ -138,59 +174,71 @@ uint32_t Manifest::VerifyAtOpen() const {
   return kStatusOk;
 }
 
-// Finds the list that the process has for the file. It starts over when the file is new, whose number may
-// have belonged to a file that was removed, and when nobody has had the file open, so that it may have been
-// put there by somebody else.
+// Finds the list that the process has for the file, and finishes what a process left behind that was killed while it
+// replaced entries. If anybody holds the lock the replacement may still be under way; reading the list copes with it.
 void Manifest::Attach(bool madeAnew) {
-  state_ = InodeRegistry<ManifestSharedState>::FindOrCreate(file_->Id(), [](ManifestSharedState&) {});
-  const FileLockGuard threadLock(file_, LockLevel::ThreadOnly);
-  if (madeAnew || state_->handles == 0) {
-    state_->loadedGeneration = 0;
-    state_->entries.clear();
-  }
-  ++state_->handles;
+  ManifestSharedState* const state =
+      InodeRegistry<ManifestSharedState>::FindOrCreate(file_->Id(), [](ManifestSharedState&) {});
+  state->AddHandle(madeAnew);
+  state_ = state;
 
   if (!MayHaveJournal(JournalPath(file_->Path()))) return;
-  const FileLockGuard lock(file_, LockLevel::Exclusive);
-  // While somebody holds the lock the replacement may still be under way; reading the list knows what to do.
-  if (lock.Status() == kStatusOk) IgnoreStatus(RecoverRewrite());
+  const TryFileLockGuard lock(file_, LockLevel::Exclusive);
+  if (lock.Status() == kStatusOk) IgnoreStatus(RecoverRewrite());  // the next change tries again
 }
 
 uint32_t Manifest::Load() {
-  ManifestHeader header;
-  if (!ReadHeader(&header)) {
-    std::printf("Invalid manifest header checksum");
-    return kStatusManifestChecksum;
+  ManifestListPointer list;
+  return Load(&list);
+}
+
+// An opening, which holds no lock, may replace the list meanwhile.
+uint32_t Manifest::Load(ManifestListPointer* list) {
+  *list = state_->List();
+  for (;;) {
+    ManifestHeader header;
+    if (!ReadHeader(&header)) {
+      std::printf("Invalid manifest header checksum");
+      return kStatusManifestChecksum;
+    }
+    if (header.generation == (*list)->generation) return kStatusOk;
+    Reading reading = ReadList(header);
+    if (const uint32_t status = StatusOf(reading); status != kStatusOk) return status;
+    if (state_->SetListIfUnchanged(list, std::move(reading.list))) return kStatusOk;
   }
-  if (header.generation == state_->loadedGeneration) return kStatusOk;
-  return InstallList(ReadList(header));
 }
 
 uint32_t Manifest::LoadUnlocked(BlockEntries* entries) {
-  const FileLockGuard threadLock(file_, LockLevel::ThreadOnly);
-  const uint32_t status = TryLoadUnlocked() ? kStatusOk : LoadLocked();
-  if (entries != nullptr) *entries = state_->entries;
+  ManifestListPointer list;
+  uint32_t status = kStatusOk;
+  if (!TryLoadUnlocked(&list)) {
+    const FileLockGuard lock(file_, LockLevel::Shared);
+    status = Load(&list);
+  }
+  *entries = list->entries;
   return status;
 }
 
-bool Manifest::TryLoadUnlocked() {
+// The list that was read without a lock counts only if no other thread has replaced the list meanwhile: that thread may
+// have changed the file.
+bool Manifest::TryLoadUnlocked(ManifestListPointer* list) {
+  *list = state_->List();
   ManifestHeader header;
   if (!ReadHeader(&header)) return false;
-  if (header.generation == state_->loadedGeneration) return true;
+  if (header.generation == (*list)->generation) return true;
   Reading reading = ReadList(header);
-  return reading.outcome == Reading::Outcome::Complete && InstallList(std::move(reading)) == kStatusOk;
+  return reading.outcome == Reading::Outcome::Complete &&
+         state_->SetListIfUnchanged(list, std::move(reading.list));
 }
 
-uint32_t Manifest::LoadLocked() {
-  const FileLockGuard lock(file_, LockLevel::Shared);
-  return Load();
+uint32_t Manifest::LoadAtOpen() {
+  ManifestListPointer list;
+  return ReadAtOpen(file_, [&] { return TryLoadUnlocked(&list); }) ? kStatusOk : Load(&list);
 }
 
-uint32_t Manifest::InstallList(Reading reading) {
+uint32_t Manifest::StatusOf(const Reading& reading) {
   switch (reading.outcome) {
     case Reading::Outcome::Complete:
-      state_->entries.swap(reading.entries);
-      state_->loadedGeneration = reading.generation;
       return kStatusOk;
     case Reading::Outcome::BadEntry:
       std::printf("Failed to decode header of block entry");
@@ -232,7 +280,8 @@ bool ParseEntries(uint64_t end, View view, BlockEntries* entries, bool* badEntry
 
 Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
   Reading reading;
-  reading.generation = header.generation;
+  BlockEntries& entries = reading.list->entries;
+  reading.list->generation = header.generation;
   bool badEntry = false;
   bool complete = false;
 
@@ -244,15 +293,15 @@ Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
       *bytes = replacement.entries.data() + offset;
       return true;
     };
-    complete = ParseEntries(replacement.entries.size(), view, &reading.entries, &badEntry);
+    complete = ParseEntries(replacement.entries.size(), view, &entries, &badEntry);
   } else if (unfinished == Unfinished::No && file_->Size(&size) == 0) {
     FileWindow window(file_, kListWindow);
     const auto view = [&window](uint64_t offset, size_t length, const uint8_t** bytes) {
       return window.View(sizeof(ManifestHeader) + offset, length, bytes) == FileWindow::Result::Ok;
     };
     const uint64_t end = size < sizeof(ManifestHeader) ? 0 : size - sizeof(ManifestHeader);
-    complete = ParseEntries(end, view, &reading.entries, &badEntry);
-    if (badEntry) complete = EndsTorn(size, reading.entries);
+    complete = ParseEntries(end, view, &entries, &badEntry);
+    if (badEntry) complete = EndsTorn(size, entries);
   }
   if (!complete) reading.outcome = badEntry ? Reading::Outcome::BadEntry : Reading::Outcome::Unreadable;
   return reading;
@@ -270,15 +319,17 @@ bool Manifest::EndsTorn(uint64_t size, const BlockEntries& entries) const {
 }
 
 BlockEntries Manifest::Entries() {
-  IgnoreStatus(Load());  // callers work on whatever the list holds
-  return state_->entries;
+  ManifestListPointer list;
+  IgnoreStatus(Load(&list));  // callers work on whatever the list holds
+  return list->entries;
 }
 
 BlockEntries Manifest::FindCandidates(const Key& key) {
-  IgnoreStatus(Load());  // as above
+  ManifestListPointer list;
+  IgnoreStatus(Load(&list));  // as above
   const uint32_t hash = KeyHash(key);
   BlockEntries candidates;
-  for (const std::shared_ptr<BlockEntry>& entry : state_->entries) {
+  for (const std::shared_ptr<BlockEntry>& entry : list->entries) {
     if (KeyFilterMayContain(hash, entry->filter)) candidates.push_back(entry);
   }
   return candidates;

@@ -2,9 +2,9 @@
 //
 // Ownership: a Manifest owns its mapping of the header and shares its file. The list belongs to the file, one
 //            for each process, and lives until the process ends; entries are shared with whoever uses them.
-// Threads:   Open and ExternalChanges may run at any time. Every other operation is called with the file's lock
-//            held (OsFile::Lock on File()): Exclusive for Append, Replace and Truncate, Shared at least for
-//            the rest, except where LoadUnlocked says otherwise.
+// Threads:   Open, the destructor and ExternalChanges may run at any time and never wait for a lock. Every other
+//            operation is called with the file's lock held (OsFile::Lock on File()): Exclusive for Append, Replace
+//            and Truncate, Shared at least for the rest, except where LoadUnlocked says otherwise.
 // Failure:   statuses, and the diagnostics named with each operation. Any operation may throw std::bad_alloc;
 //            it has changed nothing on disk then.
 // Bytes:     storage/manifest_format.h.
@@ -32,18 +32,38 @@ struct BlockEntry {
 };
 using BlockEntries = std::vector<std::shared_ptr<BlockEntry>>;
 
-// The list of one manifest in one process. Guarded by the in-process mutex of the manifest's file, except
-// what stands below changesMutex.
-struct ManifestSharedState {
-  uint32_t loadedGeneration = 0;
+// What the manifest lists at one generation. It is never changed, only replaced.
+struct ManifestList {
+  uint32_t generation = 0;
   BlockEntries entries;
-  uint32_t handles = 0;
+};
+using ManifestListPointer = std::shared_ptr<const ManifestList>;
+
+// What one process knows of one manifest. Its mutexes are held for a few instructions only, never while a caller's
+// code runs, so that openings need not wait for the manifest's lock.
+class ManifestSharedState {
+ public:
+  // A handle comes and goes. The list starts over with the first one, or if the file is new.
+  void AddHandle(bool isNewFile);
+  void RemoveHandle();
+
+  ManifestListPointer List();
+  void SetList(ManifestListPointer list);
+  // Sets the list unless another thread has replaced `*expected` meanwhile. `*expected` is the current list then.
+  bool SetListIfUnchanged(ManifestListPointer* expected, ManifestListPointer list);
 
   std::mutex changesMutex;
   std::atomic<uint32_t> knownGeneration{0};  // the last one that this process published or noticed
   std::atomic<uint64_t> externalChanges{0};  // generations that it noticed and had not published, and a fork
 
+  void BeforeFork();
+  void AfterForkInParent();
   void AfterFork();
+
+ private:
+  std::mutex listMutex_;
+  ManifestListPointer list_ = std::make_shared<ManifestList>();
+  uint32_t handles_ = 0;
 };
 
 struct ManifestJournal;
@@ -78,10 +98,9 @@ class Manifest {
   //                            has no usable name, "Failed to read block entry" when a filter is cut off or
   //                            the system can't read
   uint32_t Load();
-  // Load for a caller that holds no byte-range lock: keeps out the threads of this process only, and takes
-  // the lock where what it finds does not add up, as in the middle of another process's update.
-  // `*entries`, when asked for, is the list.
-  uint32_t LoadUnlocked(BlockEntries* entries = nullptr);
+  // Load for a caller that holds no lock. Takes the lock if what it finds does not add up, as in the middle of
+  // somebody else's update. `*entries` is the list, the old one after a failure.
+  uint32_t LoadUnlocked(BlockEntries* entries);
 
   // Records a block: writes its entry behind the last one listed, moves the generation and forces both to the
   // disk. Whatever a torn write left behind the last entry is cut off first.
@@ -123,8 +142,7 @@ class Manifest {
   struct Reading {
     enum class Outcome { Complete, BadEntry, Unreadable };
     Outcome outcome = Outcome::Complete;
-    uint32_t generation = 0;
-    BlockEntries entries;
+    std::shared_ptr<ManifestList> list = std::make_shared<ManifestList>();
   };
 
   Manifest(std::shared_ptr<OsFile> file, uint8_t* header);
@@ -133,20 +151,20 @@ class Manifest {
   uint32_t VerifyAtOpen() const;
   void Attach(bool madeAnew);
   bool ReadHeader(ManifestHeader* header) const;
-  bool TryLoadUnlocked();
-  uint32_t LoadLocked();
+  uint32_t Load(ManifestListPointer* list);
+  bool TryLoadUnlocked(ManifestListPointer* list);
+  uint32_t LoadAtOpen();
+  static uint32_t StatusOf(const Reading& reading);
   Reading ReadList(const ManifestHeader& header) const;
   bool EndsTorn(uint64_t size, const BlockEntries& entries) const;
   enum class Unfinished { No, Yes, Unknown };
   Unfinished FindPendingRewrite(const ManifestHeader& header, ManifestJournal* replacement) const;
-  uint32_t InstallList(Reading reading);
-  uint32_t PrepareChange(ManifestHeader* header, uint64_t* end);
+  uint32_t PrepareChange(ManifestHeader* header, ManifestListPointer* list);
   uint32_t RecoverRewrite();
   uint32_t WriteReplacing(const ManifestJournal& replacement, const std::vector<uint8_t>& old,
                           bool* restored);
   bool ReadEntryBytes(uint64_t end, std::vector<uint8_t>* bytes) const;
   void PublishGeneration(ManifestHeader header, uint32_t generation);
-  uint64_t ListedEnd() const;
 
   std::shared_ptr<OsFile> file_;  // has adopted the mapping
   uint8_t* header_;               // the mapped header

@@ -42,6 +42,12 @@ uint64_t EntrySize(const BlockEntry& entry) {
   return sizeof(ManifestEntry) + entry.filter.size();
 }
 
+uint64_t EndOf(const ManifestList& list) {
+  uint64_t end = kFirstEntry;
+  for (const std::shared_ptr<BlockEntry>& entry : list.entries) end += EntrySize(*entry);
+  return end;
+}
+
 bool Lists(const BlockEntries& entries, const std::string& name) {
   return std::any_of(entries.begin(), entries.end(),
                      [&name](const auto& entry) { return entry->name == name; });
@@ -58,21 +64,21 @@ bool ListsAll(const BlockEntries& entries, const BlockEntries& wanted) {
 // that whoever sees the new generation finds the entry complete; then both are forced to the disk.
 uint32_t Manifest::Append(const std::string& name, const std::vector<uint8_t>& filter) {
   ManifestHeader header;
-  uint64_t end = 0;
-  if (const uint32_t status = PrepareChange(&header, &end); status != kStatusOk) return status;
+  ManifestListPointer list;
+  if (const uint32_t status = PrepareChange(&header, &list); status != kStatusOk) return status;
   const std::vector<uint8_t> bytes = EntryBytes(name, filter);
-  std::shared_ptr<BlockEntry> entry = MakeEntry(name, filter);
-  state_->entries.reserve(state_->entries.size() + 1);
+  auto longer = std::make_shared<ManifestList>(*list);
+  longer->generation = header.generation + 1;
+  longer->entries.push_back(MakeEntry(name, filter));
 
-  const auto size = static_cast<ssize_t>(bytes.size());
-  if (file_->PWriteFully(bytes.data(), bytes.size(), static_cast<int64_t>(end)) != size) {
-    IgnoreStatus(file_->Truncate(static_cast<int64_t>(end)));  // the next Append tries again
+  const auto end = static_cast<int64_t>(EndOf(*list));
+  if (file_->PWriteFully(bytes.data(), bytes.size(), end) != static_cast<ssize_t>(bytes.size())) {
+    IgnoreStatus(file_->Truncate(end));  // the next Append tries again
     std::printf("Failed to write block entry");
     return kStatusManifestWriteFailed;
   }
-  state_->entries.push_back(std::move(entry));
-  PublishGeneration(header, header.generation + 1);
-  state_->loadedGeneration = header.generation + 1;
+  PublishGeneration(header, longer->generation);
+  state_->SetList(std::move(longer));
   return file_->Sync() == 0 ? kStatusOk : kStatusSyncFailed;
 }
 
@@ -83,12 +89,12 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
                            const std::vector<uint8_t>& filter, bool* done) {
   *done = false;
   ManifestHeader header;
-  uint64_t end = 0;
-  if (const uint32_t status = PrepareChange(&header, &end); status != kStatusOk) return status;
-  if (!ListsAll(state_->entries, replaced)) return kStatusOk;
+  ManifestListPointer list;
+  if (const uint32_t status = PrepareChange(&header, &list); status != kStatusOk) return status;
+  if (!ListsAll(list->entries, replaced)) return kStatusOk;
 
   std::vector<uint8_t> old;
-  if (!ReadEntryBytes(end, &old)) {
+  if (!ReadEntryBytes(EndOf(*list), &old)) {
     std::printf("Failed to read block entry");
     return kStatusManifestUnreadable;
   }
@@ -97,13 +103,15 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
   replacement.oldLength = old.size();
   replacement.oldHash = JournalHash(old.data(), old.size());
   replacement.entries = EntryBytes(name, filter);
-  BlockEntries entries = {MakeEntry(name, filter)};
+  auto shorter = std::make_shared<ManifestList>();
+  shorter->generation = replacement.generation;
+  shorter->entries.push_back(MakeEntry(name, filter));
   auto position = old.begin();
-  for (const std::shared_ptr<BlockEntry>& entry : state_->entries) {
+  for (const std::shared_ptr<BlockEntry>& entry : list->entries) {
     const auto next = position + static_cast<ptrdiff_t>(EntrySize(*entry));
     if (!Lists(replaced, entry->name)) {
       replacement.entries.insert(replacement.entries.end(), position, next);
-      entries.push_back(entry);
+      shorter->entries.push_back(entry);
     }
     position = next;
   }
@@ -120,9 +128,8 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
     return status;
   }
   *done = true;
-  state_->entries.swap(entries);
   PublishGeneration(header, replacement.generation);
-  state_->loadedGeneration = replacement.generation;
+  state_->SetList(std::move(shorter));
   if (file_->Sync() != 0) return kStatusSyncFailed;
   IgnoreStatus(RemoveJournal(sidePath));  // as above
   return kStatusOk;
@@ -147,17 +154,22 @@ uint32_t Manifest::WriteReplacing(const ManifestJournal& replacement, const std:
 
 // A truncation does not move the generation; only the file's length tells of it.
 bool Manifest::StillLists(const BlockEntries& entries) {
+  ManifestListPointer list;
   uint64_t size = 0;
-  if (Load() != kStatusOk || file_->Size(&size) != 0) return false;
-  return size >= ListedEnd() && ListsAll(state_->entries, entries);
+  if (Load(&list) != kStatusOk || file_->Size(&size) != 0) return false;
+  return size >= EndOf(*list) && ListsAll(list->entries, entries);
 }
 
 uint32_t Manifest::Truncate() {
   const std::string sidePath = JournalPath(file_->Path());
   // Before the entries go: what it would bring back must stay dropped.
   if (MayHaveJournal(sidePath)) IgnoreStatus(RemoveJournal(sidePath));
-  state_->entries.clear();
-  if (file_->Truncate(kFirstEntry) != 0) return kStatusTruncateFailed;
+  auto empty = std::make_shared<ManifestList>();
+  empty->generation = state_->List()->generation;
+  const bool cut = file_->Truncate(kFirstEntry) == 0;
+  // After the file: an opening that read the old entries meanwhile has not the last word.
+  state_->SetList(std::move(empty));
+  if (!cut) return kStatusTruncateFailed;
   IgnoreStatus(file_->Sync());  // only a loss of power could tell
   return kStatusOk;
 }
@@ -165,12 +177,12 @@ uint32_t Manifest::Truncate() {
 // Brings the list and the file together before a change: finishes or drops a replacement that was left
 // behind, reads what other processes have recorded, follows a truncation, which does not move the generation,
 // and cuts off what a torn write left behind the last entry.
-uint32_t Manifest::PrepareChange(ManifestHeader* header, uint64_t* end) {
+uint32_t Manifest::PrepareChange(ManifestHeader* header, ManifestListPointer* list) {
   if (const uint32_t status = RecoverRewrite(); status != kStatusOk) {
     if (status == kStatusManifestUnreadable) std::printf("Failed to read block entry");
     return status;
   }
-  if (const uint32_t status = Load(); status != kStatusOk) return status;
+  if (const uint32_t status = Load(list); status != kStatusOk) return status;
   if (!ReadHeader(header)) {
     std::printf("Invalid manifest header checksum");
     return kStatusManifestChecksum;
@@ -180,11 +192,14 @@ uint32_t Manifest::PrepareChange(ManifestHeader* header, uint64_t* end) {
     std::printf("Failed to seek to end of file");
     return kStatusSeekFailed;
   }
-  if (size < ListedEnd()) {
-    if (const uint32_t status = InstallList(ReadList(*header)); status != kStatusOk) return status;
+  if (size < EndOf(**list)) {
+    Reading reading = ReadList(*header);
+    if (const uint32_t status = StatusOf(reading); status != kStatusOk) return status;
+    *list = std::move(reading.list);
+    state_->SetList(*list);
   }
-  *end = ListedEnd();
-  if (size > *end && file_->Truncate(static_cast<int64_t>(*end)) != 0) return kStatusTruncateFailed;
+  const uint64_t end = EndOf(**list);
+  if (size > end && file_->Truncate(static_cast<int64_t>(end)) != 0) return kStatusTruncateFailed;
   return kStatusOk;
 }
 
@@ -249,12 +264,6 @@ void Manifest::PublishGeneration(ManifestHeader header, uint32_t generation) {
   header.checksum = StoreChecksum(&header, ManifestHeaderOffset::kChecksum);
   state_->knownGeneration = generation;
   StoreHeaderAtomically(header_, &header);
-}
-
-uint64_t Manifest::ListedEnd() const {
-  uint64_t end = kFirstEntry;
-  for (const std::shared_ptr<BlockEntry>& entry : state_->entries) end += EntrySize(*entry);
-  return end;
 }
 
 }  // namespace Kestrun

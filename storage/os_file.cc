@@ -8,26 +8,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <new>
+#include <utility>
 
 #include "kestrun/status.h"
 
 namespace Kestrun {
 namespace {
 
-constexpr int64_t kGateByte = 0x40000000;
-constexpr int64_t kGateLength = 1;
-constexpr int64_t kLockRangeStart = 0x40000001;
-constexpr int64_t kLockRangeLength = 511;
-static_assert(kLockRangeStart == kGateByte + kGateLength);
-
-constexpr int kLockAttempts = 4;
-constexpr useconds_t kLockRetryMicros = 1000;
-
-// The descriptors below this one are the standard streams, onto which the host may print.
-constexpr int kFirstUsableDescriptor = 3;
-
 constexpr uint32_t kUnmapFailed = 0xFFFFFFFF;
+
+constexpr int kReadAttempts = 100;
+constexpr useconds_t kReadRetryMicros = 1000;
 
 // What a device, a pipe or the like answers to fsync and fallocate.
 bool IsRefusalOfSpecialFile(int error) {
@@ -39,75 +30,26 @@ bool TakesMutex(LockLevel level) {
   return (static_cast<uint8_t>(level) & 3) != 0;
 }
 
-int OpenUninterrupted(const std::string& path, int openFlags) {
-  int descriptor;
-  do {
-    descriptor = open(path.c_str(), openFlags, 0600);
-  } while (descriptor < 0 && errno == EINTR);
-  return descriptor;
-}
-
 // A regular file is waited for where another process has a lease on it; nothing else is.
 bool IsLeased(const std::string& path) {
   struct stat info = {};
   return errno == EWOULDBLOCK && stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
-int OpenDescriptor(const std::string& path, uint16_t flags) {
+bool OpenDescriptor(const std::string& path, uint16_t flags, FileDescriptor* descriptor) {
   const bool writable = (flags & (kOpenReadWrite | kOpenCreate)) != 0;
-  const int openFlags = (writable ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC | O_NOCTTY;
-  int descriptor = OpenUninterrupted(path, openFlags | O_NONBLOCK);
-  if (descriptor < 0 && IsLeased(path)) descriptor = OpenUninterrupted(path, openFlags);
-
-  if (descriptor <= 0) {
-    // Descriptor 0 counts as a failure; callers rely on it.
-    if (descriptor == 0) CloseWhenUnlocked(descriptor);
-    return -1;
-  }
-  return MoveAboveStdio(descriptor);
+  const int openFlags = (writable ? O_RDWR | O_CREAT : O_RDONLY) | O_NOCTTY;
+  const bool opened =
+      descriptor->Open(path, openFlags | O_NONBLOCK) || (IsLeased(path) && descriptor->Open(path, openFlags));
+  // Compat: descriptor-0-fails-open.
+  return opened && !descriptor->WasStandardInput();
 }
 
 }  // namespace
 
-InodeId InodeIdOf(const struct stat& info) {
-  return {static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino)};
-}
-
-void CloseWhenUnlocked(int descriptor, InodeInfo* inode) {
-  const std::lock_guard<std::recursive_mutex> lock(inode->mutex);
-  close(descriptor);
-}
-
-void CloseWhenUnlocked(int descriptor) noexcept {
-  struct stat info = {};
-  InodeInfo* inode = nullptr;
-  try {
-    if (fstat(descriptor, &info) == 0) {
-      inode = InodeRegistry<InodeInfo>::FindOrCreate(InodeIdOf(info), [](InodeInfo&) {});
-    }
-  } catch (const std::bad_alloc&) {
-  }
-  if (inode == nullptr) {
-    close(descriptor);
-  } else {
-    CloseWhenUnlocked(descriptor, inode);
-  }
-}
-
-int MoveAboveStdio(int descriptor) noexcept {
-  if (descriptor < 0 || descriptor >= kFirstUsableDescriptor) return descriptor;
-  const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, kFirstUsableDescriptor);
-  CloseWhenUnlocked(descriptor);
-  return moved;
-}
-
-void InodeInfo::AfterFork() {
-  level = LockLevel::None;
-  ReinitAfterFork(mutex);
-}
-
-OsFile::OsFile(int descriptor, std::string path, uint16_t flags, const struct stat& info, InodeInfo* inode)
-    : descriptor_(descriptor),
+OsFile::OsFile(FileDescriptor descriptor, std::string path, uint16_t flags, const struct stat& info,
+               InodeInfo* inode)
+    : descriptor_(std::move(descriptor)),
       path_(std::move(path)),
       id_(InodeIdOf(info)),
       inode_(inode),
@@ -119,23 +61,14 @@ OsFile::~OsFile() {
 }
 
 uint32_t OsFile::Open(const std::string& path, uint16_t flags, OsFile** out) {
-  const int descriptor = OpenDescriptor(path, flags);
-  if (descriptor < 0) return kStatusOpenFailed;
-
+  FileDescriptor descriptor;
+  if (!OpenDescriptor(path, flags, &descriptor)) return kStatusOpenFailed;
   struct stat info = {};
-  if (fstat(descriptor, &info) != 0) {
-    close(descriptor);
-    return kStatusStatFailed;
-  }
-
-  try {
-    InodeInfo* inode =
-        InodeRegistry<InodeInfo>::FindOrCreate(InodeIdOf(info), [](InodeInfo& found) { ++found.openCount; });
-    *out = new OsFile(descriptor, path, flags, info, inode);
-  } catch (...) {
-    close(descriptor);
-    throw;
-  }
+  if (fstat(descriptor.Get(), &info) != 0) return kStatusStatFailed;
+  InodeInfo* const inode =
+      InodeRegistry<InodeInfo>::FindOrCreate(InodeIdOf(info), [](InodeInfo& found) { ++found.openCount; });
+  descriptor.SetInode(inode);
+  *out = new OsFile(std::move(descriptor), path, flags, info, inode);
   return kStatusOk;
 }
 
@@ -148,29 +81,23 @@ uint32_t OsFile::Open(const std::string& path, uint16_t flags, std::shared_ptr<O
 
 uint32_t OsFile::Lock(LockLevel level) {
   if (flags_ == kOpenNoLock) return kStatusOk;
-  if (TakesMutex(level)) inode_->mutex.lock();
-  if ((flags_ & kOpenLocalLockOnly) != 0) return kStatusOk;
-  if (inode_->level >= level) return kStatusOk;
-  if (const uint32_t status = LockBytes(level); status != kStatusOk) return status;
-  inode_->level = level;
-  return kStatusOk;
+  if (TakesMutex(level)) inode_->Enter();
+  return LockBytes(level);
 }
 
-// The gate byte comes first: a writer that holds it keeps new readers out while it waits for the range. A
-// reader lets go of it once it has the range. What was locked before a failing step stays locked.
+bool OsFile::TryLock(LockLevel level, uint32_t* status) {
+  *status = kStatusOk;
+  if (flags_ == kOpenNoLock) return true;
+  if (TakesMutex(level) && !inode_->TryEnter()) {
+    *status = kStatusLockFailed;
+    return false;
+  }
+  *status = LockBytes(level);
+  return true;
+}
+
 uint32_t OsFile::LockBytes(LockLevel level) {
-  if (level == LockLevel::Shared) {
-    const bool locked = SetByteLock(F_RDLCK, kGateByte, kGateLength) &&
-                        SetByteLock(F_RDLCK, kLockRangeStart, kLockRangeLength) &&
-                        SetByteLock(F_UNLCK, kGateByte, kGateLength);
-    return locked ? kStatusOk : kStatusLockFailed;
-  }
-  if (level == LockLevel::Exclusive) {
-    const bool locked = SetByteLock(F_WRLCK, kGateByte, kGateLength) &&
-                        SetByteLock(F_WRLCK, kLockRangeStart, kLockRangeLength);
-    return locked ? kStatusOk : kStatusLockFailed;
-  }
-  return kStatusOk;
+  return (flags_ & kOpenLocalLockOnly) != 0 ? kStatusOk : inode_->RaiseTo(level, descriptor_.Get());
 }
 
 // The byte-range locks go before the mutex, so that no other thread finds a level on record that is about
@@ -178,72 +105,51 @@ uint32_t OsFile::LockBytes(LockLevel level) {
 uint32_t OsFile::Unlock(LockLevel level) {
   if (flags_ == kOpenNoLock) return kStatusOk;
   uint32_t status = kStatusOk;
-  if ((flags_ & kOpenLocalLockOnly) == 0 && inode_->level >= level) status = UnlockBytes(level);
-  if (TakesMutex(level)) inode_->mutex.unlock();
+  if ((flags_ & kOpenLocalLockOnly) == 0) status = inode_->DropFrom(level, descriptor_.Get());
+  if (TakesMutex(level)) inode_->Leave();
   return status;
 }
 
-uint32_t OsFile::UnlockBytes(LockLevel level) {
-  if (level != LockLevel::Shared && level != LockLevel::Exclusive) return kStatusOk;
-  if (!SetByteLock(F_UNLCK, kLockRangeStart, kLockRangeLength)) return kStatusLockFailed;
-  if (level == LockLevel::Exclusive && !SetByteLock(F_UNLCK, kGateByte, kGateLength))
-    return kStatusLockFailed;
-  inode_->level = LockLevel::None;
-  return kStatusOk;
-}
-
 bool OsFile::LockByte(int64_t offset) {
-  return SetByteLock(F_WRLCK, offset, 1);
+  return SetByteLock(descriptor_.Get(), F_WRLCK, offset, 1);
 }
 
 void OsFile::UnlockByte(int64_t offset) {
-  IgnoreStatus(SetByteLock(F_UNLCK, offset, 1));  // closing the file releases it at the latest
-}
-
-bool OsFile::SetByteLock(short type, int64_t start, int64_t length) {
-  struct flock lock = {};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = start;
-  lock.l_len = length;
-  for (int attempt = 1;; ++attempt) {
-    if (fcntl(descriptor_, F_SETLK, &lock) >= 0) return true;
-    if (attempt == kLockAttempts) return false;
-    usleep(kLockRetryMicros);
-  }
+  IgnoreStatus(
+      SetByteLock(descriptor_.Get(), F_UNLCK, offset, 1));  // closing the file releases it at the latest
 }
 
 ssize_t OsFile::Read(void* buffer, size_t length) {
-  return read(descriptor_, buffer, length);
+  return read(descriptor_.Get(), buffer, length);
 }
 
 ssize_t OsFile::PRead(void* buffer, size_t length, int64_t offset) {
-  return pread(descriptor_, buffer, length, offset);
+  return pread(descriptor_.Get(), buffer, length, offset);
 }
 
 ssize_t OsFile::Write(const void* buffer, size_t length) {
-  return write(descriptor_, buffer, length);
+  return write(descriptor_.Get(), buffer, length);
 }
 
 ssize_t OsFile::PWrite(const void* buffer, size_t length, int64_t offset) {
-  return pwrite(descriptor_, buffer, length, offset);
+  return pwrite(descriptor_.Get(), buffer, length, offset);
 }
 
 off_t OsFile::Seek(int64_t offset, uint32_t whence) {
-  return lseek(descriptor_, offset, static_cast<int>(whence));
+  return lseek(descriptor_.Get(), offset, static_cast<int>(whence));
 }
 
 int OsFile::Truncate(int64_t length) {
-  return ftruncate(descriptor_, length);
+  return ftruncate(descriptor_.Get(), length);
 }
 
 int OsFile::Sync() {
-  return fsync(descriptor_);
+  return fsync(descriptor_.Get());
 }
 
 int OsFile::Size(uint64_t* size) {
   struct stat info = {};
-  const int result = fstat(descriptor_, &info);
+  const int result = fstat(descriptor_.Get(), &info);
   *size = result == 0 ? static_cast<uint64_t>(info.st_size) : 0;
   return result;
 }
@@ -277,7 +183,7 @@ ssize_t OsFile::PWriteFully(const void* buffer, size_t length, int64_t offset) {
 bool OsFile::Reserve(uint64_t length) {
   int result;
   do {
-    result = fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length));
+    result = fallocate(descriptor_.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length));
   } while (result != 0 && errno == EINTR);
   if (result == 0 || errno == EOPNOTSUPP || errno == ENOSYS) return true;
   return isSpecial_ && IsRefusalOfSpecialFile(errno);
@@ -289,7 +195,8 @@ bool OsFile::SyncIfSupported() {
 
 void* OsFile::Map(uint32_t length, uint32_t offset, uint32_t mapFlags) {
   const int protection = (mapFlags & kMapReadOnly) != 0 ? PROT_READ : PROT_READ | PROT_WRITE;
-  void* address = mmap(nullptr, length, protection, MAP_SHARED, descriptor_, static_cast<off_t>(offset));
+  void* address =
+      mmap(nullptr, length, protection, MAP_SHARED, descriptor_.Get(), static_cast<off_t>(offset));
   return address == MAP_FAILED ? nullptr : address;
 }
 
@@ -321,8 +228,16 @@ uint32_t OsFile::CloseAndRemove() {
 
 void OsFile::UnmapAndClose() {
   IgnoreStatus(UnmapAll());  // most handles have adopted nothing
-  if (descriptor_ >= 1) CloseWhenUnlocked(descriptor_, inode_);
-  descriptor_ = 0;
+  descriptor_.Close();
+}
+
+bool ReadAtOpen(const std::shared_ptr<OsFile>& file, const std::function<bool()>& read) {
+  for (int attempt = 1;; ++attempt) {
+    if (read()) return true;
+    const TryFileLockGuard lock(file, LockLevel::Shared);
+    if (lock.Entered() || attempt == kReadAttempts) return read();
+    usleep(kReadRetryMicros);
+  }
 }
 
 }  // namespace Kestrun

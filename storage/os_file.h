@@ -1,20 +1,13 @@
-// storage/os_file.h: a handle on one file of a store, and the locks that order threads and processes on it.
-//
-// A lock combines the file's mutex, one per process, with POSIX byte-range locks far beyond the end of the
-// file. POSIX locks belong to a process and not to a handle, so every handle that a process has on a file
-// shares one InodeInfo.
-//
-//   gate byte   1 byte at 0x40000000     read-locked while a reader enters, write-locked by a writer
-//   lock range  511 bytes behind it      read-locked by readers, write-locked by a writer
+// storage/os_file.h: a handle on one file of a store.
 //
 // Ownership: held through std::shared_ptr; the last reference unmaps what was adopted and closes the file.
 // Threads:   Lock and Unlock may be called from any thread; the thread that locked unlocks. The wrappers of
 //            system calls are as safe as these are.
 // Failure:   Open, Lock and Unlock return a status; the wrappers return what the system call returns and
 //            leave errno to the caller. Nothing is printed.
-// Traps:     closing any descriptor of a file drops all locks that the process holds on it, while the level
-//            on record stays; callers rely on the store not hiding this from the thread that holds them. A
-//            handle that goes waits until no other thread holds a lock.
+// Compat:    close-drops-locks. A descriptor that is closed on the thread that holds a lock on the file drops the
+//            locks of the process on it, while the level stays on record. On other threads the descriptor waits until
+//            the lock is given up (storage/file_lock.h); the destructor never blocks.
 #pragma once
 
 #include <sys/stat.h>
@@ -22,13 +15,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "storage/inode_registry.h"
+#include "storage/file_descriptor.h"
+#include "storage/file_lock.h"
 
 namespace Kestrun {
 
@@ -41,35 +35,6 @@ inline constexpr uint16_t kOpenLocalLockOnly = 32;  // Lock and Unlock take the 
 
 // Bit of OsFile::Map's flags: without it the mapping can be written.
 inline constexpr uint32_t kMapReadOnly = 1;
-
-enum class LockLevel : uint8_t {
-  None = 0,
-  ThreadOnly = 1,  // the mutex alone; keeps out the threads of this process
-  Shared = 2,      // the mutex, and a read lock that keeps out writers of other processes
-  Exclusive = 3,   // the mutex, and write locks that keep out every other process
-};
-
-// The lock record of one file in one process. Never freed.
-struct InodeInfo {
-  std::recursive_mutex mutex;
-  LockLevel level = LockLevel::None;  // what this process holds; guarded by mutex
-  uint32_t openCount = 0;             // calls of OsFile::Open that found this record; never counted down
-
-  // The child of a fork holds no byte-range lock, and the thread that held the mutex may not exist in it.
-  void AfterFork();
-};
-
-// What tells the file apart that was inspected.
-InodeId InodeIdOf(const struct stat& info);
-
-// Closes a descriptor of the file that `inode` belongs to while no other thread of the process is inside a
-// locked section on it: any close drops the locks of the whole process.
-void CloseWhenUnlocked(int descriptor, InodeInfo* inode);
-// The same for a descriptor whose file has not been looked up. At once when the lookup fails.
-void CloseWhenUnlocked(int descriptor) noexcept;
-// The descriptor, moved behind the standard streams, onto which the host and the library may print; -1 when it
-// can't be moved.
-int MoveAboveStdio(int descriptor) noexcept;
 
 class OsFile {
  public:
@@ -87,11 +52,13 @@ class OsFile {
   // Takes the mutex and then, for Shared and Exclusive, the byte-range locks, unless the process has that
   // level on record already. Each step is tried four times, 1 ms apart. kStatusLockFailed when a step fails:
   // the mutex is held nevertheless and Unlock must follow, and a gate byte that was locked stays locked until
-  // a later lock at that level succeeds. Callers rely on both.
+  // a later lock at that level succeeds. Compat: failed-lock-keeps-mutex, failed-lock-keeps-gate.
   [[nodiscard]] uint32_t Lock(LockLevel level);
+  // The same, unless another thread is inside: false at once, nothing is held then and Unlock must not follow.
+  [[nodiscard]] bool TryLock(LockLevel level, uint32_t* status);
   // Undoes one Lock of the same level, also one that failed. Whatever the nesting, the byte-range locks and
   // the level on record are dropped at once. Level Shared while Exclusive is on record leaves the gate byte
-  // write-locked. kStatusLockFailed when a lock can't be released; the level stays on record.
+  // write-locked (Compat: unlock-shared-keeps-gate). kStatusLockFailed when a lock can't be released; the level stays on record.
   [[nodiscard]] uint32_t Unlock(LockLevel level);
 
   // Locks one byte of the file for writing against other processes, tried as the steps of Lock are. False
@@ -140,14 +107,13 @@ class OsFile {
   const InodeId& Id() const { return id_; }
 
  private:
-  OsFile(int descriptor, std::string path, uint16_t flags, const struct stat& info, InodeInfo* inode);
+  OsFile(FileDescriptor descriptor, std::string path, uint16_t flags, const struct stat& info,
+         InodeInfo* inode);
 
   uint32_t LockBytes(LockLevel level);
-  uint32_t UnlockBytes(LockLevel level);
-  bool SetByteLock(short type, int64_t start, int64_t length);
   void UnmapAndClose();
 
-  int descriptor_;  // 0 once closed
+  FileDescriptor descriptor_;
   std::string path_;
   InodeId id_;
   InodeInfo* inode_;
@@ -176,5 +142,32 @@ class [[nodiscard]] FileLockGuard {
   LockLevel level_;
   uint32_t status_;
 };
+
+// The same for an opening, which never waits for a section of another thread.
+class [[nodiscard]] TryFileLockGuard {
+ public:
+  TryFileLockGuard(std::shared_ptr<OsFile> file, LockLevel level)
+      : file_(std::move(file)), level_(level), entered_(file_->TryLock(level, &status_)) {}
+  ~TryFileLockGuard() {
+    if (entered_) IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
+  }
+  TryFileLockGuard(const TryFileLockGuard&) = delete;
+  TryFileLockGuard& operator=(const TryFileLockGuard&) = delete;
+  // Whether no other thread is inside.
+  bool Entered() const { return entered_; }
+  // kStatusLockFailed also if another thread is inside.
+  uint32_t Status() const { return status_; }
+
+ private:
+  std::shared_ptr<OsFile> file_;  // outlives the unlock
+  LockLevel level_;
+  uint32_t status_ = 0;
+  bool entered_;
+};
+
+// For an opening, which reads while others write: calls `read` until it is content, at last with the file locked for
+// reading. If another thread of the process is inside, the reading is tried again for about a tenth of a second, by
+// when that thread is done with its change or is at something that does not change the file.
+[[nodiscard]] bool ReadAtOpen(const std::shared_ptr<OsFile>& file, const std::function<bool()>& read);
 
 }  // namespace Kestrun

@@ -187,7 +187,14 @@ uint32_t Wal::Reserve(uint32_t size, uint32_t* offset) {
   return kStatusOk;
 }
 
+void Wal::ClearIfRecreated() {
+  if (state_->wasRecreated.load(std::memory_order_relaxed) && state_->wasRecreated.exchange(false)) {
+    state_->Clear();
+  }
+}
+
 bool Wal::CatchUp() {
+  ClearIfRecreated();
   WalHeader header;
   if (!ReadHeader(&header)) return false;
   CatchUp(header);
@@ -195,6 +202,7 @@ bool Wal::CatchUp() {
 }
 
 void Wal::CatchUp(const WalHeader& header) {
+  ClearIfRecreated();
   RemapIfGrown(header.used);
   const bool indexIsEmpty = state_->filling->index.KeyCount() == 0;
   if (state_->staleness.NeedsFullReplay(Bytes(), header.used, indexIsEmpty)) state_->Clear();
@@ -275,6 +283,7 @@ bool Wal::Lookup(const Key& key, DataEntry* entry) {
 }
 
 bool Wal::Lookup(std::string_view key, LogIndex::Version* version) {
+  ClearIfRecreated();
   WalHeader header;
   const bool hasHeader = ReadHeader(&header);
   if (hasHeader) CatchUp(header);

@@ -3,9 +3,9 @@
 //
 // Ownership: a Wal owns its mapping and shares its file and its index. The index belongs to the file, one for each
 //            process, and lives until the process ends, so that a log closed and opened again keeps it.
-// Threads:   Open may run at any time. Every other operation is called with the file's lock held (OsFile::Lock on
-//            File()): Exclusive for Append, AppendBatch, Insert, Delete, Reserve, Grow and Reset, Shared at least for
-//            the rest.
+// Threads:   Open and the destructor may run at any time and never wait for a lock. Every other operation is called with
+//            the file's lock held (OsFile::Lock on File()): Exclusive for Append, AppendBatch, Insert, Delete, Reserve,
+//            Grow and Reset, Shared at least for the rest.
 // Failure:   statuses, and the messages named with each operation. Operations that make index entries may throw
 //            std::bad_alloc; they have changed nothing then.
 // Units:     offsets and sizes are bytes from the start of the file, times are seconds.
@@ -16,6 +16,7 @@
 // (storage/log_staleness.h).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -51,12 +52,14 @@ struct LogView {
   uint32_t end = kWalFirstRecord;       // records from here on are later ones
 };
 
-// The index of one log in one process. Guarded by the in-process mutex of the log's file.
+// The index of one log in one process. Guarded by the in-process mutex of the log's file, except `wasRecreated`.
 struct WalSharedState {
   std::shared_ptr<LogFilling> filling = std::make_shared<LogFilling>();
   std::shared_ptr<LogFilling> spare;  // for the next reset
   LogStaleness staleness;
   std::mutex replayMutex;  // held while records are replayed
+  // An opening has recreated the file while another thread was using the index: the next look at it starts over.
+  std::atomic<bool> wasRecreated{false};
 
   void AfterFork();
   // Empties the index; the next look at it replays the log from its first record.
@@ -163,6 +166,7 @@ class Wal {
       const Diagnostics& diagnostics);
 
   bool ReadHeader(WalHeader* header) const;
+  void ClearIfRecreated();
   bool VerifyAtOpen(uint32_t* status) const;
   void PublishUsed(WalHeader header, uint32_t used);
   bool HasRoom(uint64_t end);

@@ -75,8 +75,9 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
     diagnostics.Printf("Failed to get file size: %s", path.c_str());
     return kStatusOk;
   }
-  // From here on no other thread of this process may look at the log while it is being made.
-  const FileLockGuard threadLock(file, LockLevel::ThreadOnly);
+  // Keeps the other threads of this process out while the log is made, unless one of them is inside already: an
+  // opening does not wait for it, and leaves the index alone that it may be walking.
+  const TryFileLockGuard threadLock(file, LockLevel::ThreadOnly);
   // A log of 4 GiB or more can't be addressed by its own offsets.
   const bool mappable = size <= std::numeric_limits<uint32_t>::max();
   if (size < config.walSize) {
@@ -105,7 +106,8 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
   if (!wal->VerifyAtOpen(&status)) return status;
   wal->state_ = InodeRegistry<WalSharedState>::FindOrCreate(file->Id(), [](WalSharedState&) {});
   // The number of a file that was removed may have been given to this one, index and all.
-  if (madeAnew) wal->state_->Clear();
+  if (madeAnew && threadLock.Entered()) wal->state_->Clear();
+  if (madeAnew && !threadLock.Entered()) wal->state_->wasRecreated = true;
   *out = wal.release();
   return kStatusOk;
 }
@@ -125,12 +127,7 @@ Wal::~Wal() = default;
 // be in the middle of an update, so a bad header is read again under the lock before it is called damaged.
 bool Wal::VerifyAtOpen(uint32_t* status) const {
   WalHeader header;
-  bool sound = ReadHeader(&header);
-  if (!sound) {
-    const FileLockGuard lock(file_, LockLevel::Shared);
-    sound = ReadHeader(&header);
-  }
-  if (!sound) {
+  if (!ReadAtOpen(file_, [&] { return ReadHeader(&header); })) {
     diagnostics_.Print("Invalid wal checksum");
     *status = kStatusWalChecksum;
     return false;

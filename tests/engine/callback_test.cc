@@ -1,12 +1,16 @@
 // Callbacks that use the store while it is being enumerated.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <set>
 #include <stdexcept>
+#include <thread>
 
 #include "tests/engine/store_fixture.h"
 #include "tests/support/byte_locks.h"
 #include "tests/support/captured_stdout.h"
+#include "tests/support/process_maps.h"
 
 namespace Kestrun::Testing {
 namespace {
@@ -165,6 +169,77 @@ TEST_F(CallbackTest, MayCloseAnotherHandleOnTheStore) {
   std::unique_ptr<LSDBImpl> other = Open();
   EXPECT_EQ(Enumerate([&](const std::string&) { other.reset(); }), all_);
   EXPECT_EQ(Insert(*engine_, "key", "value"), kStatusOk);
+}
+
+// Opening and closing never wait for the thread that enumerates.
+class CallbackThreadTest : public CallbackTest {
+ protected:
+  CallbackThreadTest() { alarm(120); }  // a test that waits for ever is ended
+  ~CallbackThreadTest() override { alarm(0); }
+
+  // Does `act` once, at the key, in a thread that the callback waits for.
+  Strings EnumerateAndJoin(const std::string& at, const std::function<void()>& act) {
+    return Enumerate([&](const std::string& key) {
+      if (key == at) std::thread(act).join();
+    });
+  }
+  std::string Locks() const {
+    return LocksOnFile(PathOf("wal_v5")) + "; " + LocksOnFile(PathOf("manifest_v5"));
+  }
+};
+
+TEST_F(CallbackThreadTest, MayWaitForAThreadThatOpensAndClosesTheStore) {
+  const size_t descriptors = CountDescriptors();
+  Strings locks;
+  EXPECT_EQ(Enumerate([&](const std::string& key) {
+              if (key != "b" && key != "k2") return;
+              std::thread([&] { EXPECT_NE(Open(), nullptr); }).join();
+              locks.push_back(Locks());
+            }),
+            all_);
+  const std::string both = "read 40000001+1ff; read 40000001+1ff";
+  EXPECT_EQ(locks, (Strings{both, both})) << "closing has not dropped what the enumeration holds";
+  EXPECT_EQ(CountDescriptors(), descriptors) << "the end of the enumeration has closed them";
+}
+
+TEST_F(CallbackThreadTest, MayWaitForAThreadThatClosesAnotherHandle) {
+  std::unique_ptr<LSDBImpl> other = Open();
+  EXPECT_EQ(Value(*other, "a"), "1");
+  EXPECT_EQ(EnumerateAndJoin("a", [&] { other.reset(); }), all_);
+}
+
+// A larger log gives up what the smaller one held. The walk over the index goes on undisturbed.
+TEST_F(CallbackThreadTest, MayWaitForAThreadThatRecreatesTheLog) {
+  EXPECT_EQ(EnumerateAndJoin("k1", [&] { EXPECT_NE(Open(2 * kWalSize), nullptr); }), all_);
+  EXPECT_EQ(Keys(*engine_), (Strings{"a", "b", "c"}));
+  EXPECT_EQ(Insert(*engine_, "key", "value"), kStatusOk);
+  EXPECT_EQ(Keys(*engine_), (Strings{"a", "b", "c", "key"}));
+}
+
+TEST_F(CallbackThreadTest, MayWaitForAThreadThatFindsAJournal) {
+  const std::string journal = PathOf("manifest_v5.next");
+  EXPECT_EQ(EnumerateAndJoin("a",
+                             [&] {
+                               WriteFile(journal, "torn");
+                               EXPECT_NE(Open(), nullptr);
+                             }),
+            all_);
+  EXPECT_EQ(ReadFile(journal), "torn") << "it belongs to whoever has the lock";
+  ASSERT_EQ(engine_->ResetWal(), kStatusOk);
+  EXPECT_FALSE(Exists("manifest_v5.next"));
+}
+
+TEST_F(CallbackThreadTest, MayWaitForAThreadThatFindsDamage) {
+  const std::string sound = ReadFile(PathOf("manifest_v5"));
+  EnumerateAndJoin("a", [&] {
+    FileImage damaged(sound);
+    damaged.Put32(20, damaged.Get32(20) ^ 1);
+    WriteFile(PathOf("manifest_v5"), damaged.Bytes());
+    LSDBImpl* opened = nullptr;
+    EXPECT_EQ(LSDBImpl::Open(path_, {kWalSize, 0}, &opened), kStatusManifestChecksum);
+    WriteFile(PathOf("manifest_v5"), sound);
+  });
+  EXPECT_EQ(Keys(*engine_), all_);
 }
 
 }  // namespace

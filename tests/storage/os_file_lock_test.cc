@@ -434,6 +434,97 @@ TEST_F(OsFileLockTest, AForkedChildCanLockWhatAnotherThreadOfItsParentHeld) {
   holder.join();
 }
 
+// Any close drops the locks of the whole process, so a descriptor waits for the thread that holds them.
+TEST_F(OsFileLockTest, WhatAnotherThreadClosesIsClosedWhenTheLastLevelIsGivenUp) {
+  const size_t before = DescriptorsOf(path_).size();
+  auto other = OpenFile(path_);
+  ASSERT_EQ(file_->Lock(LockLevel::ThreadOnly), kStatusOk);
+  ASSERT_EQ(file_->Lock(LockLevel::Exclusive), kStatusOk);
+  std::thread([&] {
+    other.reset();
+    OpenFile(path_, kOpenReadOnly);
+  }).join();
+  EXPECT_EQ(DescriptorsOf(path_).size(), before + 2);
+  EXPECT_EQ(Locks(), kWriter);
+  ASSERT_EQ(file_->Unlock(LockLevel::Exclusive), kStatusOk);
+  EXPECT_EQ(DescriptorsOf(path_).size(), before + 2);
+  ASSERT_EQ(file_->Unlock(LockLevel::ThreadOnly), kStatusOk);
+  EXPECT_EQ(DescriptorsOf(path_).size(), before);
+}
+
+TEST_F(OsFileLockTest, TryingToLockDoesNotWaitForAnotherThread) {
+  uint32_t status = kStatusOk;
+  {
+    const FileLockGuard guard(file_, LockLevel::ThreadOnly);
+    std::thread([&] {
+      EXPECT_FALSE(file_->TryLock(LockLevel::Shared, &status));
+      EXPECT_EQ(status, kStatusLockFailed);
+    }).join();
+    EXPECT_TRUE(file_->TryLock(LockLevel::Shared, &status)) << "the thread that is inside may nest";
+    EXPECT_EQ(status, kStatusOk);
+    EXPECT_EQ(Locks(), kReader);
+    EXPECT_EQ(file_->Unlock(LockLevel::Shared), kStatusOk);
+  }
+  ForeignLock foreign(path_, F_WRLCK, kRange, kRangeLength);
+  EXPECT_TRUE(file_->TryLock(LockLevel::Shared, &status)) << "the mutex was free";
+  EXPECT_EQ(status, kStatusLockFailed);
+  EXPECT_FALSE(IsMutexFree(*file_));
+  EXPECT_EQ(file_->Unlock(LockLevel::Shared), kStatusOk);
+}
+
+// Threads that open and close the file all the time never take a lock from the one that holds it, and leave no
+// descriptor behind, however closing and unlocking meet.
+TEST_F(OsFileLockTest, NoCloseDropsTheLocksOfAnotherThreadAndNoDescriptorIsForgotten) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 300;
+  // Locks of open file descriptions conflict with those of the process that has them open.
+  const int probe = open(path_.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(probe, 0);
+  const size_t before = DescriptorsOf(path_).size();
+  std::vector<std::thread> threads;
+  for (int number = 0; number < kThreads; ++number) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < kRounds; ++round) {
+        OpenFile(path_).reset();
+        const FileLockGuard guard(file_, LockLevel::Exclusive);
+        EXPECT_EQ(guard.Status(), kStatusOk);
+        for (int look = 0; look < 3; ++look) {
+          struct flock lock = {};
+          lock.l_type = F_RDLCK;
+          lock.l_whence = SEEK_SET;
+          lock.l_start = kGate;
+          lock.l_len = 1 + kRangeLength;
+          ASSERT_EQ(fcntl(probe, F_OFD_GETLK, &lock), 0);
+          ASSERT_EQ(lock.l_type, F_WRLCK) << "round " << round;
+          std::this_thread::yield();
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(DescriptorsOf(path_).size(), before);
+  close(probe);
+}
+
+// The thread that forks stays inside. What was to be closed is closed: the child has no locks to lose.
+TEST_F(OsFileLockTest, AForkInsideASectionKeepsTheThreadInsideAndClosesWhatWasDeferred) {
+  const size_t before = DescriptorsOf(path_).size();
+  const FileLockGuard outer(file_, LockLevel::ThreadOnly);
+  const FileLockGuard guard(file_, LockLevel::Exclusive);
+  std::thread([&] { OpenFile(path_); }).join();
+  ASSERT_EQ(DescriptorsOf(path_).size(), before + 1);
+  ChildProcess child([&](ChildLink&) {
+    if (DescriptorsOf(path_).size() != before) return 1;
+    if (IsMutexFree(*file_)) return 2;
+    if (file_->Unlock(LockLevel::Exclusive) != kStatusOk || IsMutexFree(*file_)) return 3;
+    if (file_->Unlock(LockLevel::ThreadOnly) != kStatusOk || !IsMutexFree(*file_)) return 4;
+    std::thread([&] { OpenFile(path_); }).join();
+    return DescriptorsOf(path_).size() == before ? 0 : 5;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(DescriptorsOf(path_).size(), before + 1);
+}
+
 TEST_F(OsFileLockTest, ThreadsOfOneProcessRunOneAfterTheOtherAtEveryLevel) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 200;

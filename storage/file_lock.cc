@@ -1,0 +1,140 @@
+#include "storage/file_lock.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "kestrun/status.h"
+
+namespace Kestrun {
+namespace {
+
+constexpr int64_t kGateByte = 0x40000000;
+constexpr int64_t kGateLength = 1;
+constexpr int64_t kLockRangeStart = 0x40000001;
+constexpr int64_t kLockRangeLength = 511;
+static_assert(kLockRangeStart == kGateByte + kGateLength);
+
+constexpr int kLockAttempts = 4;
+constexpr useconds_t kLockRetryMicros = 1000;
+
+// The gate byte comes first: a writer that holds it keeps new readers out while it waits for the range. A
+// reader lets go of it once it has the range. What was locked before a failing step stays locked.
+bool LockByteRanges(int descriptor, LockLevel level) {
+  if (level == LockLevel::Shared) {
+    return SetByteLock(descriptor, F_RDLCK, kGateByte, kGateLength) &&
+           SetByteLock(descriptor, F_RDLCK, kLockRangeStart, kLockRangeLength) &&
+           SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength);
+  }
+  if (level == LockLevel::Exclusive) {
+    return SetByteLock(descriptor, F_WRLCK, kGateByte, kGateLength) &&
+           SetByteLock(descriptor, F_WRLCK, kLockRangeStart, kLockRangeLength);
+  }
+  return true;
+}
+
+bool UnlockByteRanges(int descriptor, LockLevel level) {
+  return SetByteLock(descriptor, F_UNLCK, kLockRangeStart, kLockRangeLength) &&
+         (level != LockLevel::Exclusive || SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength));
+}
+
+}  // namespace
+
+bool SetByteLock(int descriptor, short type, int64_t start, int64_t length) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = start;
+  lock.l_len = length;
+  for (int attempt = 1;; ++attempt) {
+    if (fcntl(descriptor, F_SETLK, &lock) >= 0) return true;
+    if (attempt == kLockAttempts) return false;
+    usleep(kLockRetryMicros);
+  }
+}
+
+uint32_t InodeInfo::RaiseTo(LockLevel target, int descriptor) {
+  if (level >= target) return kStatusOk;
+  if (!LockByteRanges(descriptor, target)) return kStatusLockFailed;
+  level = target;
+  return kStatusOk;
+}
+
+uint32_t InodeInfo::DropFrom(LockLevel held, int descriptor) {
+  if (level < held || held < LockLevel::Shared) return kStatusOk;
+  if (!UnlockByteRanges(descriptor, held)) return kStatusLockFailed;
+  level = LockLevel::None;
+  return kStatusOk;
+}
+
+void InodeInfo::Enter() {
+  mutex.lock();
+  if (depth_++ == 0) owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+}
+
+bool InodeInfo::TryEnter() {
+  if (!mutex.try_lock()) return false;
+  if (depth_++ == 0) owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  return true;
+}
+
+// What is deferred between CloseDeferred and the unlocking is found by the look afterwards: see HasDeferred.
+void InodeInfo::Leave() {
+  do {
+    const bool last = --depth_ == 0;
+    if (last) {
+      CloseDeferred();
+      owner_.store(std::thread::id(), std::memory_order_relaxed);
+    }
+    mutex.unlock();
+    if (!last) return;
+  } while (HasDeferred() && TryEnter());
+}
+
+void InodeInfo::CloseWhenUnlocked(int descriptor, std::unique_ptr<DeferredClose> room) noexcept {
+  if (TryEnter()) {
+    close(descriptor);
+    Leave();
+    return;
+  }
+  DeferredClose* const added = room.release();
+  added->descriptor = descriptor;
+  added->next = deferred_.load(std::memory_order_relaxed);
+  while (!deferred_.compare_exchange_weak(added->next, added, std::memory_order_acq_rel,
+                                          std::memory_order_relaxed)) {
+  }
+  // The other thread may have left in between.
+  if (TryEnter()) Leave();
+}
+
+// A descriptor is never forgotten. Both sides modify `deferred_`, so that one modification comes first: if it is the
+// closer's, the thread that leaves sees the descriptor; if it is the leaver's, the closer's TryEnter comes after the
+// mutex was unlocked.
+bool InodeInfo::HasDeferred() {
+  DeferredClose* none = nullptr;
+  return !deferred_.compare_exchange_strong(none, nullptr, std::memory_order_acq_rel,
+                                            std::memory_order_acquire);
+}
+
+void InodeInfo::CloseDeferred() noexcept {
+  if (deferred_.load(std::memory_order_relaxed) == nullptr) return;
+  DeferredClose* next = deferred_.exchange(nullptr, std::memory_order_acq_rel);
+  while (next != nullptr) {
+    const std::unique_ptr<DeferredClose> room(next);
+    next = room->next;
+    close(room->descriptor);
+  }
+}
+
+void InodeInfo::AfterFork() {
+  level = LockLevel::None;
+  ReinitAfterFork(mutex);
+  if (owner_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+    for (uint32_t i = 0; i < depth_; ++i) mutex.lock();
+  } else {
+    owner_.store(std::thread::id(), std::memory_order_relaxed);
+    depth_ = 0;
+  }
+  CloseDeferred();  // the child has no locks that this could drop
+}
+
+}  // namespace Kestrun
