@@ -52,6 +52,16 @@ class RecordMetaIndex {
     ++table->used;
   }
 
+  // Calls `visit` with each key and its record type, in no order. For whoever may call Assign.
+  template <typename Visit>
+  void ForEach(Visit visit) const {
+    const Table& table = *table_.load(std::memory_order_relaxed);
+    for (size_t i = 0; i < table.capacity; ++i) {
+      const Entry* entry = table.slots[i].load(std::memory_order_relaxed);
+      if (entry != nullptr) visit(entry->key, entry->meta.load(std::memory_order_relaxed));
+    }
+  }
+
   // The number of keys.
   size_t Count() const { return CountEntries(*table_.load(std::memory_order_relaxed)); }
 

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <map>
 #include <unordered_map>
 #include <utility>
 
@@ -21,6 +23,9 @@ constexpr size_t kReadSize = 1024;
 // it goes on without: a process that was stopped at the wrong moment must not keep all others from working.
 constexpr int kCreationRounds = 16;
 
+// Of making a type that is read back as it was written. The second one fails only when another process interferes.
+constexpr int kMaxCreationAttempts = 8;
+
 // Holds the creation byte for a scope, when it is to be had.
 class SchemaAppendLock {
  public:
@@ -29,11 +34,20 @@ class SchemaAppendLock {
       locked_ = file_.LockByte(kSchemaCreationByte);
     }
   }
+  // Tries once, and then until `deadline`.
+  SchemaAppendLock(OsFile& file, std::chrono::steady_clock::time_point deadline)
+      : file_(file), locked_(file_.LockByte(kSchemaCreationByte)) {
+    while (!locked_ && std::chrono::steady_clock::now() < deadline) {
+      locked_ = file_.LockByte(kSchemaCreationByte);
+    }
+  }
   ~SchemaAppendLock() {
     if (locked_) file_.UnlockByte(kSchemaCreationByte);
   }
   SchemaAppendLock(const SchemaAppendLock&) = delete;
   SchemaAppendLock& operator=(const SchemaAppendLock&) = delete;
+
+  bool IsHeld() const { return locked_; }
 
  private:
   OsFile& file_;
@@ -47,18 +61,25 @@ Schema::Schema(std::shared_ptr<OsFile> file) : file_(std::move(file)), metas_(fi
 uint32_t Schema::Open(const std::string& path, Schema** out) {
   if (out == nullptr) return kStatusOk;
 
-  const bool isNew = access(path.c_str(), F_OK) != 0;
-  std::shared_ptr<OsFile> file;
-  if (const uint32_t status = OsFile::Open(path, kOpenReadWrite, &file); status != kStatusOk) {
+  std::unique_ptr<Schema> schema;
+  if (const uint32_t status = OpenQuietly(path, &schema); status != kStatusOk) {
     std::printf("Filed to open series meta file");
     return status;
   }
+  *out = schema.release();
+  return kStatusOk;
+}
+
+uint32_t Schema::OpenQuietly(const std::string& path, std::unique_ptr<Schema>* out) {
+  const bool isNew = access(path.c_str(), F_OK) != 0;
+  std::shared_ptr<OsFile> file;
+  if (const uint32_t status = OsFile::Open(path, kOpenReadWrite, &file); status != kStatusOk) return status;
   // An empty file may be lost without harm: the first line forces the name to the disk once more.
   if (isNew) IgnoreStatus(SyncDirectory(DirectoryOf(path)));
 
   std::unique_ptr<Schema> schema(new Schema(std::move(file)));
   IgnoreStatus(schema->Load());  // what can't be read now is read again when it is missed
-  *out = schema.release();
+  *out = std::move(schema);
   return kStatusOk;
 }
 
@@ -137,6 +158,57 @@ RecordMeta* Schema::Create(const std::string& text) {
   metasByText_.Assign(text, meta);
   metasById_.Assign(meta->id, meta);
   return meta;
+}
+
+RecordMeta* Schema::FindUnambiguous(const std::string& text) const {
+  RecordMeta* meta = metasByText_.Find(text);
+  return meta != nullptr && metasById_.Find(meta->id) == meta ? meta : nullptr;
+}
+
+// What was written is read back. A process that did not get the creation byte may have written a line of the same
+// number meanwhile, and of two such lines the later one counts. A line that was cut off by a loss of power swallows
+// the one after it; the next attempt then finds a whole line before its own.
+uint32_t Schema::GetOrCreateUnambiguous(const std::string& text, unsigned int busyTimeout, RecordMeta** out) {
+  if ((*out = FindUnambiguous(text)) != nullptr) return kStatusOk;
+
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(busyTimeout);
+  const FileLockGuard lock(file_, LockLevel::ThreadOnly);
+  for (int attempt = 0; attempt < kMaxCreationAttempts; ++attempt) {
+    // A line that an earlier call could not sync is still in the file and would now be found.
+    if (isUnsynced_ && !ForceToDisk()) return kStatusSyncFailed;
+    {
+      const SchemaAppendLock creation(*file_, deadline);
+      if (!creation.IsHeld()) return kStatusLockFailed;
+      if (Read() != ReadResult::Complete) return kStatusOpenFailed;
+      if (FindUnambiguous(text) == nullptr) {
+        if (const uint32_t status = AppendNewType(text); status != kStatusOk) return status;
+      }
+    }
+    if (isUnsynced_ && !ForceToDisk()) return kStatusSyncFailed;
+    if (Read() != ReadResult::Complete) return kStatusOpenFailed;
+    if ((*out = FindUnambiguous(text)) != nullptr) return kStatusOk;
+  }
+  return kStatusCreateFailed;
+}
+
+// The number of known texts plus one, as Create, or the next one after it that no line has.
+uint32_t Schema::AppendNewType(const std::string& text) {
+  uint64_t id = uint64_t{metasByText_.Count()} + 1;
+  while (id <= UINT16_MAX && metasById_.Find(static_cast<uint16_t>(id)) != nullptr) ++id;
+  if (id > UINT16_MAX) return kStatusCreateFailed;
+  return AppendLine(SchemaLine(id, text)) ? kStatusOk : kStatusCreateFailed;
+}
+
+std::vector<std::string> Schema::Texts() {
+  const FileLockGuard lock(file_, LockLevel::ThreadOnly);
+  IgnoreStatus(Load());  // what is known is listed even if the file can't be read at the moment
+  std::map<uint16_t, std::string> byId;
+  metasById_.ForEach([&byId](uint16_t id, const RecordMeta* meta) { byId[id] = meta->text; });
+
+  std::vector<std::string> texts;
+  texts.reserve(byId.size());
+  for (auto& entry : byId) texts.push_back(std::move(entry.second));
+  return texts;
 }
 
 // Writes at the true end of the file: after a failed read or beside a process without the byte, any other

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "kestrun/record_meta.h"
 #include "record/record_meta_index.h"
@@ -34,6 +35,8 @@ class Schema {
   // kStatusOk. kStatusOpenFailed or kStatusStatFailed as OsFile::Open, with the message
   // "Filed to open series meta file".
   static uint32_t Open(const std::string& path, Schema** out);
+  // The same without the message.
+  static uint32_t OpenQuietly(const std::string& path, std::unique_ptr<Schema>* out);
 
   // Reads the whole file and enters its types beside those that are known already. False when the file could
   // not be read from its start; true also when reading stopped early, and what came before counts. The
@@ -45,6 +48,23 @@ class Schema {
   // not be read to its end, and when the line could not be written (the file is as it was) or not be forced
   // to the disk (the line stays, since others may have seen it, and the next call tries once more).
   RecordMeta* GetOrCreateRecordMeta(const std::string& text);
+
+  // The record type of `text` when it is known and its number leads to it and to no other; or null. Takes no lock.
+  RecordMeta* FindUnambiguous(const std::string& text) const;
+
+  // The record type of `text`, which is one and holds no '#', line break or NUL. It is created when it is not known,
+  // and under a new number when its own has come to belong to another text as well: a record of this type will be
+  // read as one. The creation byte is waited for `busyTimeout` milliseconds, and nothing is written without it.
+  //
+  // kStatusLockFailed    another process has the creation byte
+  // kStatusOpenFailed    the file could not be read to its end
+  // kStatusCreateFailed  the line could not be written, or all 65,535 numbers are taken
+  // kStatusSyncFailed    the line could not be synced; the next call tries once more
+  [[nodiscard]] uint32_t GetOrCreateUnambiguous(const std::string& text, unsigned int busyTimeout,
+                                                RecordMeta** out);
+
+  // The texts of the record types in the order of their numbers, after reading the file again.
+  std::vector<std::string> Texts();
 
   // The record type with the number `id`, after reading the file again when it is not known; or null.
   RecordMeta* FindRecordMeta(uint16_t id);
@@ -60,6 +80,7 @@ class Schema {
 
   ReadResult Read();
   RecordMeta* Create(const std::string& text);
+  uint32_t AppendNewType(const std::string& text);
   bool AppendLine(const std::string& line);
   bool ForceToDisk();
 

@@ -76,6 +76,7 @@ class KESTRUN_EXPORT Record {
   Value GetValue(const std::string& name) const;
 
  private:
+  friend class RecordStore;
   friend class Series;
 
   // The bytes that a store keeps: the larger of Capacity, before it wraps at 4 GiB, and what Encode writes. Aborts
