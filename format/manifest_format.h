@@ -1,4 +1,4 @@
-// format/manifest_format.h: the bytes of the manifest, manifest_v5. docs/format/manifest.md shows a file.
+// format/manifest_format.h: the bytes of the manifest, manifest_v5. docs/internals/format/manifest.md shows a file.
 //
 //   0    header (128 bytes)
 //   128  one entry for each block, oldest first: 56 bytes and the block's key filter

@@ -1,4 +1,4 @@
-// format/wal_format.h: the bytes of the write-ahead log, wal_v5. docs/format/wal.md shows a whole file.
+// format/wal_format.h: the bytes of the write-ahead log, wal_v5. docs/internals/format/wal.md shows a whole file.
 //
 //   0    header (24 bytes)
 //   24   unused, zero in a new file

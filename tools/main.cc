@@ -1,4 +1,4 @@
-// kestrun: works on a store from the command line. docs/cli.md is its guide.
+// kestrun: works on a store from the command line. docs/operations/cli.md is its guide.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>

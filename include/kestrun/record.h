@@ -7,7 +7,7 @@
 //   Int64, Double    8 bytes                    Binary   4 bytes length, then the bytes; nothing when empty
 //   None             nothing
 //
-// docs/records.md shows a record byte by byte.
+// docs/internals/format/record.md shows a record byte by byte.
 //
 // Ownership: a record keeps a pointer to its record type, which must outlive it. A record made from bytes
 //            owns them, and its Binary values point into them. The Binary values of any other record point

@@ -1,5 +1,5 @@
 // The store after a loss of power, at any moment of its life and with any part of what was not forced to the
-// disk. docs/reliability.md tells what is tried and what was found.
+// disk. docs/internals/reliability.md tells what is tried and what was found.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// The native module that docs/openharmony.md shows, in Node.js. KESTRUN_EXAMPLE names the module built from the page,
+// The native module that docs/guide/openharmony.md shows, in Node.js. KESTRUN_EXAMPLE names the module built from the page,
 // KESTRUN_LIBRARY the library.
 'use strict';
 

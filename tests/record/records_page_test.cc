@@ -1,4 +1,4 @@
-// The bytes shown in docs/records.md are those that a series stores.
+// The bytes shown in docs/internals/format/record.md are those that a series stores.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

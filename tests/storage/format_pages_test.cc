@@ -1,4 +1,4 @@
-// The bytes shown in docs/format/wal.md and docs/format/manifest.md are those that the store writes and
+// The bytes shown in docs/internals/format/wal.md and docs/internals/format/manifest.md are those that the store writes and
 // reads.
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// The pages of docs/format: the bytes that they show, so that a test can hold them against a real file.
+// The pages of docs/internals/format: the bytes that they show, so that a test can hold them against a real file.
 #pragma once
 
 #include <string>
