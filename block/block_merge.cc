@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "block/block_reader.h"
+#include "format/file_names.h"
 #include "kestrun/status.h"
 
 namespace Kestrun {
@@ -29,7 +30,7 @@ int CompareKeys(const uint8_t* left, size_t leftSize, const uint8_t* right, size
 
 // Scans leave out the empty key, which is less than MinKey, and everything from MaxKey on.
 bool InScanRange(const uint8_t* key, size_t size) {
-  return size != 0 && key[0] != 0xFF;
+  return size != 0 && key[0] < kFirstUnflushedByte;
 }
 
 // The positions of a block's entries in the order of their keys; of equal keys only the last one.

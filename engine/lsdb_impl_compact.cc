@@ -10,22 +10,13 @@
 #include "engine/listed_block.h"
 #include "engine/pending_block_file.h"
 #include "format/block_format.h"
+#include "format/file_names.h"
 #include "kestrun/lsdb.h"
 #include "storage/directory.h"
 #include "storage/manifest.h"
 #include "storage/wal.h"
 
 namespace Kestrun {
-namespace {
-
-constexpr size_t kMinBlocksToCompact = 4;
-
-// Files of an earlier format are never read.
-constexpr char kLegacyWalFileName[] = "wal_v3";
-constexpr char kLegacyBlockFileMark[] = ".blk_v3";
-
-}  // namespace
-
 uint32_t LSDBImpl::ForceCompact() {
   if (!IsOpen()) return kStatusWalOpenFailed;
   return CatchBadAlloc([&] { return Compact(); });

@@ -13,9 +13,9 @@
 #include <cstdint>
 #include <type_traits>
 
-namespace Kestrun {
+#include "format/file_names.h"
 
-inline constexpr char kBlockFileSuffix[] = ".blk_v5";
+namespace Kestrun {
 
 namespace BlockFileHeaderOffset {
 inline constexpr size_t kMagic = 0;

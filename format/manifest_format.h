@@ -10,9 +10,9 @@
 #include <cstdint>
 #include <type_traits>
 
-namespace Kestrun {
+#include "format/file_names.h"
 
-inline constexpr char kManifestFileName[] = "manifest_v5";
+namespace Kestrun {
 
 namespace ManifestHeaderOffset {
 inline constexpr size_t kMagic = 0;
@@ -49,8 +49,6 @@ inline constexpr size_t kChecksum = 52;
 inline constexpr size_t kFilter = 56;
 }  // namespace ManifestEntryOffset
 
-inline constexpr size_t kBlockNameLength = 31;
-
 struct ManifestEntry {
   char name[kBlockNameLength + 1];  // NUL-terminated; the block's file is the name and ".blk_v5"
   uint64_t createTime;              // seconds since the Unix epoch; written and never read
@@ -64,5 +62,37 @@ static_assert(offsetof(ManifestEntry, filterSize) == ManifestEntryOffset::kFilte
 static_assert(offsetof(ManifestEntry, checksum) == ManifestEntryOffset::kChecksum);
 static_assert(sizeof(ManifestEntry) == ManifestEntryOffset::kFilter);
 static_assert(std::has_unique_object_representations_v<ManifestEntry>);
+
+// The journal, manifest_v5.next, which makes a replacement of the manifest's entries survive the death of the process
+// that does it. It holds the entries that are to stand in the manifest, is synced before the first byte of the
+// manifest changes, and is removed when the manifest is complete on the disk.
+//
+//   0   header (40 bytes)
+//   40  the new entries
+namespace ManifestJournalHeaderOffset {
+inline constexpr size_t kMagic = 0;
+inline constexpr size_t kVersion = 8;
+inline constexpr size_t kGeneration = 12;
+inline constexpr size_t kOldLength = 16;
+inline constexpr size_t kOldHash = 24;
+inline constexpr size_t kHash = 32;
+inline constexpr size_t kEnd = 40;
+}  // namespace ManifestJournalHeaderOffset
+
+struct ManifestJournalHeader {
+  uint8_t magic[8];
+  uint32_t version;
+  uint32_t generation;  // that the manifest gets
+  uint64_t oldLength;   // of the old entries in bytes
+  uint64_t oldHash;     // ManifestJournalHash of the old entries
+  uint64_t hash;        // of bytes 0 to 31 and of the new entries
+};
+static_assert(offsetof(ManifestJournalHeader, version) == ManifestJournalHeaderOffset::kVersion);
+static_assert(offsetof(ManifestJournalHeader, generation) == ManifestJournalHeaderOffset::kGeneration);
+static_assert(offsetof(ManifestJournalHeader, oldLength) == ManifestJournalHeaderOffset::kOldLength);
+static_assert(offsetof(ManifestJournalHeader, oldHash) == ManifestJournalHeaderOffset::kOldHash);
+static_assert(offsetof(ManifestJournalHeader, hash) == ManifestJournalHeaderOffset::kHash);
+static_assert(sizeof(ManifestJournalHeader) == ManifestJournalHeaderOffset::kEnd);
+static_assert(std::has_unique_object_representations_v<ManifestJournalHeader>);
 
 }  // namespace Kestrun

@@ -11,9 +11,10 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "format/file_names.h"
+
 namespace Kestrun {
 
-inline constexpr char kWalFileName[] = "wal_v5";
 inline constexpr uint32_t kWalFirstRecord = 128;
 
 namespace WalHeaderOffset {

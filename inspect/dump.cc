@@ -1,12 +1,11 @@
 #include "inspect/dump.h"
 
 #include "format/block_format.h"
+#include "format/manifest_reader.h"
+#include "format/wal_reader.h"
 #include "inspect/block_file.h"
 #include "inspect/dump_parts.h"
 #include "inspect/field_writer.h"
-#include "inspect/log_file.h"
-#include "inspect/manifest_file.h"
-#include "inspect/schema_file.h"
 
 namespace Kestrun::Inspect {
 
@@ -34,8 +33,9 @@ FileKind DetectFileKind(const ReadOnlyFile& file) {
   if (name == kSchemaFileName) return FileKind::Schema;
   if (name.ends_with(kBlockFileSuffix)) return FileKind::Block;
   // The three binary files begin alike, but keep the checksum of their headers at different places.
-  if (ReadLogHeader(file).Usable()) return FileKind::Log;
-  if (ReadManifestHeader(file).Usable()) return FileKind::Manifest;
+  FileSource source(file);
+  if (ReadWalHeader(source).Usable()) return FileKind::Log;
+  if (ReadManifestHeader(source).Usable()) return FileKind::Manifest;
   if (const BlockFile block(file, 4096); block.HeaderChecksumMatches() && block.MagicMatches()) {
     return FileKind::Block;
   }

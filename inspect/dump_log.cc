@@ -2,9 +2,9 @@
 #include <cstring>
 
 #include "format/checksum.h"
+#include "format/wal_reader.h"
 #include "inspect/dump_parts.h"
 #include "inspect/escape.h"
-#include "inspect/log_file.h"
 
 namespace Kestrun::Inspect {
 namespace {
@@ -20,18 +20,31 @@ void DumpHeader(const WalHeader& header, FieldWriter* writer) {
   writer->Filler(kWalFirstRecord, "unused");
 }
 
-void DumpRecord(const LogRecordView& record, uint64_t number, FieldWriter* writer) {
+void DumpRecord(const WalRecordView& record, uint64_t number, FieldWriter* writer) {
   const WalRecord& header = record.header;
   writer->Part("record " + std::to_string(number) + (header.deleted != 0 ? ", a deletion" : ""));
   writer->Field(4, "valueOffset", std::to_string(header.valueOffset));
   writer->Field(4, "valueSize", std::to_string(header.valueSize));
   writer->Field(1, "deleted", std::to_string(header.deleted));
-  writer->Field(7, "padding");
+  if (IsMarked(header)) {
+    writer->Field(4, "epoch", std::to_string(EpochOf(header)));
+    writer->Field(3, "padding");
+  } else {
+    writer->Field(7, "padding");
+  }
   writer->Field(8, "timestamp", TimeMeaning(header.timestamp));
   writer->Field(4, "ttl", std::to_string(header.ttl));
-  writer->Field(4, "padding");
+  if (IsMarked(header)) {
+    writer->Field(4, "crc", "right");
+  } else {
+    writer->Field(4, "padding");
+  }
   writer->Field(2, "keySize", std::to_string(header.keySize));
-  writer->Field(2, "padding");
+  if (IsMarked(header)) {
+    writer->Field(2, "mark", "key and value have a checksum");
+  } else {
+    writer->Field(2, "padding");
+  }
   writer->Field(4, "checksum",
                 ChecksumMeaning(header.checksum, StoreChecksum(&header, WalRecordOffset::kChecksum)));
   writer->Field(header.keySize, "key");
@@ -41,20 +54,19 @@ void DumpRecord(const LogRecordView& record, uint64_t number, FieldWriter* write
 }  // namespace
 
 void DumpLog(const ReadOnlyFile& file, FieldWriter* writer) {
-  const LogHeaderView view = ReadLogHeader(file);
+  FileSource source(file);
+  const WalHeaderView view = ReadWalHeader(source);
   if (!view.complete) return;
   DumpHeader(view.header, writer);
 
   // Under a broken header the used area may be anything: whatever still is a record is shown.
   const uint64_t used = view.Usable() ? view.header.used : file.Size();
   uint64_t number = 0;
-  const LogScan scan = ScanLog(file, used, [&number, writer](const LogRecordView& record) {
-    DumpRecord(record, ++number, writer);
-    return !writer->Failed();
-  });
-  if (scan.endOffset < std::min(used, file.Size()) && view.Usable()) {
+  WalReader reader(source, used, file.Size());
+  while (!writer->Failed() && reader.Next()) DumpRecord(reader.Record(), ++number, writer);
+  if (reader.Offset() < std::min(used, file.Size()) && view.Usable()) {
     writer->Part("used and not readable");
-    writer->Field(std::min(used, file.Size()) - scan.endOffset, "bytes");
+    writer->Field(std::min(used, file.Size()) - reader.Offset(), "bytes");
   }
   if (writer->Position() < file.Size()) {
     writer->Part("free");

@@ -1,7 +1,7 @@
 #include "format/checksum.h"
+#include "format/manifest_reader.h"
 #include "inspect/dump_parts.h"
 #include "inspect/escape.h"
-#include "inspect/manifest_file.h"
 
 namespace Kestrun::Inspect {
 namespace {
@@ -17,7 +17,7 @@ void DumpHeader(const ManifestHeader& header, FieldWriter* writer) {
   writer->Filler(sizeof(ManifestHeader), "unused");
 }
 
-void DumpRecord(const ManifestRecordView& record, uint64_t number, FieldWriter* writer) {
+void DumpRecord(const ManifestEntryView& record, uint64_t number, FieldWriter* writer) {
   const ManifestEntry& entry = record.entry;
   writer->Part("record " + std::to_string(number));
   writer->Field(sizeof(entry.name), "name", Printable(record.name));
@@ -34,14 +34,13 @@ void DumpRecord(const ManifestRecordView& record, uint64_t number, FieldWriter* 
 }  // namespace
 
 void DumpManifest(const ReadOnlyFile& file, FieldWriter* writer) {
-  const ManifestHeaderView view = ReadManifestHeader(file);
+  FileSource source(file);
+  const ManifestHeaderView view = ReadManifestHeader(source);
   if (!view.complete) return;
   DumpHeader(view.header, writer);
   uint64_t number = 0;
-  ScanManifest(file, [&number, writer](const ManifestRecordView& record) {
-    DumpRecord(record, ++number, writer);
-    return !writer->Failed();
-  });
+  ManifestReader reader(source, file.Size());
+  while (!writer->Failed() && reader.Next(true)) DumpRecord(reader.Entry(), ++number, writer);
   if (writer->Position() < file.Size()) {
     writer->Part("not readable");
     writer->Field(file.Size() - writer->Position(), "bytes");

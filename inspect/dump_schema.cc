@@ -1,5 +1,5 @@
 #include "inspect/dump_parts.h"
-#include "inspect/schema_file.h"
+#include "inspect/schema_lines.h"
 
 namespace Kestrun::Inspect {
 
@@ -10,7 +10,7 @@ void DumpSchema(const ReadOnlyFile& file, FieldWriter* writer) {
     std::string meaning = "not a record type";
     if (!line.ended) {
       meaning = "a line without an end, which is not read";
-    } else if (line.isRecordType) {
+    } else if (line.IsRecordType()) {
       meaning = "record type " + std::to_string(line.id);
     }
     writer->Field(line.size, "line", meaning);

@@ -2,9 +2,9 @@
 
 #include <vector>
 
+#include "format/manifest_reader.h"
+#include "format/wal_reader.h"
 #include "inspect/block_file.h"
-#include "inspect/log_file.h"
-#include "inspect/manifest_file.h"
 #include "inspect/read_only_file.h"
 #include "inspect/store_directory.h"
 
@@ -15,17 +15,17 @@ std::optional<EntryPlace> FindInLog(const std::string& directory, const std::str
   std::string why;
   const auto file = ReadOnlyFile::Open(LogPath(directory), &why);
   if (!file) return std::nullopt;
-  const LogHeaderView header = ReadLogHeader(*file);
+  FileSource source(*file);
+  const WalHeaderView header = ReadWalHeader(source);
   if (!header.Usable()) return std::nullopt;
   std::optional<EntryPlace> place;
-  ScanLog(*file, header.header.used, [&](const LogRecordView& record) {
-    const WalRecord& entry = record.header;
-    if (record.key == key) {
-      place = {kWalFileName,       entry.valueOffset, entry.valueSize,
-               entry.deleted != 0, entry.timestamp,   entry.ttl};
-    }
-    return true;
-  });
+  WalReader reader(source, header.header.used, file->Size());
+  while (reader.Next()) {
+    if (reader.Record().key != key) continue;
+    const WalRecord& entry = reader.Record().header;
+    place = {kWalFileName,       entry.valueOffset, entry.valueSize,
+             entry.deleted != 0, entry.timestamp,   entry.ttl};
+  }
   return place;
 }
 
@@ -33,11 +33,13 @@ std::vector<std::string> ListedBlocks(const std::string& directory) {
   std::vector<std::string> names;
   std::string why;
   const auto file = ReadOnlyFile::Open(ManifestPath(directory), &why);
-  if (!file || !ReadManifestHeader(*file).Usable()) return names;
-  ScanManifest(*file, [&names](const ManifestRecordView& record) {
-    if (record.IsValidName()) names.push_back(record.name);
-    return names.size() < kMaxBlocks;
-  });
+  if (!file) return names;
+  FileSource source(*file);
+  if (!ReadManifestHeader(source).Usable()) return names;
+  ManifestReader reader(source, file->Size());
+  while (names.size() < kMaxBlocks && reader.Next(true)) {
+    if (IsBlockName(reader.Entry().name)) names.push_back(reader.Entry().name);
+  }
   return names;
 }
 

@@ -55,16 +55,31 @@ ReadOnlyFile::~ReadOnlyFile() {
 
 bool ReadOnlyFile::ReadAt(uint64_t offset, void* out, size_t size) const {
   if (offset > size_ || size > size_ - offset) return false;
+  return ReadSome(offset, out, size) == static_cast<ssize_t>(size);
+}
+
+ssize_t ReadOnlyFile::ReadSome(uint64_t offset, void* out, size_t size) const {
   auto* bytes = static_cast<uint8_t*>(out);
-  while (size > 0) {
-    const size_t piece = std::min<size_t>(size, std::numeric_limits<int32_t>::max());
-    const ssize_t got = pread(descriptor_, bytes, piece, static_cast<off_t>(offset));
+  size_t done = 0;
+  while (done < size) {
+    const size_t piece = std::min<size_t>(size - done, std::numeric_limits<int32_t>::max());
+    const ssize_t got = pread(descriptor_, bytes + done, piece, static_cast<off_t>(offset + done));
     if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    bytes += got;
-    offset += static_cast<uint64_t>(got);
-    size -= static_cast<size_t>(got);
+    if (got < 0) return -1;
+    if (got == 0) break;
+    done += static_cast<size_t>(got);
   }
+  return static_cast<ssize_t>(done);
+}
+
+ssize_t FileSource::ReadAt(uint64_t offset, void* buffer, size_t length) {
+  if (offset >= file_.Size()) return 0;
+  return file_.ReadSome(offset, buffer,
+                        static_cast<size_t>(std::min<uint64_t>(length, file_.Size() - offset)));
+}
+
+bool FileSource::Size(uint64_t* size) {
+  *size = file_.Size();
   return true;
 }
 

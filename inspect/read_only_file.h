@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "format/byte_source.h"
+
 namespace Kestrun::Inspect {
 
 class ReadOnlyFile {
@@ -30,6 +32,8 @@ class ReadOnlyFile {
   const std::string& Path() const { return path_; }
   // Reads exactly `size` bytes; false when the file holds fewer there or the system can't read them.
   bool ReadAt(uint64_t offset, void* out, size_t size) const;
+  // Reads up to `size` bytes and returns how many: fewer only at the end of the file, -1 when the system can't.
+  ssize_t ReadSome(uint64_t offset, void* out, size_t size) const;
 
  private:
   ReadOnlyFile(int descriptor, uint64_t size, std::string path);
@@ -37,6 +41,18 @@ class ReadOnlyFile {
   int descriptor_;
   uint64_t size_;
   std::string path_;
+};
+
+// The file as the readers of format/ take it. Nothing behind the size that the file had is read.
+class FileSource final : public ByteSource {
+ public:
+  explicit FileSource(const ReadOnlyFile& file) : file_(file) {}
+
+  ssize_t ReadAt(uint64_t offset, void* buffer, size_t length) override;
+  bool Size(uint64_t* size) override;
+
+ private:
+  const ReadOnlyFile& file_;
 };
 
 // Reads a file that is mostly walked forward in small pieces with few system calls.

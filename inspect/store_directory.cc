@@ -7,17 +7,10 @@
 #include <cstring>
 #include <memory>
 
-#include "format/block_format.h"
-#include "format/manifest_format.h"
-#include "format/wal_format.h"
-#include "inspect/manifest_file.h"
-#include "inspect/schema_file.h"
+#include "format/file_names.h"
 
 namespace Kestrun::Inspect {
 namespace {
-
-constexpr char kLegacyLogName[] = "wal_v3";
-constexpr char kLegacyBlockMark[] = ".blk_v3";
 
 void Sort(const std::string& name, StoreDirectory* directory) {
   const size_t suffixSize = std::strlen(kBlockFileSuffix);
@@ -27,11 +20,11 @@ void Sort(const std::string& name, StoreDirectory* directory) {
     directory->hasManifest = true;
   } else if (name == kSchemaFileName) {
     directory->hasSchema = true;
-  } else if (name == std::string(kManifestFileName) + kUnfinishedManifestEnding) {
+  } else if (name == std::string(kManifestFileName) + kManifestJournalSuffix) {
     directory->hasUnfinishedManifest = true;
   } else if (name.size() > suffixSize && name.ends_with(kBlockFileSuffix)) {
     directory->blocks.push_back(name.substr(0, name.size() - suffixSize));
-  } else if (name == kLegacyLogName || name.find(kLegacyBlockMark) != std::string::npos) {
+  } else if (name == kLegacyWalFileName || name.find(kLegacyBlockFileMark) != std::string::npos) {
     directory->legacy.push_back(name);
   } else {
     directory->others.push_back(name);

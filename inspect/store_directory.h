@@ -1,11 +1,15 @@
 // inspect/store_directory.h: which files of a store lie in a directory.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace Kestrun::Inspect {
+
+// A hostile manifest can name far more blocks than there are files. Lists of them end here.
+inline constexpr size_t kMaxBlocks = size_t{1} << 20;
 
 // File names within the directory, each list in ascending order.
 struct StoreDirectory {

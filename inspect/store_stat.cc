@@ -5,11 +5,11 @@
 #include <set>
 
 #include "base/clock.h"
+#include "format/manifest_reader.h"
+#include "format/wal_reader.h"
 #include "inspect/block_file.h"
 #include "inspect/escape.h"
-#include "inspect/log_file.h"
-#include "inspect/manifest_file.h"
-#include "inspect/schema_file.h"
+#include "inspect/schema_lines.h"
 #include "inspect/store_directory.h"
 
 namespace Kestrun::Inspect {
@@ -25,7 +25,8 @@ LogStat StatLog(const std::string& path, uint64_t now) {
   }
   stat.present = true;
   stat.fileSize = file->Size();
-  const LogHeaderView header = ReadLogHeader(*file);
+  FileSource source(*file);
+  const WalHeaderView header = ReadWalHeader(source);
   if (!header.Usable()) {
     stat.damage = !header.complete          ? "cut short inside its header"
                   : !header.checksumMatches ? "its header fails its checksum"
@@ -33,13 +34,13 @@ LogStat StatLog(const std::string& path, uint64_t now) {
     return stat;
   }
   stat.used = header.header.used;
-  const LogScan scan = ScanLog(*file, stat.used, [&stat, now](const LogRecordView& record) {
-    const WalRecord& entry = record.header;
+  WalReader reader(source, stat.used, file->Size());
+  while (reader.Next()) {
+    const WalRecord& entry = reader.Record().header;
     stat.counts.Add(entry.deleted != 0, entry.timestamp, entry.ttl, entry.valueSize, now);
-    return true;
-  });
-  if (scan.end != LogEnd::Complete || scan.endOffset != stat.used) {
-    stat.damage = "unreadable from offset " + std::to_string(scan.endOffset);
+  }
+  if (reader.End() != WalEnd::Complete || reader.Offset() != stat.used) {
+    stat.damage = "unreadable from offset " + std::to_string(reader.Offset());
   }
   return stat;
 }
@@ -75,7 +76,8 @@ void StatManifest(const std::string& path, StoreStat* stat, std::set<std::string
   }
   stat->manifestPresent = true;
   stat->totalBytes += file->Size();
-  const ManifestHeaderView header = ReadManifestHeader(*file);
+  FileSource source(*file);
+  const ManifestHeaderView header = ReadManifestHeader(source);
   if (!header.Usable()) {
     stat->manifestDamage = !header.complete          ? "cut short inside its header"
                            : !header.checksumMatches ? "its header fails its checksum"
@@ -83,17 +85,17 @@ void StatManifest(const std::string& path, StoreStat* stat, std::set<std::string
     return;
   }
   stat->generation = header.header.generation;
-  const ManifestScan scan = ScanManifest(*file, [stat, listed](const ManifestRecordView& record) {
+  ManifestReader reader(source, file->Size());
+  while (stat->blocks.size() < kMaxBlocks && reader.Next(true)) {
     BlockStat block;
-    block.name = record.name;
+    block.name = reader.Entry().name;
     block.listed = true;
-    if (!record.IsValidName()) block.damage = "not the name of a block";
-    if (!listed->insert(record.name).second) block.damage = "listed twice";
+    if (!IsBlockName(block.name)) block.damage = "not the name of a block";
+    if (!listed->insert(block.name).second) block.damage = "listed twice";
     stat->blocks.push_back(block);
-    return stat->blocks.size() < kMaxBlocks;
-  });
-  if (scan.end != ManifestEnd::Complete) {
-    stat->manifestDamage = "unreadable from offset " + std::to_string(scan.endOffset);
+  }
+  if (reader.End() != ManifestEnd::Complete || reader.Offset() != file->Size()) {
+    stat->manifestDamage = "unreadable from offset " + std::to_string(reader.Offset());
   }
 }
 
@@ -104,7 +106,7 @@ uint64_t CountRecordTypes(const std::string& path, StoreStat* stat) {
   stat->totalBytes += file->Size();
   std::set<uint16_t> ids;
   ScanSchema(*file, [&ids](const SchemaLineView& line) {
-    if (line.isRecordType) ids.insert(line.id);
+    if (line.IsRecordType()) ids.insert(line.id);
     return true;
   });
   return ids.size();

@@ -5,19 +5,18 @@
 
 #include "format/block_format.h"
 #include "format/file_magic.h"
+#include "format/manifest_reader.h"
+#include "format/wal_reader.h"
 #include "inspect/escape.h"
-#include "inspect/log_file.h"
-#include "inspect/manifest_file.h"
 #include "inspect/orphan_block.h"
-#include "inspect/schema_file.h"
 #include "inspect/store_directory.h"
 #include "inspect/verify_file.h"
 
 namespace Kestrun::Inspect {
 namespace {
 
-// A hostile manifest can name far more blocks than there are files.
-constexpr uint64_t kMaxRecords = 1u << 20;
+// A filter of a store has at most 4097 bytes. Larger ones are read up to this size.
+constexpr uint64_t kMaxFilter = uint64_t{16} << 20;
 
 class StoreVerifier {
  public:
@@ -72,39 +71,43 @@ class StoreVerifier {
     }
     const auto file = Open(ManifestPath(directory_), kManifestFileName);
     if (!file || !VerifyManifestHeader(*file, kManifestFileName, report_)) return;
-    const ManifestScan scan = ScanManifest(*file, [this, &file](const ManifestRecordView& record) {
-      Record(*file, record);
-      return listed_.size() < kMaxRecords;
-    });
-    ManifestEnding(scan);
+    FileSource source(*file);
+    ManifestReader reader(source, file->Size());
+    while (listed_.size() < kMaxBlocks && reader.Next(true)) Record(&reader);
+    if (listed_.size() == kMaxBlocks) {
+      report_->Damage(kManifestFileName, reader.Offset(),
+                      "the list is too long to be one of blocks; it was not read on");
+    } else {
+      ManifestEnding(reader);
+    }
   }
 
-  void ManifestEnding(const ManifestScan& scan) {
+  void ManifestEnding(const ManifestReader& reader) {
     const char* text = nullptr;
-    switch (scan.end) {
+    switch (reader.End()) {
       case ManifestEnd::Complete:
         return;
-      case ManifestEnd::Stopped:
-        text = "the list is too long to be one of blocks; it was not read on";
-        break;
-      case ManifestEnd::TornRecord:
+      case ManifestEnd::CutEntry:
         text = "the file ends inside a record, which readers pass over";
         break;
       case ManifestEnd::BadChecksum:
+      case ManifestEnd::TornEntry:
         text = "the record fails its checksum; no record from here on is readable";
         break;
       case ManifestEnd::CutFilter:
         text = "the file ends inside the filter of a record";
         break;
+      case ManifestEnd::BadName:
       case ManifestEnd::Unreadable:
         text = "the record can't be read";
         break;
     }
-    report_->Damage(kManifestFileName, scan.endOffset, text);
+    report_->Damage(kManifestFileName, reader.Offset(), text);
   }
 
-  void Record(const ReadOnlyFile& manifest, const ManifestRecordView& record) {
-    if (!record.IsValidName()) {
+  void Record(ManifestReader* reader) {
+    const ManifestEntryView& record = reader->Entry();
+    if (!IsBlockName(record.name)) {
       report_->Damage(kManifestFileName, record.offset,
                       "\"" + Printable(record.name) + "\" is not the name of a block");
       return;
@@ -120,7 +123,7 @@ class StoreVerifier {
       return;
     }
     std::vector<uint8_t> filter;
-    const bool hasFilter = ReadFilter(manifest, record, &filter);
+    const bool hasFilter = reader->ReadFilter(&filter, kMaxFilter);
     if (!hasFilter) {
       report_->Damage(kManifestFileName, record.FilterOffset(),
                       "the filter of " + fileName + ", " + std::to_string(record.entry.filterSize) +
@@ -134,7 +137,7 @@ class StoreVerifier {
   // What a broken-off change of the manifest left is finished by the next opening; until then the manifest
   // does not tell which blocks belong to the store.
   void UnfinishedManifest() {
-    report_->Note(std::string(kManifestFileName) + kUnfinishedManifestEnding, 0,
+    report_->Note(std::string(kManifestFileName) + kManifestJournalSuffix, 0,
                   "a compaction was broken off; the next opening of the store sets its list of blocks right. "
                   "Open it once and verify again");
     for (const std::string& name : files_.blocks) {
@@ -159,12 +162,11 @@ class StoreVerifier {
     std::string why;
     const auto file = log_ ? ReadOnlyFile::Open(LogPath(directory_), &why) : std::nullopt;
     if (!file) return;
-    const LogHeaderView header = ReadLogHeader(*file);
+    FileSource source(*file);
+    const WalHeaderView header = ReadWalHeader(source);
     if (!header.Usable()) return;
-    ScanLog(*file, header.header.used, [this](const LogRecordView& record) {
-      leftovers_.AddLogEntry(record.key, record.header.timestamp);
-      return true;
-    });
+    WalReader reader(source, header.header.used, file->Size());
+    while (reader.Next()) leftovers_.AddLogEntry(reader.Record().key, reader.Record().header.timestamp);
   }
 
   const std::string& directory_;
@@ -205,7 +207,8 @@ void VerifyReport::Note(const std::string& file, uint64_t offset, const std::str
 }
 
 bool VerifyManifestHeader(const ReadOnlyFile& file, const std::string& name, VerifyReport* report) {
-  const ManifestHeaderView view = ReadManifestHeader(file);
+  FileSource source(file);
+  const ManifestHeaderView view = ReadManifestHeader(source);
   if (!view.complete) {
     report->Damage(name, 0,
                    "the file has " + std::to_string(file.Size()) + " bytes and ends inside its header");

@@ -12,9 +12,6 @@
 namespace Kestrun::Inspect {
 namespace {
 
-// Filters leave out keys from this byte on: a store never lists them from a block.
-constexpr unsigned char kFirstUnfilteredByte = 0xFF;
-
 // The part of a key before its last dash, where a dash in first place does not count.
 size_t PrimarySize(const std::string& key) {
   const size_t dash = key.rfind('-');
@@ -178,7 +175,7 @@ class BlockVerifier {
   }
 
   void VerifyFilter(uint64_t offset) {
-    if (filter_ == nullptr || static_cast<unsigned char>(key_.front()) >= kFirstUnfilteredByte) return;
+    if (filter_ == nullptr || static_cast<unsigned char>(key_.front()) >= kFirstUnflushedByte) return;
     const size_t primary = PrimarySize(key_);
     if (!FilterHolds(*filter_, key_, key_.size())) {
       Damage(offset, "the manifest's filter hides the key \"" + Printable(key_) + "\"");

@@ -1,15 +1,12 @@
 #include "format/file_magic.h"
+#include "format/wal_reader.h"
 #include "inspect/escape.h"
-#include "inspect/log_file.h"
 #include "inspect/verify_file.h"
 
 namespace Kestrun::Inspect {
 namespace {
 
-// Keys that begin with this byte stay in the log and are lost when it is flushed.
-constexpr char kUnflushedFirstByte = '\xFF';
-
-bool VerifyHeader(const ReadOnlyFile& file, const LogHeaderView& view, const std::string& name,
+bool VerifyHeader(const ReadOnlyFile& file, const WalHeaderView& view, const std::string& name,
                   VerifyReport* report) {
   if (!view.complete) {
     report->Damage(name, 0,
@@ -40,7 +37,7 @@ bool VerifyHeader(const ReadOnlyFile& file, const LogHeaderView& view, const std
   return true;
 }
 
-void VerifyRecord(const LogRecordView& record, const std::string& name, VerifyReport* report) {
+void VerifyRecord(const WalRecordView& record, const std::string& name, VerifyReport* report) {
   if (record.header.valueOffset != record.valueOffset) {
     report->Damage(name, record.offset + WalRecordOffset::kValueOffset,
                    "the record of \"" + Printable(record.key) + "\" points to a value at " +
@@ -53,49 +50,56 @@ void VerifyRecord(const LogRecordView& record, const std::string& name, VerifyRe
   }
 }
 
-std::string WhyEnded(LogEnd end) {
+std::string WhyEnded(WalEnd end) {
   switch (end) {
-    case LogEnd::BadChecksum:
+    case WalEnd::BadChecksum:
       return "the record fails its checksum";
-    case LogEnd::EmptyKey:
+    case WalEnd::EmptyKey:
       return "the record has no key";
-    case LogEnd::OutOfBounds:
+    case WalEnd::BeyondFile:
       return "the record ends behind the end of the file";
+    case WalEnd::BadContent:
+      return "the key and the value of the record are not those that were written";
+    case WalEnd::OtherEpoch:
+      return "the record is one from before the log was emptied";
     default:
       return "the record can't be read";
   }
 }
 
-void VerifyEnd(const LogScan& scan, uint64_t used, const std::string& name, VerifyReport* report) {
-  if (scan.end != LogEnd::Complete) {
-    report->Damage(name, scan.endOffset,
-                   WhyEnded(scan.end) + "; nothing from here to the end of the used area at " +
-                       std::to_string(used) + " is readable");
-  } else if (scan.endOffset < used) {
-    report->Damage(name, scan.endOffset,
-                   std::to_string(used - scan.endOffset) + " bytes of the used area are not a record");
-  } else if (scan.endOffset > used && used >= kWalFirstRecord) {
+void VerifyEnd(const WalReader& reader, uint64_t used, const std::string& name, VerifyReport* report) {
+  if (reader.End() == WalEnd::BeyondUsed) {
     report->Damage(name, WalHeaderOffset::kUsed,
                    "the used area ends at " + std::to_string(used) + ", inside the record that ends at " +
-                       std::to_string(scan.endOffset));
+                       std::to_string(reader.ToldEnd()));
+  } else if (reader.End() != WalEnd::Complete) {
+    report->Damage(name, reader.Offset(),
+                   WhyEnded(reader.End()) + "; nothing from here to the end of the used area at " +
+                       std::to_string(used) + " is readable");
+  } else if (reader.Offset() < used) {
+    report->Damage(name, reader.Offset(),
+                   std::to_string(used - reader.Offset()) + " bytes of the used area are not a record");
   }
 }
 
 }  // namespace
 
 void VerifyLog(const ReadOnlyFile& file, const std::string& name, VerifyReport* report) {
-  const LogHeaderView view = ReadLogHeader(file);
+  FileSource source(file);
+  const WalHeaderView view = ReadWalHeader(source);
   if (!VerifyHeader(file, view, name, report)) return;
 
   uint64_t unflushed = 0;
   uint64_t firstUnflushed = 0;
-  const LogScan scan = ScanLog(file, view.header.used, [&](const LogRecordView& record) {
+  WalReader reader(source, view.header.used, file.Size());
+  while (reader.Next()) {
+    const WalRecordView& record = reader.Record();
     VerifyRecord(record, name, report);
-    if (record.key.front() == kUnflushedFirstByte && unflushed++ == 0) firstUnflushed = record.offset;
-    return true;
-  });
-  report->logRecords += scan.records;
-  if (view.header.used <= file.Size()) VerifyEnd(scan, view.header.used, name, report);
+    const auto first = static_cast<unsigned char>(record.key.front());
+    if (first >= kFirstUnflushedByte && unflushed++ == 0) firstUnflushed = record.offset;
+  }
+  report->logRecords += reader.Records();
+  if (view.header.used <= file.Size()) VerifyEnd(reader, view.header.used, name, report);
   if (unflushed != 0) {
     report->Note(name, firstUnflushed,
                  std::to_string(unflushed) +

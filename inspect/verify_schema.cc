@@ -1,7 +1,7 @@
 #include <map>
 
 #include "inspect/escape.h"
-#include "inspect/schema_file.h"
+#include "inspect/schema_lines.h"
 #include "inspect/verify_file.h"
 
 namespace Kestrun::Inspect {
@@ -18,7 +18,7 @@ void VerifyLine(const SchemaLineView& line, const std::string& name, VerifyRepor
                    "a line of " + std::to_string(line.size) + " bytes is too long for a record type");
   } else if (!line.ended) {
     report->Damage(name, line.offset, "the last line, " + Quoted(line.line) + ", has no end and is not read");
-  } else if (!line.isRecordType) {
+  } else if (!line.IsRecordType()) {
     report->Damage(name, line.offset, "the line " + Quoted(line.line) + " is not a record type");
   } else if (!line.idIsPlain) {
     report->Damage(name, line.offset,
@@ -36,7 +36,7 @@ void VerifySchema(const ReadOnlyFile& file, const std::string& name, VerifyRepor
   std::map<uint16_t, std::string> texts;
   const bool whole = ScanSchema(file, [&](const SchemaLineView& line) {
     VerifyLine(line, name, report);
-    if (!line.isRecordType) return true;
+    if (!line.IsRecordType()) return true;
     const auto [known, isNew] = texts.emplace(line.id, line.text);
     if (!isNew && known->second != line.text) {
       report->Damage(name, line.offset,

@@ -8,18 +8,16 @@
 #include "format/checksum.h"
 #include "format/file_magic.h"
 #include "format/key_filter.h"
-#include "format/torn_entry.h"
+#include "format/manifest_reader.h"
 #include "kestrun/status.h"
 #include "storage/directory.h"
 #include "storage/file_creation.h"
-#include "storage/file_window.h"
 #include "storage/manifest_journal.h"
+#include "storage/os_file_source.h"
 #include "storage/published_header.h"
 
 namespace Kestrun {
 namespace {
-
-constexpr size_t kListWindow = 64 * 1024;
 
 ManifestHeader EmptyManifestHeader() {
   ManifestHeader header = {};
@@ -28,11 +26,6 @@ ManifestHeader EmptyManifestHeader() {
   header.headerSize = sizeof(ManifestHeader);
   header.checksum = StoreChecksum(&header, ManifestHeaderOffset::kChecksum);
   return header;
-}
-
-// A name leads to a file of the store's own directory, and ends within its field.
-bool IsUsableName(const char (&name)[kBlockNameLength + 1]) {
-  return std::memchr(name, '\0', sizeof(name)) != nullptr && std::strchr(name, '/') == nullptr;
 }
 
 }  // namespace
@@ -252,28 +245,17 @@ uint32_t Manifest::StatusOf(const Reading& reading) {
 
 namespace {
 
-// Reads entries from a source that shows `length` bytes at an offset, up to its end.
-template <typename View>
-bool ParseEntries(uint64_t end, View view, BlockEntries* entries, bool* badEntry) {
-  *badEntry = false;
-  for (uint64_t offset = 0; end - offset >= sizeof(ManifestEntry);) {
-    const uint8_t* bytes = nullptr;
-    ManifestEntry entry;
-    if (!view(offset, sizeof(entry), &bytes)) return false;
-    std::memcpy(&entry, bytes, sizeof(entry));
-    *badEntry =
-        StoreChecksum(&entry, ManifestEntryOffset::kChecksum) != entry.checksum || !IsUsableName(entry.name);
-    if (*badEntry) return false;
-    offset += sizeof(entry);
-    if (end - offset < entry.filterSize || !view(offset, entry.filterSize, &bytes)) return false;
-    offset += entry.filterSize;
-
+// Gathers the entries of a list; `*badEntry` is set when one of them is damaged.
+bool ParseEntries(ManifestReader* reader, BlockEntries* entries, bool* badEntry) {
+  bool filterRead = true;
+  while (filterRead && reader->Next()) {
     auto block = std::make_shared<BlockEntry>();
-    block->name = entry.name;
-    block->filter.assign(bytes, bytes + entry.filterSize);
-    entries->push_back(std::move(block));
+    block->name = reader->Entry().name;
+    filterRead = reader->ReadFilter(&block->filter);
+    if (filterRead) entries->push_back(std::move(block));
   }
-  return true;
+  *badEntry = reader->End() == ManifestEnd::BadChecksum || reader->End() == ManifestEnd::BadName;
+  return filterRead && IsWholeList(reader->End());
 }
 
 }  // namespace
@@ -289,33 +271,16 @@ Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
   uint64_t size = 0;
   const Unfinished unfinished = FindPendingRewrite(header, &replacement);
   if (unfinished == Unfinished::Yes) {
-    const auto view = [&replacement](uint64_t offset, size_t, const uint8_t** bytes) {
-      *bytes = replacement.entries.data() + offset;
-      return true;
-    };
-    complete = ParseEntries(replacement.entries.size(), view, &entries, &badEntry);
+    MemorySource source(replacement.entries.data(), replacement.entries.size());
+    ManifestReader reader(source, replacement.entries.size(), 0);
+    complete = ParseEntries(&reader, &entries, &badEntry);
   } else if (unfinished == Unfinished::No && file_->Size(&size) == 0) {
-    FileWindow window(file_, kListWindow);
-    const auto view = [&window](uint64_t offset, size_t length, const uint8_t** bytes) {
-      return window.View(sizeof(ManifestHeader) + offset, length, bytes) == FileWindow::Result::Ok;
-    };
-    const uint64_t end = size < sizeof(ManifestHeader) ? 0 : size - sizeof(ManifestHeader);
-    complete = ParseEntries(end, view, &entries, &badEntry);
-    if (badEntry) complete = EndsTorn(size, entries);
+    OsFileSource source(*file_);
+    ManifestReader reader(source, size);
+    complete = ParseEntries(&reader, &entries, &badEntry);
   }
   if (!complete) reading.outcome = badEntry ? Reading::Outcome::BadEntry : Reading::Outcome::Unreadable;
   return reading;
-}
-
-// Whether everything behind the sound entries is one whose bytes were lost with the power.
-bool Manifest::EndsTorn(uint64_t size, const BlockEntries& entries) const {
-  uint64_t begin = sizeof(ManifestHeader);
-  for (const std::shared_ptr<BlockEntry>& entry : entries)
-    begin += sizeof(ManifestEntry) + entry->filter.size();
-  if (size - begin > kMaxManifestEntry) return false;
-  std::vector<uint8_t> tail(static_cast<size_t>(size - begin));
-  const ssize_t count = file_->PReadFully(tail.data(), tail.size(), static_cast<int64_t>(begin));
-  return count == static_cast<ssize_t>(tail.size()) && IsTornEntry(tail.data(), tail.size(), begin);
 }
 
 BlockEntries Manifest::Entries() {

@@ -156,7 +156,6 @@ class Manifest {
   uint32_t LoadAtOpen();
   static uint32_t StatusOf(const Reading& reading);
   Reading ReadList(const ManifestHeader& header) const;
-  bool EndsTorn(uint64_t size, const BlockEntries& entries) const;
   enum class Unfinished { No, Yes, Unknown };
   Unfinished FindPendingRewrite(const ManifestHeader& header, ManifestJournal* replacement) const;
   uint32_t PrepareChange(ManifestHeader* header, ManifestListPointer* list);

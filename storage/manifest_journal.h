@@ -5,34 +5,20 @@
 // manifest changes, and is removed when the manifest is complete on the disk. Whoever finds one compares it
 // with the manifest and either finishes the replacement or drops the file.
 //
-//   0   8  magic           16  8  length of the old entries in bytes
-//   8   4  version, 5      24  8  hash of the old entries
-//   12  4  generation that the manifest gets
-//   32  8  hash of bytes 0 to 31 and of the entries that follow
-//   40     the new entries
+// Bytes: format/manifest_format.h.
 //
 // Threads: the caller holds the manifest's lock, Exclusive to write or remove the file.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
-#include <vector>
+
+#include "format/manifest_reader.h"
 
 namespace Kestrun {
 
-struct ManifestJournal {
-  uint32_t generation = 0;
-  uint64_t oldLength = 0;
-  uint64_t oldHash = 0;
-  std::vector<uint8_t> entries;
-};
-
 // The path of the side file of the manifest at `manifestPath`.
 std::string JournalPath(const std::string& manifestPath);
-
-// A 64-bit hash of `size` bytes, begun with another hash.
-uint64_t JournalHash(const void* data, size_t size, uint64_t begun = 0xCBF29CE484222325u);
 
 // Writes the side file and forces it and its name to the disk. kStatusManifestWriteFailed, kStatusSyncFailed:
 // there is no side file then.

@@ -101,7 +101,7 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
   ManifestJournal replacement;
   replacement.generation = header.generation + 1;
   replacement.oldLength = old.size();
-  replacement.oldHash = JournalHash(old.data(), old.size());
+  replacement.oldHash = ManifestJournalHash(old.data(), old.size());
   replacement.entries = EntryBytes(name, filter);
   auto shorter = std::make_shared<ManifestList>();
   shorter->generation = replacement.generation;
@@ -203,27 +203,23 @@ uint32_t Manifest::PrepareChange(ManifestHeader* header, ManifestListPointer* li
   return kStatusOk;
 }
 
-// Whether the side file tells of a replacement that the manifest's bytes do not show completely. Where they
-// still are the old ones nothing was begun; and a later generation, or an entry behind the old ones, says
-// that somebody has seen to it.
+// Whether the journal tells of a replacement that the manifest's bytes do not show completely. The bytes of a manifest
+// that has moved on are not even looked at.
 Manifest::Unfinished Manifest::FindPendingRewrite(const ManifestHeader& header,
                                                   ManifestJournal* replacement) const {
   bool unreadable = false;
   if (!ReadJournal(JournalPath(file_->Path()), replacement, &unreadable)) {
     return unreadable ? Unfinished::Unknown : Unfinished::No;
   }
-  const bool published = header.generation == replacement->generation;
-  if (!published && header.generation + 1 != replacement->generation) return Unfinished::No;
+  const uint32_t generation = header.generation;
+  if (generation != replacement->generation && generation + 1 != replacement->generation)
+    return Unfinished::No;
 
   uint64_t size = 0;
   std::vector<uint8_t> bytes;
   if (file_->Size(&size) != 0 || !ReadEntryBytes(size, &bytes)) return Unfinished::Unknown;
-  const bool beginsAsOld = bytes.size() >= replacement->oldLength &&
-                           JournalHash(bytes.data(), replacement->oldLength) == replacement->oldHash;
-  const bool isResolved =
-      published ? bytes == replacement->entries || (beginsAsOld && bytes.size() > replacement->oldLength)
-                : beginsAsOld && bytes.size() == replacement->oldLength;
-  return isResolved ? Unfinished::No : Unfinished::Yes;
+  return IsRewritePending(*replacement, generation, bytes.data(), bytes.size()) ? Unfinished::Yes
+                                                                                : Unfinished::No;
 }
 
 // The list is not touched: whoever goes on reads it again, at the generation published here. A side file that

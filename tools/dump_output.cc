@@ -7,9 +7,9 @@
 #include <set>
 #include <vector>
 
+#include "format/manifest_reader.h"
 #include "inspect/dump.h"
 #include "inspect/escape.h"
-#include "inspect/manifest_file.h"
 #include "inspect/store_directory.h"
 #include "kestrun/status.h"
 #include "tools/failure.h"
@@ -99,10 +99,12 @@ std::vector<std::string> BlocksInOrder(const std::string& directory, const Inspe
   std::set<std::string> seen;
   std::string why;
   if (const auto manifest = Inspect::ReadOnlyFile::Open(Inspect::ManifestPath(directory), &why)) {
-    Inspect::ScanManifest(*manifest, [&](const Inspect::ManifestRecordView& record) {
-      if (present.count(record.name) != 0 && seen.insert(record.name).second) names.push_back(record.name);
-      return true;
-    });
+    Inspect::FileSource source(*manifest);
+    ManifestReader reader(source, manifest->Size());
+    while (reader.Next(true)) {
+      const std::string& name = reader.Entry().name;
+      if (present.count(name) != 0 && seen.insert(name).second) names.push_back(name);
+    }
   }
   for (const std::string& name : files.blocks) {
     if (seen.count(name) == 0) names.push_back(name);

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "inspect/escape.h"
-#include "inspect/schema_file.h"
+#include "inspect/schema_lines.h"
 #include "inspect/store_directory.h"
 #include "tools/failure.h"
 
@@ -94,8 +94,8 @@ std::map<uint16_t, std::unique_ptr<RecordMeta>> ReadRecordTypes(const std::strin
   std::string why;
   const auto file = Inspect::ReadOnlyFile::Open(Inspect::SchemaPath(store), &why);
   if (!file) return types;
-  Inspect::ScanSchema(*file, [&types](const Inspect::SchemaLineView& line) {
-    if (!line.isRecordType) return true;
+  Inspect::ScanSchema(*file, [&types](const SchemaLineView& line) {
+    if (!line.IsRecordType()) return true;
     std::unique_ptr<RecordMeta> meta(RecordMeta::Create(line.id, line.text));
     if (meta != nullptr) types[line.id] = std::move(meta);
     return true;

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "format/wal_reader.h"
 #include "inspect/escape.h"
-#include "inspect/log_file.h"
 #include "inspect/read_only_file.h"
 #include "inspect/store_directory.h"
 #include "kestrun/status.h"
@@ -34,7 +34,8 @@ std::optional<LogOnDisk> FindLog(const std::string& path) {
   std::string why;
   const std::optional<Inspect::ReadOnlyFile> file = Inspect::ReadOnlyFile::Open(Inspect::LogPath(path), &why);
   if (!file || file->Size() <= kWalFirstRecord) return std::nullopt;
-  const Inspect::LogHeaderView header = Inspect::ReadLogHeader(*file);
+  Inspect::FileSource source(*file);
+  const WalHeaderView header = ReadWalHeader(source);
   return LogOnDisk{file->Size(), !header.Usable() || header.header.used != kWalFirstRecord};
 }
 

@@ -84,16 +84,32 @@ void Reseal(std::string* bytes, size_t start, size_t checksumOffset) {
   Set32(bytes, checksumOffset, ForgedChecksum(*bytes, start, checksumOffset - start));
 }
 
+namespace {
+
+// CRC-32C, one bit at a time.
+uint32_t ForgedCrc(const std::string& bytes) {
+  uint32_t crc = 0xFFFFFFFF;
+  for (const char byte : bytes) {
+    crc ^= static_cast<unsigned char>(byte);
+    for (int i = 0; i < 8; ++i) crc = crc >> 1 ^ ((crc & 1) != 0 ? 0x82F63B78 : 0);
+  }
+  return ~crc;
+}
+
+}  // namespace
+
 std::string ForgedLog(const std::vector<ForgedEntry>& entries, size_t size) {
   std::string records;
   for (const ForgedEntry& entry : entries) {
     std::string record;
     Append32(&record, static_cast<uint32_t>(128 + records.size() + 40 + entry.key.size()));
     Append32(&record, static_cast<uint32_t>(entry.value.size()));
-    Append64(&record, entry.deleted ? 1 : 0);
+    Append64(&record, (entry.deleted ? 1 : 0) | uint64_t{entry.epoch.value_or(0)} << 8);
     Append64(&record, entry.timestamp);
-    Append64(&record, entry.ttl);
-    Append32(&record, static_cast<uint16_t>(entry.key.size()));
+    Append32(&record, entry.ttl);
+    Append32(&record, entry.epoch ? ForgedCrc(entry.key + entry.value) : 0);
+    Append16(&record, static_cast<uint16_t>(entry.key.size()));
+    Append16(&record, entry.epoch ? 0x4B43 : 0);
     Append32(&record, ForgedChecksum(record, 0, 36));
     records += record + entry.key + entry.value;
   }

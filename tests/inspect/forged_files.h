@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,8 @@ struct ForgedEntry {
   bool deleted = false;
   uint64_t timestamp = kForgedTime;
   uint32_t ttl = kForgedTtl;
+  // Makes the entry carry the mark and the checksum of its key and value, and in a log this epoch.
+  std::optional<uint32_t> epoch = std::nullopt;
 };
 
 // Little-endian integers, appended and put in place.

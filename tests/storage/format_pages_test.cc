@@ -86,7 +86,7 @@ TEST_F(ManifestPageTest, TheSideFileIsTheOneOfAReplacementOfNothing) {
   EXPECT_EQ(ToHexBlock(ManifestBlock("side-file")), ToHexBlock(SideFileBytes(1, "", "")));
   ManifestJournal replacement;
   replacement.generation = 1;
-  replacement.oldHash = JournalHash("", 0);
+  replacement.oldHash = ManifestJournalHash("", 0);
   ASSERT_EQ(WriteJournal(SidePath(), replacement), kStatusOk);
   EXPECT_EQ(ToHexBlock(ManifestBlock("side-file")), ToHexBlock(ReadFile(SidePath())));
 }

@@ -159,7 +159,7 @@ TEST_F(ManifestReplacementTest, TheBytesOfTheSideFileAreAsDocumented) {
   ManifestJournal replacement;
   replacement.generation = new_.Generation();
   replacement.oldLength = old_.Entries().size();
-  replacement.oldHash = JournalHash(old_.Entries().data(), old_.Entries().size());
+  replacement.oldHash = ManifestJournalHash(old_.Entries().data(), old_.Entries().size());
   replacement.entries = BytesOf(new_.Entries());
   ASSERT_EQ(WriteJournal(SidePath(), replacement), kStatusOk);
   EXPECT_EQ(ToHex(ReadFile(SidePath())), ToHex(side_));
