@@ -1,20 +1,31 @@
 #include "format/byte_window.h"
 
+#include <algorithm>
+
 namespace Kestrun {
 
-bool ByteWindow::ReadExactly(uint64_t offset, void* buffer, size_t length) {
-  if (length > windowSize_) return Kestrun::ReadExactly(source_, offset, buffer, length);
-  const bool held = offset >= start_ && offset - start_ <= held_ && length <= held_ - (offset - start_);
-  if (!held) {
-    bytes_.resize(windowSize_);
-    const ssize_t count = source_.ReadAt(offset, bytes_.data(), windowSize_);
+void ByteWindow::LimitTo(uint64_t size) {
+  if (size < capacity_) capacity_ = static_cast<size_t>(size);
+}
+
+ByteWindow::Result ByteWindow::View(uint64_t offset, size_t length, const uint8_t** bytes) {
+  const bool shown = offset >= start_ && offset - start_ <= held_ && held_ - (offset - start_) >= length;
+  if (!shown) {
+    const size_t wanted = std::max(capacity_, length);
+    if (buffer_.size() < wanted) buffer_.resize(wanted);
+    const int64_t read = source_.ReadAt(offset, buffer_.data(), wanted);
     start_ = offset;
-    held_ = count < 0 ? 0 : static_cast<size_t>(count);
-    // What can't be read behind the piece does not matter.
-    if (length > held_) return count < 0 && Kestrun::ReadExactly(source_, offset, buffer, length);
+    held_ = read < 0 ? 0 : static_cast<size_t>(read);
+    if (read < 0) return Result::Failed;
+    if (held_ < length) return Result::Short;
   }
-  if (length > 0) std::memcpy(buffer, bytes_.data() + (offset - start_), length);
-  return true;
+  *bytes = buffer_.data() + (offset - start_);
+  return Result::Ok;
+}
+
+void ByteWindow::Release() {
+  buffer_ = {};
+  held_ = 0;
 }
 
 }  // namespace Kestrun

@@ -1,6 +1,8 @@
-// format/byte_window.h: reads a source that is mostly walked forward in small pieces with few calls of it.
+// format/byte_window.h: reads a source forward in large pieces and shows any stretch of it in memory.
 //
-// Threads: one at a time.
+// Ownership: borrows the source. The bytes shown belong to the window until the next call.
+// Threads:   one thread at a time.
+// Failure:   see Result; View may throw std::bad_alloc.
 #pragma once
 
 #include <cstddef>
@@ -13,20 +15,28 @@ namespace Kestrun {
 
 class ByteWindow {
  public:
-  static constexpr size_t kDefaultSize = size_t{64} << 10;
+  enum class Result {
+    Ok,
+    Short,   // the source ends before the stretch does
+    Failed,  // the source can't be read
+  };
 
-  explicit ByteWindow(ByteSource& source, size_t size = kDefaultSize) : source_(source), windowSize_(size) {}
+  // A window of `capacity` bytes.
+  ByteWindow(ByteSource& source, size_t capacity) : source_(source), capacity_(capacity) {}
 
-  // Copies exactly `length` bytes from `offset` on; false when there are fewer or they can't be read. May throw
-  // std::bad_alloc.
-  bool ReadExactly(uint64_t offset, void* buffer, size_t length);
+  // Lets the window hold no more than `size` bytes, for a part of the source that is no longer.
+  void LimitTo(uint64_t size);
+  // Shows `length` bytes at `offset`. A stretch longer than the capacity makes the window grow.
+  Result View(uint64_t offset, size_t length, const uint8_t** bytes);
+  // Gives up the window's memory until the next View.
+  void Release();
 
  private:
   ByteSource& source_;
-  size_t windowSize_;
+  size_t capacity_;
+  std::vector<uint8_t> buffer_;  // holds the `held_` bytes of the source at `start_`
   uint64_t start_ = 0;
   size_t held_ = 0;
-  std::vector<uint8_t> bytes_;
 };
 
 }  // namespace Kestrun

@@ -8,6 +8,20 @@
 #include "format/file_magic.h"
 
 namespace Kestrun {
+namespace {
+
+constexpr size_t kWindow = 64 << 10;
+
+// Copies exactly `length` bytes from `offset` on; false when there are fewer or they can't be read.
+bool CopyFrom(ByteWindow* window, uint64_t offset, void* buffer, size_t length) {
+  const uint8_t* bytes = nullptr;
+  if (length == 0) return true;
+  if (window->View(offset, length, &bytes) != ByteWindow::Result::Ok) return false;
+  std::memcpy(buffer, bytes, length);
+  return true;
+}
+
+}  // namespace
 
 WalHeaderView ReadWalHeader(ByteSource& source) {
   WalHeaderView view;
@@ -38,7 +52,7 @@ uint32_t EpochOf(const WalRecord& record) {
 }
 
 WalReader::WalReader(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start)
-    : source_(source), window_(source), used_(used), fileSize_(fileSize), offset_(start) {}
+    : source_(source), window_(source, kWindow), used_(used), fileSize_(fileSize), offset_(start) {}
 
 bool WalReader::Next() {
   if (!WalRecordFits(offset_, used_, fileSize_)) return false;
@@ -53,7 +67,7 @@ bool WalReader::Next() {
 // epoch, content.
 WalEnd WalReader::Examine() {
   uint8_t bytes[sizeof(WalRecord)];
-  if (!window_.ReadExactly(offset_, bytes, sizeof(bytes))) return WalEnd::Unreadable;
+  if (!CopyFrom(&window_, offset_, bytes, sizeof(bytes))) return WalEnd::Unreadable;
   WalRecord& header = record_.header;
   const WalEnd verdict = CheckWalRecord(bytes, offset_, used_, fileSize_, &header);
   record_.offset = offset_;
@@ -63,7 +77,7 @@ WalEnd WalReader::Examine() {
   if (verdict != WalEnd::Complete) return verdict;
 
   record_.key.resize(header.keySize);
-  if (!window_.ReadExactly(offset_ + sizeof(header), record_.key.data(), record_.key.size())) {
+  if (!CopyFrom(&window_, offset_ + sizeof(header), record_.key.data(), record_.key.size())) {
     return WalEnd::Unreadable;
   }
   if (!IsMarked(header)) return WalEnd::Complete;
@@ -78,7 +92,7 @@ bool WalReader::ContentMatches() {
   uint32_t crc = Crc32c(record_.key.data(), record_.key.size());
   for (uint64_t at = record_.valueOffset; at < record_.end;) {
     const auto size = static_cast<size_t>(std::min<uint64_t>(sizeof(piece), record_.end - at));
-    if (!window_.ReadExactly(at, piece, size)) return false;
+    if (!CopyFrom(&window_, at, piece, size)) return false;
     crc = Crc32c(piece, size, crc);
     at += size;
   }
@@ -87,15 +101,15 @@ bool WalReader::ContentMatches() {
 
 bool WalReader::ReadValue(std::string* value) {
   value->resize(record_.header.valueSize);
-  return window_.ReadExactly(record_.valueOffset, value->data(), value->size());
+  return CopyFrom(&window_, record_.valueOffset, value->data(), value->size());
 }
 
 uint64_t FindNextWalRecord(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start) {
-  ByteWindow window(source);
+  ByteWindow window(source, kWindow);
   const uint64_t limit = std::min(used, fileSize);
   for (uint64_t offset = start + 1; WalRecordFits(offset, limit, limit); ++offset) {
     uint8_t bytes[sizeof(WalRecord)];
-    if (!window.ReadExactly(offset, bytes, sizeof(bytes))) return 0;
+    if (!CopyFrom(&window, offset, bytes, sizeof(bytes))) return 0;
     // The record's own place stands in it, which no value is likely to have: it is looked at first.
     WalRecord record;
     std::memcpy(&record, bytes, sizeof(record));
