@@ -65,6 +65,30 @@ uint32_t Block::Count() const {
   return static_cast<uint32_t>(entries_.size());
 }
 
+std::string_view Block::KeyAt(uint32_t i) const {
+  const Key& key = entries_[i].key;
+  return {reinterpret_cast<const char*>(key.Data()), key.Size()};
+}
+
+uint32_t Block::LowerBound(std::string_view key) const {
+  uint32_t low = 0;
+  uint32_t high = Count();
+  while (low < high) {
+    const uint32_t middle = low + (high - low) / 2;
+    if (KeyAt(middle) < key) {
+      low = middle + 1;
+    } else {
+      high = middle;
+    }
+  }
+  return low;
+}
+
+uint32_t Block::Find(std::string_view key) const {
+  const uint32_t found = LowerBound(key);
+  return found < Count() && KeyAt(found) == key ? found : Count();
+}
+
 bool Block::Contains(const Key& key) const {
   return Find(key) != nullptr;
 }

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kestrun/data_entry.h"
@@ -79,6 +80,15 @@ class Block {
 
   uint32_t Count() const;
   const std::vector<IndexedEntry>& Entries() const { return entries_; }
+  // The entries in key order.
+  std::string_view KeyAt(uint32_t i) const;
+  DataEntry EntryAt(uint32_t i) const { return entries_[i].entry; }
+  // Whether the entry carries the CRC-32C of its key and value, and which.
+  bool ChecksumAt(uint32_t /*i*/, uint32_t* /*crc*/) const { return false; }
+  // The first entry whose key is not before `key`; Count() when there is none.
+  uint32_t LowerBound(std::string_view key) const;
+  // The entry of exactly this key; Count() when there is none.
+  uint32_t Find(std::string_view key) const;
   const std::shared_ptr<OsFile>& File() const { return file_; }
   // Tells the block's file apart from every other one, as long as the block lives.
   const InodeId& FileId() const { return file_->Id(); }

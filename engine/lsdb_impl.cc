@@ -7,12 +7,9 @@
 #include <utility>
 
 #include "base/catch_bad_alloc.h"
-#include "block/block_cache.h"
-#include "format/block_format.h"
+#include "engine/core.h"
 #include "kestrun/lsdb.h"
 #include "storage/directory.h"
-#include "storage/manifest.h"
-#include "storage/wal.h"
 
 namespace Kestrun {
 namespace {
@@ -73,13 +70,8 @@ uint32_t LSDBImpl::Remove(const std::string& path) {
   return CatchBadAlloc([&] { return RemoveDirectoryTree(path); });
 }
 
-std::string LSDBImpl::BlockPath(const std::string& name) const {
-  return path_ + "/" + name + kBlockFileSuffix;
-}
-
-// Every flush moves the manifest, so a move by another process may mean that it has emptied the log.
-void LSDBImpl::OnManifestChanges() {
-  wal_->OnManifestChanges(manifest_->ExternalChanges());
+Core LSDBImpl::MakeCore() const {
+  return {path_, *wal_, *manifest_, *cache_, Diagnostics::Printing(), LockPatience()};
 }
 
 }  // namespace Kestrun

@@ -5,16 +5,14 @@
 #include <vector>
 
 #include "base/catch_bad_alloc.h"
-#include "block/block_cache.h"
 #include "engine/block_filter.h"
+#include "engine/core.h"
 #include "engine/listed_block.h"
 #include "engine/pending_block_file.h"
 #include "format/block_format.h"
 #include "format/file_names.h"
 #include "kestrun/lsdb.h"
 #include "storage/directory.h"
-#include "storage/manifest.h"
-#include "storage/wal.h"
 
 namespace Kestrun {
 uint32_t LSDBImpl::ForceCompact() {
@@ -25,6 +23,7 @@ uint32_t LSDBImpl::ForceCompact() {
 // Takes the list of blocks without a lock, merges them, and puts the merged block in their place under the
 // manifest's lock if all of them are still listed. The old files go last, when the new list is on the disk.
 uint32_t LSDBImpl::Compact() {
+  const Core core = MakeCore();
   BlockEntries old;
   if (const uint32_t status = manifest_->LoadUnlocked(&old); status != kStatusOk) return status;
   if (old.size() < kMinBlocksToCompact) return kStatusOk;
@@ -34,7 +33,7 @@ uint32_t LSDBImpl::Compact() {
   // its file would be deleted with the others.
   std::vector<BlockSource> sources;
   for (const std::shared_ptr<BlockEntry>& entry : old) {
-    const std::string path = BlockPath(entry->name);
+    const std::string path = core.BlockPath(entry->name);
     uint32_t failure = kStatusOk;
     if (std::shared_ptr<Block> cached = cache_->Find(entry->name, path, entry); cached != nullptr) {
       sources.push_back({path, std::move(cached)});
@@ -51,22 +50,16 @@ uint32_t LSDBImpl::Compact() {
   Block* merged = nullptr;
   if (const uint32_t status = Block::WriteFromBlocks(file.Path(), sources, &merged); status != kStatusOk) {
     // Where others have compacted or cleared the store meanwhile, its files are gone for a good reason.
-    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
-    if (manifestLock.Status() != kStatusOk) {
-      std::printf("Failed lock manifest");
-      return manifestLock.Status();
-    }
+    const ManifestSection manifest(core, LockLevel::Shared);
+    if (manifest.Status() != kStatusOk) return manifest.Status();
     return manifest_->StillLists(old) ? status : kStatusOk;
   }
   const std::shared_ptr<Block> block(merged);
   file.Commit();
   const std::vector<uint8_t> filter = BuildBlockFilter(*block);
   {
-    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Exclusive);
-    if (manifestLock.Status() != kStatusOk) {
-      std::printf("Failed lock manifest");
-      return manifestLock.Status();
-    }
+    const ManifestSection manifest(core, LockLevel::Exclusive);
+    if (manifest.Status() != kStatusOk) return manifest.Status();
     bool replaced = false;
     const uint32_t status = manifest_->Replace(old, file.Name(), filter, &replaced);
     if (replaced) {
@@ -74,7 +67,7 @@ uint32_t LSDBImpl::Compact() {
       cache_->Put(file.Name(), block, FindListedBlock(*manifest_, file.Name()));
     }
     if (status != kStatusOk) {
-      std::printf("Failed to update manifest");
+      core.diagnostics.Print("Failed to update manifest");
       return status;
     }
     if (!replaced) {
@@ -83,7 +76,7 @@ uint32_t LSDBImpl::Compact() {
     }
   }
   for (const std::shared_ptr<BlockEntry>& entry : old) {
-    IgnoreStatus(std::remove(BlockPath(entry->name).c_str()));  // Clear removes what stays
+    IgnoreStatus(std::remove(core.BlockPath(entry->name).c_str()));  // Clear removes what stays
   }
   return RemoveLegacyFiles();
 }
@@ -100,18 +93,14 @@ uint32_t LSDBImpl::RemoveLegacyFiles() {
 uint32_t LSDBImpl::Clear() {
   if (!IsOpen()) return kStatusWalOpenFailed;
   return CatchBadAlloc([&]() -> uint32_t {
-    const FileLockGuard walLock(wal_->File(), LockLevel::Exclusive);
-    if (walLock.Status() != kStatusOk) {
-      std::printf("Failed lock wal");
-      return walLock.Status();
-    }
+    const Core core = MakeCore();
+    const LogSection log(core, LockLevel::Exclusive);
+    if (log.Status() != kStatusOk) return log.Status();
+    wal_->PrepareReset();
     IgnoreStatus(wal_->Reset());  // always succeeds
     wal_->SyncFirstPage();
-    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Exclusive);
-    if (manifestLock.Status() != kStatusOk) {
-      std::printf("Failed lock manifest");
-      return manifestLock.Status();
-    }
+    const ManifestSection manifest(core, LockLevel::Exclusive);
+    if (manifest.Status() != kStatusOk) return manifest.Status();
     IgnoreStatus(manifest_->Truncate());  // what can't be cut is cut by the next flush
     return RemoveFilesContaining(path_, kBlockFileSuffix);
   });

@@ -2,14 +2,12 @@
 //
 // Locks: the log first, the manifest inside it, released in reverse. Writers hold the log at Exclusive,
 // readers hold it at Shared and the manifest at Shared only when the log does not hold the key.
-#include <cstdio>
+#include <functional>
 
 #include "base/catch_bad_alloc.h"
 #include "base/clock.h"
-#include "block/block_cache.h"
+#include "engine/core.h"
 #include "kestrun/lsdb.h"
-#include "storage/manifest.h"
-#include "storage/wal.h"
 
 namespace Kestrun {
 
@@ -24,43 +22,28 @@ uint32_t LSDBImpl::Delete(const Key& key) {
   return WriteEntry(std::cref(append));
 }
 
-// Appends; a full log is flushed once, and the append is then tried again as the last step of the flush,
-// while the log is still locked against other processes.
+// Appends; a full log is flushed once, and the append is then tried again while the log is still locked. The flush locks
+// the log once more: the unlock that belongs to it drops the lock against other processes (Compat: nested-unlock), so
+// the second append comes before it.
 uint32_t LSDBImpl::WriteEntry(const std::function<uint32_t()>& append) {
   if (!IsOpen()) return kStatusWalOpenFailed;
   return CatchBadAlloc([&]() -> uint32_t {
-    const FileLockGuard walLock(wal_->File(), LockLevel::Exclusive);
-    if (walLock.Status() != kStatusOk) {
-      std::printf("Failed lock wal");
-      return walLock.Status();
-    }
-    OnManifestChanges();
-    const uint32_t status = append();
-    return status == kStatusWalFull ? Flush(append) : status;
-  });
-}
+    const Core core = MakeCore();
+    const LogSection section(core, LockLevel::Exclusive);
+    if (section.Status() != kStatusOk) return section.Status();
+    if (const uint32_t status = append(); status != kStatusWalFull) return status;
 
-// The newest block that really holds the key wins, and a deletion marker in it hides older values. A block
-// that can't be read at the moment ends the search: an older one may hold an older value.
-uint32_t LSDBImpl::FindBlock(const Key& key, std::shared_ptr<Block>* found) {
-  const BlockEntries candidates = manifest_->FindCandidates(key);
-  for (auto entry = candidates.rbegin(); entry != candidates.rend(); ++entry) {
-    uint32_t failure = kStatusOk;
-    std::shared_ptr<Block> block =
-        cache_->GetOrLoad((*entry)->name, BlockPath((*entry)->name), &failure, *entry);
-    if (failure != kStatusOk) return failure;
-    if (block != nullptr && block->Contains(key)) {
-      *found = std::move(block);
-      return kStatusOk;
-    }
-  }
-  return kStatusOk;
+    const LogSection nested(core, LockLevel::Exclusive);
+    if (nested.Status() != kStatusOk) return nested.Status();
+    const uint32_t status = core.FlushLocked();
+    return status == kStatusOk ? append() : status;
+  });
 }
 
 std::shared_ptr<Block> LSDBImpl::FindBlock(const Key& key) {
   std::shared_ptr<Block> found;
   // An unreadable block and a missing key look the same here.
-  if (IsOpen()) IgnoreStatus(CatchBadAlloc([&] { return FindBlock(key, &found); }));
+  if (IsOpen()) IgnoreStatus(CatchBadAlloc([&] { return MakeCore().FindBlock(key, &found); }));
   return found;
 }
 
@@ -68,7 +51,7 @@ namespace {
 
 uint32_t GetFromLog(Wal& wal, const DataEntry& entry, const void** value, unsigned int* size) {
   if (!entry.deleted && !IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
-    std::printf("TTL verification failed");
+    Diagnostics::Printing().Print("TTL verification failed");
     return kStatusExpired;
   }
   *value = nullptr;
@@ -103,22 +86,16 @@ uint32_t LSDBImpl::Get(const Key& key, const void** value, unsigned int* size) {
   if (value == nullptr || size == nullptr) return kStatusInvalid;
   if (!IsOpen()) return kStatusWalOpenFailed;
   return CatchBadAlloc([&]() -> uint32_t {
-    const FileLockGuard walLock(wal_->File(), LockLevel::Shared);
-    if (walLock.Status() != kStatusOk) {
-      std::printf("Failed lock wal");
-      return walLock.Status();
-    }
-    OnManifestChanges();
+    const Core core = MakeCore();
+    const LogSection log(core, LockLevel::Shared);
+    if (log.Status() != kStatusOk) return log.Status();
     DataEntry entry = {};
     if (wal_->Lookup(key, &entry)) return GetFromLog(*wal_, entry, value, size);
 
-    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
-    if (manifestLock.Status() != kStatusOk) {
-      std::printf("Failed lock manifest");
-      return manifestLock.Status();
-    }
+    const ManifestSection manifest(core, LockLevel::Shared);
+    if (manifest.Status() != kStatusOk) return manifest.Status();
     std::shared_ptr<Block> block;
-    if (const uint32_t status = FindBlock(key, &block); status != kStatusOk) return status;
+    if (const uint32_t status = core.FindBlock(key, &block); status != kStatusOk) return status;
     if (block != nullptr) return GetFromBlock(*block, key, value, size);
     *value = nullptr;
     *size = 0;
@@ -129,21 +106,16 @@ uint32_t LSDBImpl::Get(const Key& key, const void** value, unsigned int* size) {
 // Finds the newest entry of a key in the log or, with `*block` set, in a block.
 uint32_t LSDBImpl::FindEntry(const Key& key, DataEntry* entry, std::shared_ptr<Block>* block, bool* found) {
   *found = false;
-  const FileLockGuard walLock(wal_->File(), LockLevel::Shared);
-  if (walLock.Status() != kStatusOk) {
-    std::printf("Failed lock wal");
-    return walLock.Status();
-  }
-  OnManifestChanges();
+  const Core core = MakeCore();
+  const LogSection log(core, LockLevel::Shared);
+  if (log.Status() != kStatusOk) return log.Status();
   *found = wal_->Lookup(key, entry);
   if (*found) return kStatusOk;
 
-  const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
-  if (manifestLock.Status() != kStatusOk) {
-    std::printf("Failed lock manifest");
-    return manifestLock.Status();
-  }
-  if (const uint32_t status = FindBlock(key, block); status != kStatusOk || *block == nullptr) return status;
+  const ManifestSection manifest(core, LockLevel::Shared);
+  if (manifest.Status() != kStatusOk) return manifest.Status();
+  if (const uint32_t status = core.FindBlock(key, block); status != kStatusOk || *block == nullptr)
+    return status;
   *found = true;
   return (*block)->Lookup(key, entry);
 }

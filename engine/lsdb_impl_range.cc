@@ -1,12 +1,9 @@
 // Listing and deleting the keys of a range.
-#include <cstdio>
 #include <vector>
 
 #include "base/catch_bad_alloc.h"
-#include "block/block_cache.h"
+#include "engine/core.h"
 #include "kestrun/lsdb.h"
-#include "storage/manifest.h"
-#include "storage/wal.h"
 
 namespace Kestrun {
 
@@ -18,21 +15,15 @@ uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
   return CatchBadAlloc([&]() -> uint32_t {
     const Key primary = from.GetPrimary();
     const bool samePrimary = primary == to.GetPrimary();
-    const FileLockGuard walLock(wal_->File(), LockLevel::Shared);
-    if (walLock.Status() != kStatusOk) {
-      std::printf("Failed lock wal");
-      return walLock.Status();
-    }
-    const FileLockGuard manifestLock(manifest_->File(), LockLevel::Shared);
-    if (manifestLock.Status() != kStatusOk) {
-      std::printf("Failed lock manifest");
-      return manifestLock.Status();
-    }
-    OnManifestChanges();
+    const Core core = MakeCore();
+    const LogSection log(core, LockLevel::Shared);
+    if (log.Status() != kStatusOk) return log.Status();
+    const ManifestSection manifest(core, LockLevel::Shared);
+    if (manifest.Status() != kStatusOk) return manifest.Status();
     const BlockEntries candidates = samePrimary ? manifest_->FindCandidates(primary) : manifest_->Entries();
     for (const std::shared_ptr<BlockEntry>& entry : candidates) {
       const std::shared_ptr<Block> block =
-          cache_->GetOrLoad(entry->name, BlockPath(entry->name), nullptr, entry);
+          cache_->GetOrLoad(entry->name, core.BlockPath(entry->name), nullptr, entry);
       if (block != nullptr) block->ForEachInRange(from, to, visit);
     }
     wal_->Enumerate(from, to, visit);

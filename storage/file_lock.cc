@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
+
 #include "kestrun/status.h"
 
 namespace Kestrun {
@@ -59,8 +61,31 @@ uint32_t InodeInfo::RaiseTo(LockLevel target, int descriptor) {
   return kStatusOk;
 }
 
+// A writer keeps the gate byte while it waits for the range, so that readers who come one after the other can't keep it
+// out for ever.
+uint32_t InodeInfo::RaiseWithin(LockLevel target, int descriptor, unsigned int milliseconds,
+                                std::atomic<uint64_t>* retries, std::atomic<uint64_t>* failures) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+  for (bool isFirst = true;; isFirst = false) {
+    Enter();
+    if (RaiseTo(target, descriptor) == kStatusOk) return kStatusOk;
+    // What the tries have left locked, unless an outer section holds a lock.
+    if (level == LockLevel::None) {
+      static_cast<void>(SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength + kLockRangeLength));
+    }
+    if (isFirst) ++*retries;
+    if (std::chrono::steady_clock::now() >= deadline) {
+      ++*failures;
+      return kStatusLockFailed;
+    }
+    Leave();
+    usleep(kLockRetryMicros);
+  }
+}
+
 uint32_t InodeInfo::DropFrom(LockLevel held, int descriptor) {
   if (level < held || held < LockLevel::Shared) return kStatusOk;
+  ++dropCount_;
   if (!UnlockByteRanges(descriptor, held)) return kStatusLockFailed;
   level = LockLevel::None;
   return kStatusOk;
@@ -92,6 +117,7 @@ void InodeInfo::Leave() {
 
 void InodeInfo::CloseWhenUnlocked(int descriptor, std::unique_ptr<DeferredClose> room) noexcept {
   if (TryEnter()) {
+    ++dropCount_;
     close(descriptor);
     Leave();
     return;

@@ -54,9 +54,19 @@ struct InodeInfo {
   // four times, 1 ms apart. After kStatusLockFailed the record is as it was, and a gate byte that was locked stays
   // locked.
   [[nodiscard]] uint32_t RaiseTo(LockLevel target, int descriptor);
+  // Enters a section and takes the byte-range locks of `target`, Shared or Exclusive, trying both for `milliseconds`.
+  // Between two tries neither is held, so that whoever is inside can go on. Nothing stays locked after
+  // kStatusLockFailed; the section is entered all the same. The counters count the times that the lock was not had at
+  // once and the times that it was given up.
+  [[nodiscard]] uint32_t RaiseWithin(LockLevel target, int descriptor, unsigned int milliseconds,
+                                     std::atomic<uint64_t>* retries, std::atomic<uint64_t>* failures);
   // Drops the locks and the level on record, if that is at least `held`. kStatusLockFailed when a lock can't be
   // released; the level stays on record.
   [[nodiscard]] uint32_t DropFrom(LockLevel held, int descriptor);
+
+  // How often byte-range locks were dropped, for the thread that is inside: a lock was held throughout if this has not
+  // changed.
+  uint64_t DropCount() const { return dropCount_; }
 
   // Closes a descriptor of this file: at once when no other thread is inside, else when that thread leaves.
   void CloseWhenUnlocked(int descriptor, std::unique_ptr<DeferredClose> room) noexcept;
@@ -70,6 +80,7 @@ struct InodeInfo {
 
   std::atomic<std::thread::id> owner_{};  // of the thread that is inside
   uint32_t depth_ = 0;                    // sections that it has entered; guarded by mutex
+  uint64_t dropCount_ = 0;                // guarded by mutex
   std::atomic<DeferredClose*> deferred_{nullptr};
 };
 

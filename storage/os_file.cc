@@ -96,6 +96,11 @@ bool OsFile::TryLock(LockLevel level, uint32_t* status) {
   return true;
 }
 
+uint32_t OsFile::LockWithin(LockLevel level, unsigned int milliseconds, std::atomic<uint64_t>* retries,
+                            std::atomic<uint64_t>* failures) {
+  return inode_->RaiseWithin(level, descriptor_.Get(), milliseconds, retries, failures);
+}
+
 uint32_t OsFile::LockBytes(LockLevel level) {
   return (flags_ & kOpenLocalLockOnly) != 0 ? kStatusOk : inode_->RaiseTo(level, descriptor_.Get());
 }

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -60,6 +61,10 @@ class OsFile {
   // the level on record are dropped at once. Level Shared while Exclusive is on record leaves the gate byte
   // write-locked (Compat: unlock-shared-keeps-gate). kStatusLockFailed when a lock can't be released; the level stays on record.
   [[nodiscard]] uint32_t Unlock(LockLevel level);
+
+  // Lock that is tried for `milliseconds`; see InodeInfo::RaiseWithin. Unlock must follow, also after a failure.
+  [[nodiscard]] uint32_t LockWithin(LockLevel level, unsigned int milliseconds,
+                                    std::atomic<uint64_t>* retries, std::atomic<uint64_t>* failures);
 
   // Locks one byte of the file for writing against other processes, tried as the steps of Lock are. False
   // when another process has it. The mutex is not taken: the caller holds it, and unlocks the byte.

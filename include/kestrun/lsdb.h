@@ -32,9 +32,8 @@ namespace Kestrun {
 class Block;
 class BlockCache;
 class Manifest;
-class OsFile;
 class Wal;
-enum class LockLevel : uint8_t;
+struct Core;
 
 // How a store is opened. The same values should be given at every opening.
 struct LSDBConfig {
@@ -165,13 +164,9 @@ class KESTRUN_EXPORT LSDBImpl {
  private:
   bool IsOpen() const { return cache_ != nullptr; }  // which Open sets last
 
-  std::string BlockPath(const std::string& name) const;
-  void OnManifestChanges();
-  uint32_t FindBlock(const Key& key, std::shared_ptr<Block>* found);
+  Core MakeCore() const;
   uint32_t FindEntry(const Key& key, DataEntry* entry, std::shared_ptr<Block>* block, bool* found);
   uint32_t WriteEntry(const std::function<uint32_t()>& append);
-  uint32_t Flush(const std::function<uint32_t()>& afterReset);
-  uint32_t RecordFlushedBlock(const std::string& name, const std::shared_ptr<Block>& block);
   uint32_t Compact();
   uint32_t RemoveLegacyFiles();
 

@@ -1,0 +1,98 @@
+#include "engine/core.h"
+
+#include "engine/block_filter.h"
+#include "engine/listed_block.h"
+#include "engine/pending_block_file.h"
+#include "format/block_format.h"
+#include "kestrun/status.h"
+
+namespace Kestrun {
+
+std::string Core::BlockPath(const std::string& name) const {
+  return path + "/" + name + kBlockFileSuffix;
+}
+
+uint32_t Core::FlushLocked(uint64_t* blockBytes) const {
+  NoticeManifestChanges();
+  wal.CatchUp();
+  wal.PrepareReset();
+
+  PendingBlockFile file;
+  Block* written = nullptr;
+  uint32_t status = file.Create(path, manifest.ExternalChanges() != 0);
+  if (status == kStatusOk) status = Block::WriteFromWal(file.Path(), wal, &written);
+  if (status != kStatusOk) {
+    diagnostics.Print("Failed to dump wal file");
+    return status;
+  }
+  const std::shared_ptr<Block> block(written);
+  file.Commit();
+  status = RecordFlushedBlock(file.Name(), block);
+  if (status != kStatusOk) return status;
+  if (blockBytes != nullptr) IgnoreStatus(block->File()->Size(blockBytes));  // 0 says as much
+
+  IgnoreStatus(wal.Reset());  // always succeeds
+  wal.SyncFirstPage();
+  return kStatusOk;
+}
+
+// A block that is recorded but could not be synced is used like any other; the log keeps its entries then.
+uint32_t Core::RecordFlushedBlock(const std::string& name, const std::shared_ptr<Block>& block) const {
+  const std::vector<uint8_t> filter = BuildBlockFilter(*block);
+  const ManifestSection section(*this, LockLevel::Exclusive);
+  if (section.Status() != kStatusOk) return section.Status();
+  const uint32_t status = manifest.Append(name, filter);
+  if (status != kStatusOk) diagnostics.Print("Failed to update manifest");
+  if (status == kStatusOk || status == kStatusSyncFailed) {
+    cache.Put(name, block, FindListedBlock(manifest, name));
+  }
+  return status;
+}
+
+uint32_t Core::FindBlock(const Key& key, std::shared_ptr<Block>* found) const {
+  const BlockEntries candidates = manifest.FindCandidates(key);
+  for (auto entry = candidates.rbegin(); entry != candidates.rend(); ++entry) {
+    uint32_t failure = kStatusOk;
+    std::shared_ptr<Block> block =
+        cache.GetOrLoad((*entry)->name, BlockPath((*entry)->name), &failure, *entry);
+    if (failure != kStatusOk) return failure;
+    if (block != nullptr && block->Contains(key)) {
+      *found = std::move(block);
+      return kStatusOk;
+    }
+  }
+  return kStatusOk;
+}
+
+LogSection::LogSection(const Core& core, LockLevel level)
+    : file_(core.wal.File()), level_(level), status_(LockPatiently(*file_, level, core.patience)) {
+  if (status_ == kStatusOk) {
+    core.NoticeManifestChanges();
+  } else {
+    core.diagnostics.Print("Failed lock wal");
+  }
+}
+
+LogSection::~LogSection() {
+  IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
+}
+
+ManifestSection::ManifestSection(const Core& core, LockLevel level)
+    : file_(core.manifest.File()), level_(level), status_(LockPatiently(*file_, level, core.patience)) {
+  if (status_ != kStatusOk) core.diagnostics.Print("Failed lock manifest");
+}
+
+ManifestSection::~ManifestSection() {
+  IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
+}
+
+uint32_t LockPatiently(OsFile& file, LockLevel level, const LockPatience& patience) {
+  if (patience.milliseconds == 0) {
+    const uint32_t status = file.Lock(level);
+    if (status != kStatusOk && patience.failures != nullptr) ++*patience.failures;
+    return status;
+  }
+  return file.LockWithin(level, patience.milliseconds, patience.retries, patience.failures);
+}
+
+}  // namespace Kestrun
