@@ -34,7 +34,7 @@ uint32_t ReadEntries(const std::shared_ptr<OsFile>& file, Take take) {
 Block::Block(std::shared_ptr<OsFile> file, std::vector<IndexedEntry> entries)
     : file_(std::move(file)), entries_(std::move(entries)) {}
 
-uint32_t Block::Load(const std::string& path, Block** out) {
+uint32_t Block::Load(const std::string& path, Block** out, uint64_t /*pageSize*/) {
   std::shared_ptr<OsFile> file;
   if (const uint32_t status = OsFile::Open(path, kOpenReadOnly, &file); status != kStatusOk) return status;
   std::shared_ptr<Block> block;

@@ -7,6 +7,7 @@
 // Bytes:     block/block_format.h.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -30,8 +31,19 @@ struct BlockSource {
   std::shared_ptr<Block> block;  // may be null
 };
 
+struct MergeOptions {
+  bool keepsHidden = false;                 // tombstones and expired entries stay
+  bool isStrict = false;                    // a value that can't be read ends the merge
+  const std::atomic<bool>* stop = nullptr;  // ends the merge
+};
+
+inline constexpr uint64_t kAnyPageSize = 1;
+
 class Block {
  public:
+  static uint32_t Merge(const std::string& path, const std::vector<BlockSource>& sources,
+                        const MergeOptions& options, Block** out);
+
   struct IndexedEntry {
     Key key;
     DataEntry entry;  // valueOffset counts from the start of the block file
@@ -45,7 +57,7 @@ class Block {
   //                        table. An entry that begins within its table counts, wherever the table ends, and
   //                        only the padding at its end may be missing
   // kStatusMapFailed       the size of a table is 0
-  static uint32_t Load(const std::string& path, Block** out);
+  static uint32_t Load(const std::string& path, Block** out, uint64_t pageSize = 0);
   // The same for a file that is open.
   static uint32_t LoadFrom(std::shared_ptr<OsFile> file, std::shared_ptr<Block>* out);
   // Checks a block file as Load does, without building anything.

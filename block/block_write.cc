@@ -86,4 +86,10 @@ uint32_t Block::WriteFromBlocks(const std::string& path, const std::vector<Block
   return WriteBlock(file, data, kStatusBlockWriteFailed, out);
 }
 
+uint32_t Block::Merge(const std::string& path, const std::vector<BlockSource>& sources,
+                      const MergeOptions& options, Block** out) {
+  if (options.keepsHidden) return kStatusBlockWriteFailed;
+  return WriteFromBlocks(path, sources, out);
+}
+
 }  // namespace Kestrun

@@ -87,11 +87,7 @@ ManifestSection::~ManifestSection() {
 }
 
 uint32_t LockPatiently(OsFile& file, LockLevel level, const LockPatience& patience) {
-  if (patience.milliseconds == 0) {
-    const uint32_t status = file.Lock(level);
-    if (status != kStatusOk && patience.failures != nullptr) ++*patience.failures;
-    return status;
-  }
+  if (patience.isOlderFace) return file.Lock(level);
   return file.LockWithin(level, patience.milliseconds, patience.retries, patience.failures);
 }
 

@@ -7,10 +7,11 @@
 namespace Kestrun {
 
 struct LockPatience {
-  // Milliseconds that a lock is tried for. 0: the tries of OsFile::Lock, after which what was locked stays locked.
+  // The tries of OsFile::Lock, after which what was locked stays locked: what the older face does.
+  bool isOlderFace = true;
+  // Otherwise: milliseconds that a lock is tried for, at least as often as OsFile::Lock does; nothing stays locked.
   unsigned int milliseconds = 0;
-  std::atomic<uint64_t>* retries =
-      nullptr;  // counts the times that a lock was not had at once, when asked for
+  std::atomic<uint64_t>* retries = nullptr;   // counts the times that a lock was not had at once
   std::atomic<uint64_t>* failures = nullptr;  // counts the times that it was given up
 };
 

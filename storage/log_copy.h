@@ -26,6 +26,14 @@ class LogCopy {
   // Copies what is missing of the first `end` bytes of `log`. `end` is at most Capacity().
   void Extend(const uint8_t* log, uint32_t end);
 
+  // Fills an empty copy whole: `read` stores Capacity() bytes where it is told to and returns whether it could.
+  template <typename Read>
+  bool Fill(Read read) {
+    if (!read(bytes_)) return false;
+    size_ = capacity_;
+    return true;
+  }
+
   const uint8_t* Bytes() const { return bytes_; }
   uint32_t Capacity() const { return capacity_; }
 

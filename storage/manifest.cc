@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "format/checksum.h"
@@ -81,7 +80,7 @@ void ManifestSharedState::AfterFork() {
 
 // A missing manifest is born complete. What exists is opened, filled in when it is empty, mapped, verified
 // and read; a replacement that another process did not live to finish is finished on the way.
-uint32_t Manifest::Open(const std::string& path, Manifest** out) {
+uint32_t Manifest::Open(const std::string& path, Manifest** out, const Diagnostics& diagnostics) {
   bool madeAnew = false;
   if (access(path.c_str(), F_OK) != 0) {
     const ManifestHeader header = EmptyManifestHeader();
@@ -93,21 +92,21 @@ uint32_t Manifest::Open(const std::string& path, Manifest** out) {
   if (OsFile::Open(path, kOpenReadWrite, &file) != kStatusOk) return kStatusManifestUnreadable;
   uint64_t size = 0;
   if (file->Size(&size) != 0) {
-    std::printf("Failed to get file size: %s", path.c_str());
+    diagnostics.Printf("Failed to get file size: %s", path.c_str());
     return kStatusStatFailed;
   }
   if (size == 0) {
     madeAnew = true;
-    if (const uint32_t status = CreateInPlace(*file, &size); status != kStatusOk) return status;
+    if (const uint32_t status = CreateInPlace(*file, &size, diagnostics); status != kStatusOk) return status;
   }
   if (size < sizeof(ManifestHeader)) {
-    std::printf("Invalid manifest header checksum");
+    diagnostics.Print("Invalid manifest header checksum");
     return kStatusManifestChecksum;
   }
 
   void* header = file->Map(sizeof(ManifestHeader), 0, 0);
   if (header == nullptr) {
-    std::printf("Failed to map wal: %s", path.c_str());
+    diagnostics.Printf("Failed to map wal: %s", path.c_str());
     return kStatusMapFailed;
   }
   file->TrackMapping(header, sizeof(ManifestHeader));
@@ -115,37 +114,37 @@ uint32_t Manifest::Open(const std::string& path, Manifest** out) {
     const ManifestHeader empty = EmptyManifestHeader();
     std::memcpy(header, &empty, sizeof(empty));  // what was written to a device need not show in its mapping
   }
-  std::unique_ptr<Manifest> manifest(new Manifest(file, static_cast<uint8_t*>(header)));
+  std::unique_ptr<Manifest> manifest(new Manifest(file, static_cast<uint8_t*>(header), diagnostics));
   if (const uint32_t status = manifest->VerifyAtOpen(); status != kStatusOk) return status;
 
   manifest->Attach(madeAnew);
   if (const uint32_t status = manifest->LoadAtOpen(); status != kStatusOk) {
-    std::printf("Failed to load block entries");
+    diagnostics.Print("Failed to load block entries");
     return status;
   }
   *out = manifest.release();
   return kStatusOk;
 }
 
-Manifest::Manifest(std::shared_ptr<OsFile> file, uint8_t* header)
-    : file_(std::move(file)), header_(header), state_(nullptr) {}
+Manifest::Manifest(std::shared_ptr<OsFile> file, uint8_t* header, const Diagnostics& diagnostics)
+    : file_(std::move(file)), header_(header), state_(nullptr), diagnostics_(diagnostics) {}
 
 Manifest::~Manifest() {
   if (state_ != nullptr) state_->RemoveHandle();
 }
 
 // Writes the whole header at once, unless another process has done so meanwhile.
-uint32_t Manifest::CreateInPlace(OsFile& file, uint64_t* size) {
+uint32_t Manifest::CreateInPlace(OsFile& file, uint64_t* size, const Diagnostics& diagnostics) {
   const DirectoryCreationLock guard(DirectoryOf(file.Path()));
   if (file.Size(size) == 0 && *size != 0) return kStatusOk;
   if (file.Seek(sizeof(ManifestHeader) - 1, SEEK_SET) < 0) {
-    std::printf("Failed to seek file: %s", file.Path().c_str());
+    diagnostics.Printf("Failed to seek file: %s", file.Path().c_str());
     return kStatusSeekFailed;
   }
   const ManifestHeader header = EmptyManifestHeader();
   if (file.PWriteFully(&header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) {
     IgnoreStatus(file.Truncate(0));  // an empty file is filled in by the next opening
-    std::printf("Failed to write header of manifest file");
+    diagnostics.Print("Failed to write header of manifest file");
     return kStatusCreateFailed;
   }
   *size = sizeof(header);
@@ -157,11 +156,11 @@ uint32_t Manifest::CreateInPlace(OsFile& file, uint64_t* size) {
 uint32_t Manifest::VerifyAtOpen() const {
   ManifestHeader header;
   if (!ReadAtOpen(file_, [&] { return ReadHeader(&header); })) {
-    std::printf("Invalid manifest header checksum");
+    diagnostics_.Print("Invalid manifest header checksum");
     return kStatusManifestChecksum;
   }
   if (std::memcmp(header.magic, kFileMagic, kMagicSize) != 0) {
-    std::printf("Invalid wal magic");
+    diagnostics_.Print("Invalid wal magic");
     return kStatusBadMagic;
   }
   return kStatusOk;
@@ -191,7 +190,7 @@ uint32_t Manifest::Load(ManifestListPointer* list) {
   for (;;) {
     ManifestHeader header;
     if (!ReadHeader(&header)) {
-      std::printf("Invalid manifest header checksum");
+      diagnostics_.Print("Invalid manifest header checksum");
       return kStatusManifestChecksum;
     }
     if (header.generation == (*list)->generation) return kStatusOk;
@@ -203,13 +202,15 @@ uint32_t Manifest::Load(ManifestListPointer* list) {
 
 uint32_t Manifest::LoadUnlocked(BlockEntries* entries) {
   ManifestListPointer list;
-  uint32_t status = kStatusOk;
-  if (!TryLoadUnlocked(&list)) {
-    const FileLockGuard lock(file_, LockLevel::Shared);
-    status = Load(&list);
-  }
+  const uint32_t status = LoadUnlocked(&list);
   *entries = list->entries;
   return status;
+}
+
+uint32_t Manifest::LoadUnlocked(ManifestListPointer* list) {
+  if (TryLoadUnlocked(list)) return kStatusOk;
+  const FileLockGuard lock(file_, LockLevel::Shared);
+  return Load(list);
 }
 
 // The list that was read without a lock counts only if no other thread has replaced the list meanwhile: that thread may
@@ -229,17 +230,17 @@ uint32_t Manifest::LoadAtOpen() {
   return ReadAtOpen(file_, [&] { return TryLoadUnlocked(&list); }) ? kStatusOk : Load(&list);
 }
 
-uint32_t Manifest::StatusOf(const Reading& reading) {
+uint32_t Manifest::StatusOf(const Reading& reading) const {
   switch (reading.outcome) {
     case Reading::Outcome::Complete:
       return kStatusOk;
     case Reading::Outcome::BadEntry:
-      std::printf("Failed to decode header of block entry");
+      diagnostics_.Print("Failed to decode header of block entry");
       return kStatusManifestUnreadable;
     case Reading::Outcome::Unreadable:
       break;
   }
-  std::printf("Failed to read block entry");
+  diagnostics_.Print("Failed to read block entry");
   return kStatusManifestUnreadable;
 }
 

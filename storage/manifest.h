@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "base/diagnostics.h"
 #include "format/manifest_format.h"
 #include "kestrun/key.h"
 #include "storage/os_file.h"
@@ -66,6 +67,9 @@ class ManifestSharedState {
   uint32_t handles_ = 0;
 };
 
+// The bytes of the entry that records the block `name` now. May throw std::bad_alloc.
+std::vector<uint8_t> ManifestEntryBytes(const std::string& name, const std::vector<uint8_t>& filter);
+
 struct ManifestJournal;
 
 class Manifest {
@@ -83,7 +87,8 @@ class Manifest {
   // The statuses of Load       Load's message and "Failed to load block entries"
   //
   // Compat: manifest-speaks-of-wal. Two of the messages have the log's wording.
-  static uint32_t Open(const std::string& path, Manifest** out);
+  static uint32_t Open(const std::string& path, Manifest** out,
+                       const Diagnostics& diagnostics = Diagnostics::Printing());
 
   ~Manifest();
   Manifest(const Manifest&) = delete;
@@ -101,6 +106,7 @@ class Manifest {
   // Load for a caller that holds no lock. Takes the lock if what it finds does not add up, as in the middle of
   // somebody else's update. `*entries` is the list, the old one after a failure.
   uint32_t LoadUnlocked(BlockEntries* entries);
+  uint32_t LoadUnlocked(ManifestListPointer* list);
 
   // Records a block: writes its entry behind the last one listed, moves the generation and forces both to the
   // disk. Whatever a torn write left behind the last entry is cut off first.
@@ -113,7 +119,7 @@ class Manifest {
   // The statuses of Load.
   uint32_t Append(const std::string& name, const std::vector<uint8_t>& filter);
 
-  // Records one block in the place of `replaced`, before the blocks that were recorded later. `*done` is
+  // Records one block in the place of `replaced`, which stand side by side in the list. `*done` is
   // false with kStatusOk when one of `replaced` is listed no more: nothing is changed then. A process killed
   // on the way leaves the old list or the new one. Statuses as Append, and kStatusSyncFailed before anything
   // changed when `*done` is false.
@@ -123,6 +129,10 @@ class Manifest {
   // Drops every entry, in memory and in the file, and leaves the generation alone. kStatusTruncateFailed when
   // the file can't be cut: the next Append does it.
   uint32_t Truncate();
+
+  // Drops every entry and changes the generation, so that other processes see it at once; both are synced. Statuses
+  // as Append.
+  uint32_t Clear();
 
   // The whole list, after Load, whose status is ignored.
   BlockEntries Entries();
@@ -145,16 +155,16 @@ class Manifest {
     std::shared_ptr<ManifestList> list = std::make_shared<ManifestList>();
   };
 
-  Manifest(std::shared_ptr<OsFile> file, uint8_t* header);
+  Manifest(std::shared_ptr<OsFile> file, uint8_t* header, const Diagnostics& diagnostics);
 
-  static uint32_t CreateInPlace(OsFile& file, uint64_t* size);
+  static uint32_t CreateInPlace(OsFile& file, uint64_t* size, const Diagnostics& diagnostics);
   uint32_t VerifyAtOpen() const;
   void Attach(bool madeAnew);
   bool ReadHeader(ManifestHeader* header) const;
   uint32_t Load(ManifestListPointer* list);
   bool TryLoadUnlocked(ManifestListPointer* list);
   uint32_t LoadAtOpen();
-  static uint32_t StatusOf(const Reading& reading);
+  uint32_t StatusOf(const Reading& reading) const;
   Reading ReadList(const ManifestHeader& header) const;
   enum class Unfinished { No, Yes, Unknown };
   Unfinished FindPendingRewrite(const ManifestHeader& header, ManifestJournal* replacement) const;
@@ -168,6 +178,7 @@ class Manifest {
   std::shared_ptr<OsFile> file_;  // has adopted the mapping
   uint8_t* header_;               // the mapped header
   ManifestSharedState* state_;
+  const Diagnostics& diagnostics_;
 };
 
 }  // namespace Kestrun

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "base/clock.h"
@@ -16,20 +15,6 @@ namespace Kestrun {
 namespace {
 
 constexpr uint64_t kFirstEntry = sizeof(ManifestHeader);
-
-std::vector<uint8_t> EntryBytes(const std::string& name, const std::vector<uint8_t>& filter) {
-  ManifestEntry entry = {};
-  std::memcpy(entry.name, name.data(), std::min(name.size(), kBlockNameLength));
-  entry.createTime = NowSeconds();
-  entry.modifyTime = NowSeconds();
-  entry.filterSize = static_cast<uint32_t>(filter.size());
-  entry.checksum = StoreChecksum(&entry, ManifestEntryOffset::kChecksum);
-
-  std::vector<uint8_t> bytes(sizeof(entry) + filter.size());
-  std::memcpy(bytes.data(), &entry, sizeof(entry));
-  std::copy(filter.begin(), filter.end(), bytes.begin() + sizeof(entry));
-  return bytes;
-}
 
 std::shared_ptr<BlockEntry> MakeEntry(const std::string& name, const std::vector<uint8_t>& filter) {
   auto entry = std::make_shared<BlockEntry>();
@@ -60,13 +45,27 @@ bool ListsAll(const BlockEntries& entries, const BlockEntries& wanted) {
 
 }  // namespace
 
+std::vector<uint8_t> ManifestEntryBytes(const std::string& name, const std::vector<uint8_t>& filter) {
+  ManifestEntry entry = {};
+  std::memcpy(entry.name, name.data(), std::min(name.size(), kBlockNameLength));
+  entry.createTime = NowSeconds();
+  entry.modifyTime = NowSeconds();
+  entry.filterSize = static_cast<uint32_t>(filter.size());
+  entry.checksum = StoreChecksum(&entry, ManifestEntryOffset::kChecksum);
+
+  std::vector<uint8_t> bytes(sizeof(entry) + filter.size());
+  std::memcpy(bytes.data(), &entry, sizeof(entry));
+  std::copy(filter.begin(), filter.end(), bytes.begin() + sizeof(entry));
+  return bytes;
+}
+
 // Everything that can fail for want of memory comes first; then the entry's bytes; then the generation, so
 // that whoever sees the new generation finds the entry complete; then both are forced to the disk.
 uint32_t Manifest::Append(const std::string& name, const std::vector<uint8_t>& filter) {
   ManifestHeader header;
   ManifestListPointer list;
   if (const uint32_t status = PrepareChange(&header, &list); status != kStatusOk) return status;
-  const std::vector<uint8_t> bytes = EntryBytes(name, filter);
+  const std::vector<uint8_t> bytes = ManifestEntryBytes(name, filter);
   auto longer = std::make_shared<ManifestList>(*list);
   longer->generation = header.generation + 1;
   longer->entries.push_back(MakeEntry(name, filter));
@@ -74,7 +73,7 @@ uint32_t Manifest::Append(const std::string& name, const std::vector<uint8_t>& f
   const auto end = static_cast<int64_t>(EndOf(*list));
   if (file_->PWriteFully(bytes.data(), bytes.size(), end) != static_cast<ssize_t>(bytes.size())) {
     IgnoreStatus(file_->Truncate(end));  // the next Append tries again
-    std::printf("Failed to write block entry");
+    diagnostics_.Print("Failed to write block entry");
     return kStatusManifestWriteFailed;
   }
   PublishGeneration(header, longer->generation);
@@ -95,21 +94,27 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
 
   std::vector<uint8_t> old;
   if (!ReadEntryBytes(EndOf(*list), &old)) {
-    std::printf("Failed to read block entry");
+    diagnostics_.Print("Failed to read block entry");
     return kStatusManifestUnreadable;
   }
   ManifestJournal replacement;
   replacement.generation = header.generation + 1;
   replacement.oldLength = old.size();
   replacement.oldHash = ManifestJournalHash(old.data(), old.size());
-  replacement.entries = EntryBytes(name, filter);
+  const std::vector<uint8_t> merged = ManifestEntryBytes(name, filter);
   auto shorter = std::make_shared<ManifestList>();
   shorter->generation = replacement.generation;
-  shorter->entries.push_back(MakeEntry(name, filter));
+  bool isPlaced = false;
   auto position = old.begin();
   for (const std::shared_ptr<BlockEntry>& entry : list->entries) {
     const auto next = position + static_cast<ptrdiff_t>(EntrySize(*entry));
-    if (!Lists(replaced, entry->name)) {
+    if (Lists(replaced, entry->name)) {
+      if (!isPlaced) {
+        replacement.entries.insert(replacement.entries.end(), merged.begin(), merged.end());
+        shorter->entries.push_back(MakeEntry(name, filter));
+        isPlaced = true;
+      }
+    } else {
       replacement.entries.insert(replacement.entries.end(), position, next);
       shorter->entries.push_back(entry);
     }
@@ -118,7 +123,7 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
 
   const std::string sidePath = JournalPath(file_->Path());
   if (const uint32_t status = WriteJournal(sidePath, replacement); status != kStatusOk) {
-    if (status == kStatusManifestWriteFailed) std::printf("Failed to write block entry");
+    if (status == kStatusManifestWriteFailed) diagnostics_.Print("Failed to write block entry");
     return status;
   }
   bool restored = false;
@@ -148,7 +153,7 @@ uint32_t Manifest::WriteReplacing(const ManifestJournal& replacement, const std:
   if (written && cut(replacement.entries)) return kStatusOk;
 
   *restored = write(old) && cut(old);
-  std::printf("Failed to write block entry");
+  diagnostics_.Print("Failed to write block entry");
   return written ? kStatusTruncateFailed : kStatusManifestWriteFailed;
 }
 
@@ -174,22 +179,35 @@ uint32_t Manifest::Truncate() {
   return kStatusOk;
 }
 
+// The entries go before the generation changes: whoever sees the new one finds none.
+uint32_t Manifest::Clear() {
+  ManifestHeader header;
+  ManifestListPointer list;
+  if (const uint32_t status = PrepareChange(&header, &list); status != kStatusOk) return status;
+  auto empty = std::make_shared<ManifestList>();
+  empty->generation = header.generation + 1;
+  if (file_->Truncate(kFirstEntry) != 0) return kStatusTruncateFailed;
+  PublishGeneration(header, empty->generation);
+  state_->SetList(std::move(empty));
+  return file_->Sync() == 0 ? kStatusOk : kStatusSyncFailed;
+}
+
 // Brings the list and the file together before a change: finishes or drops a replacement that was left
 // behind, reads what other processes have recorded, follows a truncation, which does not move the generation,
 // and cuts off what a torn write left behind the last entry.
 uint32_t Manifest::PrepareChange(ManifestHeader* header, ManifestListPointer* list) {
   if (const uint32_t status = RecoverRewrite(); status != kStatusOk) {
-    if (status == kStatusManifestUnreadable) std::printf("Failed to read block entry");
+    if (status == kStatusManifestUnreadable) diagnostics_.Print("Failed to read block entry");
     return status;
   }
   if (const uint32_t status = Load(list); status != kStatusOk) return status;
   if (!ReadHeader(header)) {
-    std::printf("Invalid manifest header checksum");
+    diagnostics_.Print("Invalid manifest header checksum");
     return kStatusManifestChecksum;
   }
   uint64_t size = 0;
   if (file_->Size(&size) != 0) {
-    std::printf("Failed to seek to end of file");
+    diagnostics_.Print("Failed to seek to end of file");
     return kStatusSeekFailed;
   }
   if (size < EndOf(**list)) {
@@ -237,7 +255,7 @@ uint32_t Manifest::RecoverRewrite() {
     const auto end = static_cast<int64_t>(kFirstEntry + entries.size());
     if (file_->PWriteFully(entries.data(), entries.size(), kFirstEntry) !=
         static_cast<ssize_t>(entries.size())) {
-      std::printf("Failed to write block entry");
+      diagnostics_.Print("Failed to write block entry");
       return kStatusManifestWriteFailed;
     }
     if (file_->Truncate(end) != 0) return kStatusTruncateFailed;

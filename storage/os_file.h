@@ -107,6 +107,8 @@ class OsFile {
   // Unmaps, closes and removes the file, whatever comes of it. Returns 0.
   uint32_t CloseAndRemove();
 
+  // For system calls that this class does not wrap.
+  int Descriptor() const { return descriptor_.Get(); }
   const std::string& Path() const { return path_; }
   InodeInfo* Inode() const { return inode_; }
   const InodeId& Id() const { return id_; }

@@ -121,41 +121,71 @@ uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t v
   return kStatusOk;
 }
 
-// As Append; what can fail is the room in the index.
+// What an append checks: the header, and that `size` bytes fit after catching up.
+uint32_t Wal::BeginAppend(uint64_t size, WalHeader* header) {
+  if (!ReadHeader(header) || header->used < WalHeaderOffset::kEnd) return kStatusWalChecksum;
+  CatchUp(*header);
+  return HasRoom(header->used + size) ? kStatusOk : kStatusWalFull;
+}
+
+// Completes a marked record and stores it, unseen as yet, at `offset`; indexes it, for which there is room.
+void Wal::StoreMarked(WalRecord record, uint32_t offset, std::string_view key, std::string_view value) {
+  record.valueOffset = static_cast<uint32_t>(offset + sizeof(record) + key.size());
+  record.mark = kChecksummedMark;
+  record.crc = Crc32c(value.data(), value.size(), Crc32c(key.data(), key.size()));
+  std::memcpy(record.epoch, &state_->filling->epoch, sizeof(record.epoch));
+  record.checksum = StoreChecksum(&record, WalRecordOffset::kChecksum);
+  std::memcpy(base_ + offset, &record, sizeof(record));
+  std::memcpy(base_ + offset + sizeof(record), key.data(), key.size());
+  if (!value.empty()) std::memcpy(base_ + record.valueOffset, value.data(), value.size());
+  state_->filling->index.Insert(key, {offset, EntryOf(record)});
+}
+
+uint32_t Wal::AppendMarked(std::string_view key, uint32_t ttl, std::string_view value, bool deleted) {
+  WalHeader header;
+  const uint64_t size = sizeof(WalRecord) + key.size() + uint64_t{value.size()};
+  if (const uint32_t status = BeginAppend(size, &header); status != kStatusOk) return status;
+  state_->filling->index.Reserve(1, key.size());
+  ChooseEpoch();
+
+  WalRecord record = {};
+  record.valueSize = static_cast<uint32_t>(value.size());
+  record.deleted = deleted ? 1 : 0;
+  record.timestamp = NowSeconds();
+  record.ttl = ttl;
+  record.keySize = static_cast<uint16_t>(key.size());
+  const auto end = static_cast<uint32_t>(header.used + size);
+  InvalidateRecord(state_->staleness.ReplayedEnd(), header.used);
+  StoreMarked(record, header.used, key, value);
+  PublishUsed(header, end);
+  state_->staleness.OnAppended(Bytes(), header.used, header.used, end);
+  return kStatusOk;
+}
+
 uint32_t Wal::AppendBatch(std::string_view records, size_t count) {
   WalHeader header;
-  if (!ReadHeader(&header) || header.used < WalHeaderOffset::kEnd) return kStatusWalChecksum;
-  CatchUp(header);
-  const uint32_t begin = header.used;
-  const uint64_t end = uint64_t{begin} + records.size();
-  if (!HasRoom(end)) return kStatusWalFull;
-  LogFilling& filling = *state_->filling;
-  filling.index.Reserve(count, records.size());
+  if (const uint32_t status = BeginAppend(records.size(), &header); status != kStatusOk) return status;
+  state_->filling->index.Reserve(count, records.size());
   ChooseEpoch();
 
   const uint64_t now = NowSeconds();
-  InvalidateRecord(state_->staleness.ReplayedEnd(), begin);
-  uint32_t last = begin;
+  InvalidateRecord(state_->staleness.ReplayedEnd(), header.used);
+  uint32_t last = header.used;
   for (size_t position = 0; position < records.size();) {
-    const auto offset = static_cast<uint32_t>(begin + position);
     WalRecord record;
     std::memcpy(&record, records.data() + position, sizeof(record));
-    const size_t contentSize = size_t{record.keySize} + record.valueSize;
-    const char* content = records.data() + position + sizeof(record);
-    record.valueOffset = static_cast<uint32_t>(offset + sizeof(record) + record.keySize);
+    position += sizeof(record);
+    const std::string_view key = records.substr(position, record.keySize);
+    position += key.size();
+    const std::string_view value = records.substr(position, record.valueSize);
+    position += value.size();
+    last = static_cast<uint32_t>(header.used + position - value.size() - key.size() - sizeof(record));
     record.timestamp = now;
-    record.mark = kChecksummedMark;
-    record.crc = Crc32c(content, contentSize);
-    std::memcpy(record.epoch, &filling.epoch, sizeof(record.epoch));
-    record.checksum = StoreChecksum(&record, WalRecordOffset::kChecksum);
-    std::memcpy(base_ + offset, &record, sizeof(record));
-    std::memcpy(base_ + offset + sizeof(record), content, contentSize);
-    filling.index.Insert({content, record.keySize}, {offset, EntryOf(record)});
-    last = offset;
-    position += sizeof(record) + contentSize;
+    StoreMarked(record, last, key, value);
   }
-  PublishUsed(header, static_cast<uint32_t>(end));
-  state_->staleness.OnAppended(Bytes(), begin, last, static_cast<uint32_t>(end));
+  const auto end = static_cast<uint32_t>(header.used + records.size());
+  PublishUsed(header, end);
+  state_->staleness.OnAppended(Bytes(), header.used, last, end);
   return kStatusOk;
 }
 

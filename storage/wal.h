@@ -106,6 +106,8 @@ class Wal {
   // filled in; gives them their place, one common time, and content checksums. All of them are stored before the header
   // shows them at once. kStatusWalChecksum, kStatusWalFull; without messages.
   uint32_t AppendBatch(std::string_view records, size_t count);
+  // The same for one record; `value` is not null when `valueSize` is not 0.
+  uint32_t AppendMarked(std::string_view key, uint32_t ttl, std::string_view value, bool deleted);
   // How many bytes of records fit into the log when it is empty.
   uint32_t MaxBatchSize() const { return capacity_ - kWalFirstRecord; }
 
@@ -140,6 +142,8 @@ class Wal {
   const LogIndex& Index() const { return state_->filling->index; }
   // The mapped bytes; valid until the next call of anything.
   LogBytes Bytes() const { return {base_, capacity_}; }
+  // Where replay has stopped: at the end of the used area, or before it at a record that is not sound.
+  uint32_t ReplayedEnd() const { return state_->staleness.ReplayedEnd(); }
   // The end of the used area as the header says; 0 when the header fails its checksum.
   uint32_t Used() const;
 
@@ -175,6 +179,8 @@ class Wal {
   void Replay(uint32_t used);
   bool IsContentSound(uint64_t offset, const WalRecord& record, bool* hasEpoch, uint32_t* epoch) const;
   void InvalidateRecord(uint32_t offset, uint32_t used);
+  uint32_t BeginAppend(uint64_t size, WalHeader* header);
+  void StoreMarked(WalRecord record, uint32_t offset, std::string_view key, std::string_view value);
   void ChooseEpoch();
 
   std::shared_ptr<OsFile> file_;  // tracks the mapping

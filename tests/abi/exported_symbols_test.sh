@@ -14,6 +14,7 @@ exported() {
     -e 's/ [A-Za-z] [0-9a-f]+ ?[0-9a-f]*$//' \
     -e 's/__va_list_tag\*|std::__va_list/va_list/g' \
     -e 's/std::__[a-z0-9]+::/std::/g' \
+    -e 's/\[abi:cxx11\]//g' \
     -e 's/std::basic_string<char, std::char_traits<char>, std::allocator<char> ?>/std::string/g' | LC_ALL=C sort -u
 }
 

@@ -43,8 +43,8 @@ function functionName(declaration) {
 function functionsOf(header) {
   const text = fs.readFileSync(header, 'utf8').replace(/\/\/.*$/gm, '').replace(/^\s*#.*(\\\n.*)*$/gm, '');
   const found = [];
-  for (const [, name, body] of text.matchAll(/class KESTRUN_EXPORT (\w+)[^{;]*\{([^]*?)\n\};/g)) {
-    let access = 'private';
+  for (const [, kind, name, body] of text.matchAll(/(class|struct) KESTRUN_EXPORT (\w+)[^{;]*\{([^]*?)\n\};/g)) {
+    let access = kind === 'struct' ? 'public' : 'private';
     for (const section of body.split(/^ (public|private|protected):$/m)) {
       if (['public', 'private', 'protected'].includes(section)) access = section;
       else if (access === 'public') {

@@ -1,0 +1,199 @@
+#include "store/auto_compact.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+
+#include "base/catch_bad_alloc.h"
+#include "kestrun/status.h"
+#include "store/store_impl.h"
+
+namespace Kestrun {
+namespace {
+
+constexpr size_t kFanout = 4;
+
+// A block is never made larger, although 4 GiB is where its offsets end.
+constexpr uint64_t kMaxMergedBytes = uint64_t{3} << 30;
+
+// Where newer versions, tombstones and expired entries make up this part of all entries, everything is merged.
+constexpr double kMaxHiddenPart = 0.3;
+// So many keys of each block are looked up in the older ones to find that out.
+constexpr uint32_t kSamples = 32;
+
+size_t TierOf(uint64_t size, uint64_t unit) {
+  size_t tier = 0;
+  for (uint64_t limit = unit * 2; size > limit && tier < 32; limit *= kFanout) ++tier;
+  return tier;
+}
+
+// Blocks all signals while a thread is being started, which inherits that.
+class SignalBlock {
+ public:
+  SignalBlock() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalBlock() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalBlock(const SignalBlock&) = delete;
+  SignalBlock& operator=(const SignalBlock&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+}  // namespace
+
+MergeChoice ChooseMerge(const std::vector<uint64_t>& sizes, uint64_t unit) {
+  MergeChoice best;
+  size_t bestTier = SIZE_MAX;
+  size_t topTier = 0;
+  for (size_t begin = 0; begin < sizes.size();) {
+    const size_t tier = TierOf(sizes[begin], unit);
+    size_t end = begin;
+    uint64_t bytes = 0;
+    while (end < sizes.size() && TierOf(sizes[end], unit) == tier && bytes + sizes[end] <= kMaxMergedBytes) {
+      bytes += sizes[end++];
+    }
+    if (end - begin >= kFanout && tier < bestTier) {
+      best = {begin, end - begin};
+      bestTier = tier;
+    }
+    topTier = std::max(topTier, tier);
+    begin = std::max(end, begin + 1);
+  }
+  if (best.count != 0) return best;
+
+  // Tiers that alternate leave no run: the four neighbours that cost least, when there are too many.
+  if (sizes.size() <= (topTier + 2) * kFanout) return best;
+  uint64_t least = kMaxMergedBytes + 1;
+  for (size_t first = 0; first + kFanout <= sizes.size(); ++first) {
+    uint64_t bytes = 0;
+    for (size_t i = first; i < first + kFanout; ++i) bytes += std::min(sizes[i], kMaxMergedBytes + 1);
+    if (bytes >= least) continue;
+    least = bytes;
+    best = {first, kFanout};
+  }
+  return best;
+}
+
+AutoCompact::AutoCompact(Store::Impl& store) : store_(store), processId_(getpid()) {
+  const SignalBlock block;
+  thread_ = std::thread([this] { Run(); });
+}
+
+AutoCompact::~AutoCompact() {
+  if (getpid() != processId_) {
+    // The thread does not exist in a forked child.
+    thread_.detach();
+    return;
+  }
+  stop_.store(true, std::memory_order_relaxed);
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    isAwake_ = true;
+  }
+  wake_.notify_one();
+  thread_.join();
+}
+
+void AutoCompact::Wake() {
+  if (getpid() != processId_) return;  // another thread may have held the mutex when the child was made
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    isAwake_ = true;
+  }
+  wake_.notify_one();
+}
+
+void AutoCompact::Run() {
+  while (!stop_.load(std::memory_order_relaxed)) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      wake_.wait(lock, [this] { return isAwake_; });
+      isAwake_ = false;
+    }
+    while (!stop_.load(std::memory_order_relaxed) && MergeOnce()) {
+    }
+  }
+}
+
+// Whether something was merged, and there may be more. A failure waits for the next flush.
+bool AutoCompact::MergeOnce() {
+  bool done = false;
+  const uint32_t status = CatchBadAlloc([&] { return store_.MergeNext(&stop_, &done); });
+  return status == kStatusOk && done;
+}
+
+uint32_t Store::Impl::MergeNext(const std::atomic<bool>* stop, bool* done) {
+  *done = false;
+  MergeTurn turn(*this);
+  if (!turn.IsOurs()) return kStatusOk;
+  ManifestListPointer list;
+  if (const uint32_t status = manifest_->LoadUnlocked(&list); status != kStatusOk) return status;
+  if (list->entries.size() < 2) return kStatusOk;
+
+  std::vector<uint64_t> sizes;
+  for (const std::shared_ptr<BlockEntry>& entry : list->entries) {
+    struct stat info = {};
+    if (stat(core_.BlockPath(entry->name).c_str(), &info) != 0)
+      return kStatusOpenFailed;  // merged by another process
+    sizes.push_back(static_cast<uint64_t>(info.st_size));
+  }
+  MergeChoice choice = ChooseMerge(sizes, wal_->Capacity());
+  if (choice.count == 0) {
+    bool hidesMuch = false;
+    if (const uint32_t status = HidesMuch(list->entries, sizes, stop, &hidesMuch); status != kStatusOk)
+      return status;
+    if (hidesMuch) choice = {0, sizes.size()};
+  }
+  if (choice.count == 0) return kStatusOk;
+  const auto begin = list->entries.begin() + static_cast<ptrdiff_t>(choice.first);
+  const BlockEntries run(begin, begin + static_cast<ptrdiff_t>(choice.count));
+  return MergeRun(run, choice.first == 0, stop, done);
+}
+
+// Estimates, by keys of each block that are looked up in the older ones, how much of all entries is hidden.
+uint32_t Store::Impl::HidesMuch(const BlockEntries& entries, const std::vector<uint64_t>& sizes,
+                                const std::atomic<bool>* stop, bool* much) {
+  *much = false;
+  uint64_t bytes = 0;
+  for (const uint64_t size : sizes) bytes += size;
+  if (bytes > kMaxMergedBytes) return kStatusOk;
+
+  std::vector<std::shared_ptr<Block>> blocks;
+  double total = 0;
+  double hidden = 0;
+  for (const std::shared_ptr<BlockEntry>& entry : entries) {
+    if (stop->load(std::memory_order_relaxed)) return kStatusLockFailed;
+    std::shared_ptr<Block> block;
+    if (const uint32_t status = LoadBlock(entry, &block); status != kStatusOk) return status;
+    const uint32_t count = block->Count();
+    const uint32_t samples = std::min(count, kSamples);
+    uint32_t found = 0;
+    for (uint32_t i = 0; i < samples; ++i) {
+      const auto place = static_cast<uint32_t>(uint64_t{count} * i / samples);
+      const std::string_view key = block->KeyAt(place);
+      const bool hides = std::any_of(blocks.begin(), blocks.end(), [&](const std::shared_ptr<Block>& older) {
+        return older->Find(key) != older->Count();
+      });
+      if (hides) ++found;
+    }
+    total += count;
+    if (samples != 0) hidden += static_cast<double>(count) * found / samples;
+    blocks.push_back(std::move(block));
+  }
+  *much = hidden > total * kMaxHiddenPart;
+  return kStatusOk;
+}
+
+void Store::Impl::StartAutoCompact() {
+  autoCompact_ = std::make_unique<AutoCompact>(*this);
+}
+
+}  // namespace Kestrun

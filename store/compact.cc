@@ -1,0 +1,114 @@
+// Merging blocks, for Compact and for the store's thread.
+#include <algorithm>
+
+#include "base/clock.h"
+#include "engine/block_filter.h"
+#include "engine/listed_block.h"
+#include "engine/pending_block_file.h"
+#include "kestrun/status.h"
+#include "store/auto_compact.h"
+#include "store/store_impl.h"
+
+namespace Kestrun {
+namespace {
+
+// A byte of the manifest file, after those of its lock and of the schema's: locked by the process that merges.
+constexpr int64_t kMergeByte = 0x40000201;
+
+// Compact is tried again when others have changed the list meanwhile.
+constexpr int kMaxCompactions = 10;
+
+}  // namespace
+
+// The byte is only a matter of not doing work twice: a merge is recorded if its blocks are still listed.
+Store::Impl::MergeTurn::MergeTurn(Impl& store) : store_(store) {
+  const FileLockGuard threadLock(store_.manifest_->File(), LockLevel::ThreadOnly);
+  isOurs_ = store_.manifest_->File()->LockByte(kMergeByte);
+}
+
+Store::Impl::MergeTurn::~MergeTurn() {
+  if (isOurs_) store_.manifest_->File()->UnlockByte(kMergeByte);
+}
+
+uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std::atomic<bool>* stop,
+                               bool* done) {
+  *done = false;
+  std::vector<BlockSource> sources;
+  for (const std::shared_ptr<BlockEntry>& entry : run) {
+    std::shared_ptr<Block> block;
+    if (const uint32_t status = LoadBlock(entry, &block); status != kStatusOk) return status;
+    sources.push_back({core_.BlockPath(entry->name), std::move(block)});
+  }
+
+  PendingBlockFile file;
+  if (const uint32_t status = file.Create(path_, true); status != kStatusOk) return status;
+  Block* written = nullptr;
+  MergeOptions options;
+  options.keepsHidden = !toOldest;
+  options.isStrict = true;
+  options.stop = stop;
+  if (const uint32_t status = Block::Merge(file.Path(), sources, options, &written); status != kStatusOk)
+    return status;
+  const std::shared_ptr<Block> block(written);
+  const std::vector<uint8_t> filter = BuildBlockFilter(*block);
+  {
+    const ManifestSection section(core_, LockLevel::Exclusive);
+    if (section.Status() != kStatusOk) return section.Status();
+    const uint32_t status = manifest_->Replace(run, file.Name(), filter, done);
+    if (*done) {
+      file.Commit();
+      for (const std::shared_ptr<BlockEntry>& entry : run) cache_.Erase(entry->name);
+      cache_.Put(file.Name(), block, FindListedBlock(*manifest_, file.Name()));
+    }
+    if (status != kStatusOk) {
+      file.Commit();  // the journal may still bring it into the list
+      core_.diagnostics.Print("Failed to update manifest");
+      return status;
+    }
+  }
+  if (!*done) return kStatusOk;
+  ++counters_.compactions;
+  uint64_t bytes = 0;
+  if (block->File()->Size(&bytes) == 0) counters_.bytesCompacted += bytes;
+  for (const std::shared_ptr<BlockEntry>& entry : run) {
+    IgnoreStatus(std::remove(core_.BlockPath(entry->name).c_str()));  // an orphan only takes up space
+  }
+  return kStatusOk;
+}
+
+uint32_t Store::Impl::Compact() {
+  if (const uint32_t status = Flush(); status != kStatusOk) return status;
+  for (int attempt = 0; attempt < kMaxCompactions; ++attempt) {
+    ManifestListPointer list;
+    if (const uint32_t status = manifest_->LoadUnlocked(&list); status != kStatusOk) return status;
+    if (list->entries.empty()) return kStatusOk;
+    if (list->entries.size() == 1) {
+      bool hasHidden = false;
+      if (const uint32_t status = HasHidden(list->entries[0], &hasHidden); status != kStatusOk) return status;
+      if (!hasHidden) return kStatusOk;
+    }
+    bool done = false;
+    const uint32_t status = MergeRun(list->entries, true, nullptr, &done);
+    if (status == kStatusOk && done) return kStatusOk;
+    // The sources of a merge are gone when another process was quicker.
+    if (status != kStatusOk && status != kStatusBlockCorrupt) return status;
+    ManifestListPointer again;
+    if (const uint32_t listed = manifest_->LoadUnlocked(&again); listed != kStatusOk) return listed;
+    if (status == kStatusBlockCorrupt && again->entries == list->entries) return status;
+  }
+  return kStatusLockFailed;
+}
+
+// Whether a block holds something that a merge would drop.
+uint32_t Store::Impl::HasHidden(const std::shared_ptr<BlockEntry>& entry, bool* hasHidden) {
+  std::shared_ptr<Block> block;
+  if (const uint32_t status = LoadBlock(entry, &block); status != kStatusOk) return status;
+  const uint64_t now = NowSeconds();
+  for (uint32_t i = 0; i < block->Count() && !*hasHidden; ++i) {
+    const DataEntry found = block->EntryAt(i);
+    *hasHidden = found.deleted || !IsAlive(found.timestamp, found.ttl, now);
+  }
+  return kStatusOk;
+}
+
+}  // namespace Kestrun

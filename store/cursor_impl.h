@@ -1,0 +1,92 @@
+// store/cursor_impl.h: how a cursor walks the log and the blocks of a snapshot at once.
+//
+// Each source stands on a key of its own; the cursor stands on the least of them, or on the greatest when it walks
+// backwards, and among equal keys on that of the newest source. Seeking is a search in each source.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kestrun/cursor.h"
+#include "kestrun/range.h"
+#include "store/snapshot_impl.h"
+
+namespace Kestrun {
+
+class Cursor::Impl {
+ public:
+  // May throw std::bad_alloc.
+  Impl(std::shared_ptr<const Snapshot::Impl> snapshot, const Range& range);
+
+  // As the operations of Cursor. May throw std::bad_alloc.
+  void SeekToFirst();
+  void SeekToLast();
+  void Seek(std::string_view key);
+  void SeekForPrev(std::string_view key);
+  void Next();
+  void Prev();
+  uint32_t Value(std::string_view* bytes);
+
+  // Ends the walk with a failure.
+  void Fail(uint32_t status);
+
+  bool Valid() const { return current_ != kNone; }
+  uint32_t Status() const { return status_; }
+  std::string_view Key() const { return Valid() ? key_ : std::string_view(); }
+  const DataEntry& Entry() const { return entry_; }
+
+ private:
+  static constexpr size_t kNone = SIZE_MAX;
+  enum class Direction { Forward, Backward };
+
+  // One block: the part of it that lies in the range, and the entry that it stands on.
+  struct BlockPlace {
+    const Block* block;
+    uint32_t begin;
+    uint32_t end;
+    uint32_t position;  // end: past the last one; walking backwards also past the first one
+    bool isValid;
+    std::string_view key;  // of the entry, while isValid
+  };
+  struct LogPlace {
+    LogIndex::Iterator position;
+    bool isValid;
+    std::string_view key;
+  };
+
+  void Reset();
+  void TakeBlock(BlockPlace& place);
+  void TakeLog(Direction direction);
+  void SeekSources(std::string_view key, bool inclusive, Direction direction);
+  void Step(size_t source);
+  void Settle();
+  bool TakeCurrent();
+  uint32_t ReadAhead(const BlockPlace& place, std::string_view* bytes);
+
+  const std::shared_ptr<const Snapshot::Impl> snapshot_;
+  const Range range_;
+  bool hasDamagedBlock_ = false;
+
+  // Sources are numbered by age: the blocks from the oldest on, the log last.
+  std::vector<BlockPlace> blocks_;
+  LogPlace log_;
+  size_t logSource_;
+  Direction direction_ = Direction::Forward;
+
+  size_t current_ = kNone;
+  std::string_view key_;  // belongs to the source
+  DataEntry entry_ = {};
+  uint32_t status_;
+
+  // A stretch of a block's values that was read at once.
+  std::vector<char> buffer_;
+  const Block* bufferBlock_ = nullptr;
+  uint64_t bufferStart_ = 0;
+  size_t bufferSize_ = 0;
+  size_t readAhead_ = 0;
+};
+
+}  // namespace Kestrun
