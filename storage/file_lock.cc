@@ -19,36 +19,53 @@ static_assert(kLockRangeStart == kGateByte + kGateLength);
 constexpr int kLockAttempts = 4;
 constexpr useconds_t kLockRetryMicros = 1000;
 
-// The gate byte comes first: a writer that holds it keeps new readers out while it waits for the range. A
-// reader lets go of it once it has the range. What was locked before a failing step stays locked.
-bool LockByteRanges(int descriptor, LockLevel level) {
-  if (level == LockLevel::Shared) {
-    return SetByteLock(descriptor, F_RDLCK, kGateByte, kGateLength) &&
-           SetByteLock(descriptor, F_RDLCK, kLockRangeStart, kLockRangeLength) &&
-           SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength);
-  }
-  if (level == LockLevel::Exclusive) {
-    return SetByteLock(descriptor, F_WRLCK, kGateByte, kGateLength) &&
-           SetByteLock(descriptor, F_WRLCK, kLockRangeStart, kLockRangeLength);
-  }
-  return true;
-}
+// Both together, which is one range.
+constexpr int64_t kBothStart = kGateByte;
+constexpr int64_t kBothLength = kGateLength + kLockRangeLength;
 
-bool UnlockByteRanges(int descriptor, LockLevel level) {
-  return SetByteLock(descriptor, F_UNLCK, kLockRangeStart, kLockRangeLength) &&
-         (level != LockLevel::Exclusive || SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength));
-}
-
-}  // namespace
-
-bool SetByteLock(int descriptor, short type, int64_t start, int64_t length) {
+bool TrySetLock(int descriptor, short type, int64_t start, int64_t length) {
   struct flock lock = {};
   lock.l_type = type;
   lock.l_whence = SEEK_SET;
   lock.l_start = start;
   lock.l_len = length;
+  return fcntl(descriptor, F_SETLK, &lock) >= 0;
+}
+
+// The gate byte and the lock range are locked by one call if nobody is in the way. A call that fails changes nothing,
+// and then the steps follow one after the other, with their tries and with what they leave locked. The gate byte comes
+// first there: a writer that holds it keeps new readers out while it waits for the range. A reader lets go of the gate
+// byte once it has the range.
+bool LockByteRanges(int descriptor, LockLevel level) {
+  if (level == LockLevel::Shared) {
+    const bool locked = TrySetLock(descriptor, F_RDLCK, kBothStart, kBothLength) ||
+                        (SetByteLock(descriptor, F_RDLCK, kGateByte, kGateLength) &&
+                         SetByteLock(descriptor, F_RDLCK, kLockRangeStart, kLockRangeLength));
+    return locked && SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength);
+  }
+  if (level == LockLevel::Exclusive) {
+    return TrySetLock(descriptor, F_WRLCK, kBothStart, kBothLength) ||
+           (SetByteLock(descriptor, F_WRLCK, kGateByte, kGateLength) &&
+            SetByteLock(descriptor, F_WRLCK, kLockRangeStart, kLockRangeLength));
+  }
+  return true;
+}
+
+// Level Shared leaves the gate byte alone: Compat: unlock-shared-keeps-gate.
+bool UnlockByteRanges(int descriptor, LockLevel level) {
+  if (level == LockLevel::Shared) {
+    return SetByteLock(descriptor, F_UNLCK, kLockRangeStart, kLockRangeLength);
+  }
+  return TrySetLock(descriptor, F_UNLCK, kBothStart, kBothLength) ||
+         (SetByteLock(descriptor, F_UNLCK, kLockRangeStart, kLockRangeLength) &&
+          SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength));
+}
+
+}  // namespace
+
+bool SetByteLock(int descriptor, short type, int64_t start, int64_t length) {
   for (int attempt = 1;; ++attempt) {
-    if (fcntl(descriptor, F_SETLK, &lock) >= 0) return true;
+    if (TrySetLock(descriptor, type, start, length)) return true;
     if (attempt == kLockAttempts) return false;
     usleep(kLockRetryMicros);
   }
