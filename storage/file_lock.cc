@@ -168,12 +168,16 @@ void InodeInfo::CloseDeferred() noexcept {
   }
 }
 
+// Unlocking is refused, because the thread has another number in the child, but ThreadSanitizer counts it. A new mutex
+// is free; trying is what ThreadSanitizer takes for harmless while the registries are locked.
 void InodeInfo::AfterFork() {
   level = LockLevel::None;
-  ReinitAfterFork(mutex);
   if (owner_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
-    for (uint32_t i = 0; i < depth_; ++i) mutex.lock();
+    for (uint32_t i = 0; i < depth_; ++i) mutex.unlock();
+    ReinitAfterFork(mutex);
+    for (uint32_t i = 0; i < depth_; ++i) static_cast<void>(mutex.try_lock());
   } else {
+    ReinitAfterFork(mutex);
     owner_.store(std::thread::id(), std::memory_order_relaxed);
     depth_ = 0;
   }

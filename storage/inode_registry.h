@@ -31,8 +31,7 @@ struct InodeIdHash {
 };
 
 // State has a default constructor and a method AfterFork(), which is called in a forked child for every
-// record: threads that held its mutexes do not exist there. It may have BeforeFork() and AfterForkInParent(), which
-// are called around a fork for every record.
+// record: threads that held its mutexes do not exist there.
 template <typename State>
 class InodeRegistry {
  public:
@@ -46,6 +45,13 @@ class InodeRegistry {
     if (slot == nullptr) slot = std::make_unique<State>();
     use(*slot);
     return slot.get();
+  }
+
+  // Calls `change` while the registry is locked: no fork leaves the child with half a change.
+  template <typename Change>
+  static void ChangeUnforked(Change change) {
+    const std::lock_guard<std::mutex> lock(Instance().mutex_);
+    change();
   }
 
   // Calls `use` with the record of `id`, or with null when there is none, while the registry is locked: no record
@@ -67,27 +73,12 @@ class InodeRegistry {
     return *registry;
   }
 
-  template <typename Use>
-  void ForEach(Use use) {
-    for (auto& entry : states_) {
-      if (entry.second != nullptr) use(*entry.second);
-    }
-  }
-
-  static void BeforeFork() {
-    Instance().mutex_.lock();
-    if constexpr (requires(State & state) { state.BeforeFork(); }) {
-      Instance().ForEach([](State& state) { state.BeforeFork(); });
-    }
-  }
-  static void AfterForkInParent() {
-    if constexpr (requires(State & state) { state.AfterForkInParent(); }) {
-      Instance().ForEach([](State& state) { state.AfterForkInParent(); });
-    }
-    Instance().mutex_.unlock();
-  }
+  static void BeforeFork() { Instance().mutex_.lock(); }
+  static void AfterForkInParent() { Instance().mutex_.unlock(); }
   static void AfterForkInChild() {
-    Instance().ForEach([](State& state) { state.AfterFork(); });
+    for (auto& entry : Instance().states_) {
+      if (entry.second != nullptr) entry.second->AfterFork();
+    }
     Instance().mutex_.unlock();
   }
 

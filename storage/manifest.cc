@@ -48,33 +48,28 @@ ManifestListPointer ManifestSharedState::List() {
   return list_;
 }
 
-// The old list may go with the argument, when the mutex is free again.
 void ManifestSharedState::SetList(ManifestListPointer list) {
-  const std::lock_guard<std::mutex> lock(listMutex_);
-  list_.swap(list);
+  InodeRegistry<ManifestSharedState>::ChangeUnforked([&] {
+    const std::lock_guard<std::mutex> lock(listMutex_);
+    list_.swap(list);
+  });
 }
 
 bool ManifestSharedState::SetListIfUnchanged(ManifestListPointer* expected, ManifestListPointer list) {
-  const std::lock_guard<std::mutex> lock(listMutex_);
-  const bool unchanged = list_ == *expected;
-  if (unchanged) list_ = std::move(list);
-  *expected = list_;
+  bool unchanged = false;
+  InodeRegistry<ManifestSharedState>::ChangeUnforked([&] {
+    const std::lock_guard<std::mutex> lock(listMutex_);
+    unchanged = list_ == *expected;
+    if (unchanged) list_.swap(list);
+    *expected = list_;
+  });
   return unchanged;
-}
-
-void ManifestSharedState::BeforeFork() {
-  listMutex_.lock();
-  changesMutex.lock();
-}
-
-void ManifestSharedState::AfterForkInParent() {
-  changesMutex.unlock();
-  listMutex_.unlock();
 }
 
 // The child shares the store with its parent from the beginning, and draws the same random names.
 void ManifestSharedState::AfterFork() {
-  AfterForkInParent();
+  ReinitAfterFork(listMutex_);
+  ReinitAfterFork(changesMutex);
   ++externalChanges;
 }
 
@@ -169,10 +164,8 @@ uint32_t Manifest::VerifyAtOpen() const {
 // Finds the list that the process has for the file, and finishes what a process left behind that was killed while it
 // replaced entries. If anybody holds the lock the replacement may still be under way; reading the list copes with it.
 void Manifest::Attach(bool madeAnew) {
-  ManifestSharedState* const state =
-      InodeRegistry<ManifestSharedState>::FindOrCreate(file_->Id(), [](ManifestSharedState&) {});
-  state->AddHandle(madeAnew);
-  state_ = state;
+  state_ = InodeRegistry<ManifestSharedState>::FindOrCreate(
+      file_->Id(), [&](ManifestSharedState& state) { state.AddHandle(madeAnew); });
 
   if (!MayHaveJournal(JournalPath(file_->Path()))) return;
   const TryFileLockGuard lock(file_, LockLevel::Exclusive);

@@ -44,7 +44,8 @@ using ManifestListPointer = std::shared_ptr<const ManifestList>;
 // code runs, so that openings need not wait for the manifest's lock.
 class ManifestSharedState {
  public:
-  // A handle comes and goes. The list starts over with the first one, or if the file is new.
+  // A handle comes and goes. The list starts over with the first one, or if the file is new. AddHandle is called while
+  // the registry is locked.
   void AddHandle(bool isNewFile);
   void RemoveHandle();
 
@@ -57,12 +58,10 @@ class ManifestSharedState {
   std::atomic<uint32_t> knownGeneration{0};  // the last one that this process published or noticed
   std::atomic<uint64_t> externalChanges{0};  // generations that it noticed and had not published, and a fork
 
-  void BeforeFork();
-  void AfterForkInParent();
   void AfterFork();
 
  private:
-  std::mutex listMutex_;
+  std::mutex listMutex_;  // to change the list, the registry is locked, too
   ManifestListPointer list_ = std::make_shared<ManifestList>();
   uint32_t handles_ = 0;
 };
