@@ -57,6 +57,29 @@ def measure(program, row, base):
     return {name: float(number) for name, number in lines}
 
 
+def measure_rounds(arguments, rows, programs, samples, base):
+    """Fills `samples`, round after round, until all rounds are done or the time is used up."""
+    start = time.monotonic()
+    spent = 0.0
+    for round_number in range(arguments.rounds or max(row.rounds for row in rows)):
+        left = 60 * arguments.minutes - (time.monotonic() - start)
+        if round_number > 0 and not arguments.rounds and not arguments.full and left < spent:
+            return
+        round_start = time.monotonic()
+        for row in rows:
+            if round_number >= (arguments.rounds or row.rounds):
+                continue
+            for peer, results in samples[row.name].items():
+                begun = time.monotonic()
+                figures = measure(programs[peer], row, base)
+                if figures is not None:
+                    results.append(figures)
+                print(f"round {round_number + 1}  {row.name:24}{peer:14}{time.monotonic() - begun:6.1f} s  "
+                      f"{report.number(figures.get('figure')) if figures else 'not possible'} {row.unit}",
+                      file=sys.stderr, flush=True)
+        spent = time.monotonic() - round_start
+
+
 def main():
     arguments = parse_arguments()
     rows = choose_rows(arguments)
@@ -73,23 +96,10 @@ def main():
 
     samples = {row.name: {peer: [] for peer in programs if peer in row.peers} for row in rows}
     start = time.monotonic()
-    spent = 0.0
-    most = arguments.rounds or max(row.rounds for row in rows)
-    for round_number in range(most):
-        left = 60 * arguments.minutes - (time.monotonic() - start)
-        if round_number > 0 and not arguments.rounds and not arguments.full and left < spent:
-            break
-        round_start = time.monotonic()
-        for row in rows:
-            if round_number >= (arguments.rounds or row.rounds):
-                continue
-            for peer, results in samples[row.name].items():
-                print(f"\r\033[Kround {round_number + 1}: {row.name} {peer}", end="", file=sys.stderr, flush=True)
-                figures = measure(programs[peer], row, base)
-                if figures is not None:
-                    results.append(figures)
-        spent = time.monotonic() - round_start
-    print("\r\033[K", end="", file=sys.stderr)
+    try:
+        measure_rounds(arguments, rows, programs, samples, base)
+    except KeyboardInterrupt:
+        print("interrupted; what was measured until then:", file=sys.stderr)
 
     medians = {
         row: {
