@@ -32,6 +32,8 @@ uint64_t NowNanos() {
   return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
+namespace {
+
 uint64_t WaitedNanos() {
   // The file shows the thread that opened it, so a forked child opens its own.
   static thread_local pid_t owner = 0;
@@ -44,6 +46,16 @@ uint64_t WaitedNanos() {
   unsigned long long waiting = 0;
   if (pread(file, text, sizeof(text) - 1, 0) > 0) std::sscanf(text, "%*u %llu", &waiting);
   return waiting;
+}
+
+}  // namespace
+
+// What was waited is read within the time that is measured, so that it is never the larger one.
+Stopwatch::Stopwatch() : start_(NowNanos()), waited_(WaitedNanos()) {}
+
+uint64_t Stopwatch::Nanos() const {
+  const uint64_t waited = WaitedNanos() - waited_;
+  return NowNanos() - start_ - waited;
 }
 
 // Below 2^kSubBits each number has its own bucket; above, the leading kSubBits + 1 bits decide.
@@ -99,9 +111,7 @@ LockUnit::~LockUnit() {
 
 void LockUnit::Sample(uint64_t nanos) {
   constexpr off_t kGate = 0x40000000;
-  const uint64_t waited = WaitedNanos();
-  const uint64_t start = NowNanos();
-  uint64_t now = 0;
+  const Stopwatch stopwatch;
   do {
     for (int i = 0; i < 200; ++i) {
       SetLock(descriptor_, F_WRLCK, kGate, 1);
@@ -110,9 +120,8 @@ void LockUnit::Sample(uint64_t nanos) {
       SetLock(descriptor_, F_UNLCK, kGate, 1);
     }
     units_ += 200;
-    now = NowNanos();
-  } while (now - start < nanos);
-  nanos_ += now - start - (WaitedNanos() - waited);
+  } while (stopwatch.Nanos() < nanos);
+  nanos_ += stopwatch.Nanos();
 }
 
 namespace {
@@ -166,8 +175,7 @@ void AwaitIdle() {
 uint64_t BareFlush(const std::string& directory, uint64_t bytes) {
   static const std::string piece(256 * 1024, 'x');
   const std::string path = directory + "/bare-block";
-  const uint64_t waited = WaitedNanos();
-  const uint64_t start = NowNanos();
+  const Stopwatch stopwatch;
   const int block = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   for (uint64_t left = bytes; left != 0;) {
     const uint64_t size = std::min<uint64_t>(left, piece.size());
@@ -179,7 +187,7 @@ uint64_t BareFlush(const std::string& directory, uint64_t bytes) {
   Require(fsync(folder) == 0, "a bare sync");
   const int list = open((directory + "/bare-list").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   Require(write(list, piece.data(), 64) == 64 && fsync(list) == 0, "a bare append");
-  const uint64_t nanos = NowNanos() - start - (WaitedNanos() - waited);
+  const uint64_t nanos = stopwatch.Nanos();
   for (const int descriptor : {block, folder, list}) close(descriptor);
   unlink(path.c_str());
   return nanos;

@@ -157,35 +157,35 @@ class Run {
   }
 
   // Times `operation` of 0 to `times` - 1 in slices, each followed by a sample of the lock unit, and reports the means
-  // of both and the distribution. The means leave out what the thread waited for a processor. Work that leaves the store as it was may end after `limitNanos`.
+  // of both and the distribution. The means leave out what the thread waited for a processor. Work that leaves the
+  // store as it was may end after `limitNanos`.
   void Time(uint64_t times, const std::function<void(uint64_t)>& operation, double perOperation = 1,
             uint64_t limitNanos = UINT64_MAX) {
     constexpr uint64_t kSlices = 25;
     Histogram histogram;
     const uint64_t writtenBefore = WrittenBytes();
     uint64_t nanos = 0;
-    uint64_t waited = 0;
+    uint64_t wallNanos = 0;
     for (uint64_t slice = 0; slice < kSlices; ++slice) {
-      const uint64_t waitedBefore = WaitedNanos();
-      const uint64_t start = NowNanos();
-      uint64_t last = start;
+      const Stopwatch stopwatch;
+      uint64_t last = NowNanos();
       for (uint64_t i = times * slice / kSlices; i < times * (slice + 1) / kSlices && nanos < limitNanos;
            ++i) {
         operation(i);
         const uint64_t now = NowNanos();
         histogram.Add(now - last);
-        nanos += now - last;
+        wallNanos += now - last;
         last = now;
       }
-      waited += WaitedNanos() - waitedBefore;
-      lockUnit_.Sample((last - start) / 10);
+      const uint64_t spent = stopwatch.Nanos();
+      nanos += spent;
+      lockUnit_.Sample(spent / 10);
     }
-    const double mean =
-        static_cast<double>(nanos - waited) / static_cast<double>(histogram.Count()) / perOperation;
+    const double mean = static_cast<double>(nanos) / static_cast<double>(histogram.Count()) / perOperation;
     Report("figure", mean / lockUnit_.Nanos());
     Report("mean_ns", mean);
     Report("lock_unit_ns", lockUnit_.Nanos());
-    Report("waited_share", static_cast<double>(waited) / static_cast<double>(nanos));
+    Report("waited_share", std::max(0.0, 1 - static_cast<double>(nanos) / static_cast<double>(wallNanos)));
     Report("p50_ns", static_cast<double>(histogram.Quantile(0.5)));
     Report("p99_ns", static_cast<double>(histogram.Quantile(0.99)));
     Report("p999_ns", static_cast<double>(histogram.Quantile(0.999)));
@@ -376,10 +376,9 @@ void FullScan(Run& run) {
   const auto scan = [&] {
     uint64_t count = 0;
     uint64_t bytes = 0;
-    const uint64_t waited = WaitedNanos();
-    const uint64_t start = NowNanos();
+    const Stopwatch stopwatch;
     Require(run.Store().Scan(KeyOf(0), KeyOf(run.Entries()), true, &count, &bytes), "scan");
-    const uint64_t nanos = NowNanos() - start - (WaitedNanos() - waited);
+    const uint64_t nanos = stopwatch.Nanos();
     Require(count == run.Entries() && bytes == run.LiveBytes(), "scanning all");
     return nanos;
   };
@@ -398,10 +397,9 @@ void TimeCompaction(Run& run) {
   run.Fill(1);
   Require(run.Store().Flush(), "flush");
   AwaitIdle();
-  const uint64_t waited = WaitedNanos();
-  const uint64_t start = NowNanos();
+  const Stopwatch stopwatch;
   Require(run.Store().Compact(), "compact");
-  const auto nanos = static_cast<double>(NowNanos() - start - (WaitedNanos() - waited));
+  const auto nanos = static_cast<double>(stopwatch.Nanos());
   run.Report("figure", static_cast<double>(run.LiveBytes()) * 1e3 / nanos);
   run.Report("mean_ns", nanos);
   run.Report("bare_ns", static_cast<double>(BareFlush(run.Given().directory, run.LiveBytes())));
@@ -434,11 +432,10 @@ void TimeOpening(Run& run, void (*fill)(Run&)) {
     const std::string command = "cp -r --sparse=auto '" + original + "' '" + run.StoreOptions().path + "'";
     Require(std::system(command.c_str()) == 0, "copying the store");
     InChild([&] {
-      const uint64_t waited = WaitedNanos();
-      const uint64_t start = NowNanos();
+      const Stopwatch stopwatch;
       run.Open();
       run.GetOne(run.Entries() / 2 + i, true);
-      const uint64_t spent = NowNanos() - start - (WaitedNanos() - waited);
+      const uint64_t spent = stopwatch.Nanos();
       Require(write(pipeEnds[1], &spent, sizeof(spent)) == sizeof(spent), "telling the time");
       run.Store().Close();
     });
@@ -538,10 +535,9 @@ void LongestPause(Run& run) {
   std::vector<uint64_t> bare;
   uint64_t max = 0;
   for (uint64_t i = 0; i < run.Entries(); ++i) {
-    const uint64_t waited = WaitedNanos();
-    const uint64_t start = NowNanos();
+    const Stopwatch stopwatch;
     run.PutOne(order(i));
-    max = std::max(max, NowNanos() - start - (WaitedNanos() - waited));
+    max = std::max(max, stopwatch.Nanos());
     // In the middle of each filling, so that each has one flush.
     if (i % perLog != perLog / 2) continue;
     if (i > perLog) longest.push_back(max);
@@ -580,13 +576,12 @@ void Grow(Run& run) {
   constexpr uint64_t kGets = 1'000'000;
   constexpr uint64_t kLimitNanos = 5'000'000'000;
   const Shuffled again(run.Entries(), 2);
-  const uint64_t waited = WaitedNanos();
-  const uint64_t start = NowNanos();
+  const Stopwatch stopwatch;
   uint64_t done = 0;
-  for (; done < kGets && (done % 64 != 0 || NowNanos() - start < kLimitNanos); ++done) {
+  for (; done < kGets && (done % 64 != 0 || stopwatch.Nanos() < kLimitNanos); ++done) {
     run.GetOne(again(done % run.Entries()), true);
   }
-  const uint64_t nanos = NowNanos() - start - (WaitedNanos() - waited);
+  const uint64_t nanos = stopwatch.Nanos();
   run.Report("get_ns", static_cast<double>(nanos) / static_cast<double>(done));
 }
 
