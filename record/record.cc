@@ -51,7 +51,7 @@ Record::Record(const RecordMeta* meta, va_list args) : meta_(meta), buffer_(null
         break;
       }
       default:
-        break;  // no argument and no value: what follows moves up one place, and callers rely on it
+        break;  // no argument and no value: what follows moves up one place. Compat: binary-takes-no-argument
     }
   }
 }

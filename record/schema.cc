@@ -4,11 +4,11 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <map>
 #include <unordered_map>
 #include <utility>
 
+#include "base/diagnostics.h"
 #include "kestrun/status.h"
 #include "record/schema_format.h"
 #include "storage/directory.h"
@@ -63,7 +63,7 @@ uint32_t Schema::Open(const std::string& path, Schema** out) {
 
   std::unique_ptr<Schema> schema;
   if (const uint32_t status = OpenQuietly(path, &schema); status != kStatusOk) {
-    std::printf("Filed to open series meta file");
+    Diagnostics::Printing().Print("Filed to open series meta file");
     return status;
   }
   *out = schema.release();

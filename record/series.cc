@@ -1,12 +1,12 @@
 #include "kestrun/series.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
 
 #include "base/catch_bad_alloc.h"
+#include "base/diagnostics.h"
 #include "kestrun/status.h"
 #include "record/record_format.h"
 #include "record/schema.h"
@@ -24,7 +24,7 @@ struct FreeMemory {
 using MallocBytes = std::unique_ptr<unsigned char, FreeMemory>;
 
 uint32_t RefuseMissingMeta() {
-  std::printf("Append record error, reason: record meta is nullptr");
+  Diagnostics::Printing().Print("Append record error, reason: record meta is nullptr");
   return kStatusInvalid;
 }
 
@@ -34,7 +34,7 @@ uint32_t OpenSeries(const std::string& path, const SeriesConfig& config, Series*
   engineConfig.walOptions = config.walOptions;
   LSDBImpl* openedEngine = nullptr;
   if (const uint32_t status = LSDBImpl::Open(path, engineConfig, &openedEngine); status != kStatusOk) {
-    std::printf("Failed to load main db: %s", path.c_str());
+    Diagnostics::Printing().Printf("Failed to load main db: %s", path.c_str());
     return status;
   }
   // Owned from here on: a schema that can't be opened must not leave the engine open.
@@ -43,7 +43,7 @@ uint32_t OpenSeries(const std::string& path, const SeriesConfig& config, Series*
   Schema* openedSchema = nullptr;
   if (const uint32_t status = Schema::Open(path + "/" + kSchemaFileName, &openedSchema);
       status != kStatusOk) {
-    std::printf("Failed to load schema: %s", path.c_str());
+    Diagnostics::Printing().Printf("Failed to load schema: %s", path.c_str());
     return status;
   }
   std::shared_ptr<Schema> schema(openedSchema);
@@ -72,7 +72,7 @@ uint32_t Series::Get(const Key& key, Record** out) {
   const void* found = nullptr;
   unsigned int size = 0;
   if (const uint32_t status = engine_->Get(key, &found, &size); status != kStatusOk) {
-    std::printf("Internal error while trying to find data with given key");
+    Diagnostics::Printing().Print("Internal error while trying to find data with given key");
     return status;
   }
   // The engine hands the buffer over; whatever can't become a record is released here.
@@ -84,7 +84,7 @@ uint32_t Series::Get(const Key& key, Record** out) {
     std::memcpy(&id, value.get() + kRecordTypeOffset, sizeof(id));
     const RecordMeta* meta = schema_ == nullptr ? nullptr : schema_->FindRecordMeta(id);
     if (meta == nullptr) {
-      std::printf("Failed to find record meta by given key");
+      Diagnostics::Printing().Print("Failed to find record meta by given key");
       return kStatusRecordTypeUnknown;
     }
     if (out == nullptr) return kStatusInvalid;

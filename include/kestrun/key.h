@@ -19,7 +19,7 @@ class KESTRUN_EXPORT Key {
   // Copies `size` bytes. A null `data` gives the empty key.
   Key(const unsigned char* data, unsigned short size);
   // Copies the text without its NUL. Only the low 16 bits of the length count: a text of 65,537 characters
-  // gives a key of one byte. Callers rely on the conversion and on the silent cut. Null gives the empty key.
+  // gives a key of one byte. Null gives the empty key. Compat: key-from-text
   Key(const char* text);  // NOLINT(google-explicit-constructor)
   // Copies the bytes; only the low 16 bits of the length count, as above.
   Key(const std::string& text);  // NOLINT(google-explicit-constructor)

@@ -103,8 +103,8 @@ class KESTRUN_EXPORT LSDBImpl {
   uint32_t Get(const Key& key, const void** value, unsigned int* size);
 
   // Whether `key` is present and not deleted. The time to live is not looked at: an expired entry counts.
-  // Where a lock is not obtained or a block can't be read at the moment the answer is true: callers rely on
-  // a "no" being certain.
+  // Where a lock is not obtained or a block can't be read at the moment the answer is true, so that a "no" is
+  // certain. Compat: contains-unsure-is-true
   bool Contains(const Key& key);
 
   // Copies the newest entry of `key` to `entry`. A missing key leaves `entry` as it was and gives kStatusOk,

@@ -46,7 +46,7 @@ class KESTRUN_EXPORT Record {
   // - A Binary field is decoded, but the next field is read from the first byte behind its length: only as
   //   the last field does Binary lead to a record that reads as it was written. A Binary that is empty or
   //   cut off gives no value.
-  // Callers rely on both, and stored records are read that way by every version.
+  // Stored records are read that way by every version. Compat: binary-not-last, binary-empty
   Record(const RecordMeta* meta, unsigned char* buffer, unsigned int size);
 
   ~Record();

@@ -44,7 +44,7 @@ class KESTRUN_EXPORT Value {
   //            not-a-number becomes 0, on every processor.
   // To text    integers in decimal, real numbers with six digits after the point ("1.500000").
   // From text  as atoi and atof read it; text that does not begin with a number gives 0. Int64 is read with
-  //            atoi too, so that no text gives a number of more than 32 bits: callers rely on it.
+  //            atoi too, so that no text gives a number of more than 32 bits. Compat: text-to-int64
   // None and Binary become 0; as a String they have whatever `str` holds, usually nothing.
   // To None, Binary or an unknown type only the label changes: no number and no text becomes bytes.
   //
