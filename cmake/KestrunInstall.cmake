@@ -41,6 +41,14 @@ if(TARGET kestrun)
   install(FILES docs/man/kestrun.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 
+# The documents and the examples, side by side as here: their links lead to each other. An app takes none of it along.
+if(NOT OHOS)
+  set(document_directory ${CMAKE_INSTALL_DATAROOTDIR}/doc/kestrun2)
+  install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${document_directory})
+  install(DIRECTORY docs examples DESTINATION ${document_directory} FILES_MATCHING
+    PATTERN "*.md" PATTERN "*.svg" PATTERN "*.cc" PATTERN "*.csv" PATTERN "man" EXCLUDE)
+endif()
+
 # `cpack` in the build directory makes one Debian package of library, headers and program.
 if(PROJECT_IS_TOP_LEVEL)
   set(KESTRUN_PACKAGE_CONTACT "Kestrun developers <kestrun@localhost>" CACHE STRING

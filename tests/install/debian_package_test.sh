@@ -47,6 +47,9 @@ dpkg-deb -x "$package" tree
 expect "library, headers, CMake package and pkg-config file lie below /usr" bash -c "
   cd tree/usr && ls include/kestrun/kestrun.h lib/libKestrun2.so.$version lib/cmake/Kestrun2/Kestrun2Config.cmake \
     lib/pkgconfig/kestrun2.pc && diff -r '$source/include/kestrun' include/kestrun"
+expect "the documents and the examples are there, and their links lead to each other" bash -c "
+  ls tree/usr/share/doc/kestrun2/examples/*.cc &&
+  python3 '$source/tests/docs/docs_test.py' links tree/usr/share/doc/kestrun2"
 expect "everything belongs to root" bash -c "! dpkg-deb -c '$package' | grep -v ' root/root '"
 expect "a program builds against the package" bash -c "
   g++ -std=c++17 '$source/tests/install/outside/main.cc' -o program \
