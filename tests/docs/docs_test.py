@@ -5,12 +5,14 @@
   docs_test.py messages ROOT           messages.md has every status, and every message that the library's sources print
   docs_test.py compatibility ROOT      every "Compat: <id>" of the sources stands in compatibility.md, each id once
   docs_test.py examples ROOT CXX [FLAG...]   the C++ of README.md and docs/guide compiles
+  docs_test.py readme ROOT CXX LIBRARY       README.md's example prints what README.md says
 """
 
 import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 
 SOURCE_FOLDERS = ["base", "format", "storage", "block", "engine", "store", "record", "napi", "bindings/c"]
 
@@ -179,6 +181,28 @@ def check_examples(root, compiler, flags):
     return problems, f"{count} pieces of C++"
 
 
+def check_readme(root, compiler, library):
+    """Builds the first C++ of README.md, runs it and compares with the transcript that follows."""
+    text = (root / "README.md").read_text(encoding="utf-8")
+    match = re.search(r"^```cpp\n(.*?)^```\n+((?: {4}.*\n)+)", text, flags=re.S | re.M)
+    if match is None:
+        return ["README.md has no example with a transcript"], "nothing"
+    command, *expected = [line[4:] for line in match.group(2).splitlines()]
+    with tempfile.TemporaryDirectory() as directory:
+        program = pathlib.Path(directory) / "program"
+        built = subprocess.run(
+            [compiler, "-std=c++17", f"-I{root / 'include'}", "-x", "c++", "-", "-x", "none", "-o", program, library,
+             f"-Wl,-rpath,{pathlib.Path(library).parent}"],
+            input=match.group(1), text=True, stderr=subprocess.PIPE, check=False)
+        if built.returncode != 0:
+            return [built.stderr], "an example that does not build"
+        run = subprocess.run([program], cwd=directory, text=True, capture_output=True, check=False)
+    problems = []
+    if run.returncode != 0 or run.stdout.splitlines() != expected:
+        problems.append(f"status {run.returncode}, printed {run.stdout!r} and {run.stderr!r}, not {expected}")
+    return problems, f"the example of README.md, {command}"
+
+
 def main():
     if len(sys.argv) < 3:
         sys.exit(__doc__)
@@ -191,6 +215,8 @@ def main():
         problems, account = check_compatibility(root)
     elif what == "examples":
         problems, account = check_examples(root, sys.argv[3], sys.argv[4:])
+    elif what == "readme":
+        problems, account = check_readme(root, sys.argv[3], sys.argv[4])
     else:
         sys.exit(__doc__)
     for problem in problems:
