@@ -12,7 +12,7 @@
 namespace Kestrun {
 namespace {
 
-// Reads the bytes of one record from front to back. Bytes behind the end are zero, here and wherever a value
+// Reads the bytes of one record from front to back. Bytes after the end are zero, here and wherever a value
 // would reach them: they are never read.
 class Decoder {
  public:
@@ -37,7 +37,7 @@ class Decoder {
     Value value = Value::StringValue(std::string());
     const auto length = TakeNumber<uint32_t>();
     // The length is held against the whole record, not against what is left of it. One that fails moves the
-    // offset behind the end all the same, and the decoding is over.
+    // offset past the end all the same, and the decoding is over.
     if (length < size_) {
       const uint64_t count = Available(length);
       value.str.reserve(length);
@@ -68,8 +68,8 @@ class Decoder {
     return AtEnd() ? 0 : std::min<uint64_t>(count, size_ - offset_);
   }
 
-  // Moves the record into a buffer of `capacity` bytes, zero behind the record, and the values with it.
-  // Happens once at most and last of all, since the offset is behind the end by then.
+  // Moves the record into a buffer of `capacity` bytes, zero after the record, and the values with it.
+  // Happens once at most and last of all, since the offset is past the end by then.
   void GrowBuffer(uint64_t capacity) {
     auto* grown = static_cast<unsigned char*>(std::calloc(1, capacity));
     if (grown == nullptr) throw std::bad_alloc();

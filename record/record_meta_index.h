@@ -52,7 +52,7 @@ class RecordMetaIndex {
     ++table->used;
   }
 
-  // Calls `visit` with each key and its record type, in no order. For whoever may call Assign.
+  // Calls `visit` with each key and its record type, in no order. Only the thread that may call Assign.
   template <typename Visit>
   void ForEach(Visit visit) const {
     const Table& table = *table_.load(std::memory_order_relaxed);

@@ -18,9 +18,9 @@ namespace {
 
 constexpr size_t kReadSize = 1024;
 
-// Whoever holds the creation byte is about to let go of it: a file is read and a line written meanwhile, and
-// nothing is forced to the disk. So it is waited for a little longer than for a lock. Who still does not get
-// it goes on without: a process that was stopped at the wrong moment must not keep all others from working.
+// The creation byte is held only while a file is read and a line is written; nothing is synced meanwhile. So it is
+// waited for a little longer than for a lock. A process that still does not get it goes on without: one that was
+// stopped at the wrong moment must not keep all others from working.
 constexpr int kCreationRounds = 16;
 
 // Of making a type that is read back as it was written. The second one fails only when another process interferes.
@@ -74,7 +74,7 @@ uint32_t Schema::OpenQuietly(const std::string& path, std::unique_ptr<Schema>* o
   const bool isNew = access(path.c_str(), F_OK) != 0;
   std::shared_ptr<OsFile> file;
   if (const uint32_t status = OsFile::Open(path, kOpenReadWrite, &file); status != kStatusOk) return status;
-  // An empty file may be lost without harm: the first line forces the name to the disk once more.
+  // An empty file may be lost without harm: the first line syncs the name once more.
   if (isNew) IgnoreStatus(SyncDirectory(DirectoryOf(path)));
 
   std::unique_ptr<Schema> schema(new Schema(std::move(file)));
@@ -131,15 +131,15 @@ RecordMeta* Schema::GetOrCreateRecordMeta(const std::string& text) {
 
   // The shared level, although a line may be written, and whether or not it is obtained: so do all others.
   const FileLockGuard lock(file_, LockLevel::Shared);
-  // A line that an earlier call could not force to the disk is still in the file and would now be found.
-  if (isUnsynced_ && !ForceToDisk()) return nullptr;
+  // A line that an earlier call could not sync is still in the file and would now be found.
+  if (isUnsynced_ && !SyncLines()) return nullptr;
   IgnoreStatus(Load());  // Create reads again and does not go on without
   if (RecordMeta* known = metasByText_.Find(text)) return known;
   return Create(text);
 }
 
 // Reads the file to its true end, chooses the number and writes the line, all of it with the creation byte,
-// so that no two processes choose the same number. The line is forced to the disk without the byte, as that
+// so that no two processes choose the same number. The line is synced without the byte, as that
 // may take long, and before the type is handed out: no record may be stored whose type can still be lost.
 RecordMeta* Schema::Create(const std::string& text) {
   RecordMeta* meta = nullptr;
@@ -153,7 +153,7 @@ RecordMeta* Schema::Create(const std::string& text) {
     if (meta == nullptr) return nullptr;
     if (!AppendLine(SchemaLine(id, text))) return nullptr;
   }
-  if (!ForceToDisk()) return nullptr;
+  if (!SyncLines()) return nullptr;
 
   metasByText_.Assign(text, meta);
   metasById_.Assign(meta->id, meta);
@@ -175,7 +175,7 @@ uint32_t Schema::GetOrCreateUnambiguous(const std::string& text, unsigned int bu
   const FileLockGuard lock(file_, LockLevel::ThreadOnly);
   for (int attempt = 0; attempt < kMaxCreationAttempts; ++attempt) {
     // A line that an earlier call could not sync is still in the file and would now be found.
-    if (isUnsynced_ && !ForceToDisk()) return kStatusSyncFailed;
+    if (isUnsynced_ && !SyncLines()) return kStatusSyncFailed;
     {
       const SchemaAppendLock creation(*file_, deadline);
       if (!creation.IsHeld()) return kStatusLockFailed;
@@ -184,7 +184,7 @@ uint32_t Schema::GetOrCreateUnambiguous(const std::string& text, unsigned int bu
         if (const uint32_t status = AppendNewType(text); status != kStatusOk) return status;
       }
     }
-    if (isUnsynced_ && !ForceToDisk()) return kStatusSyncFailed;
+    if (isUnsynced_ && !SyncLines()) return kStatusSyncFailed;
     if (Read() != ReadResult::Complete) return kStatusOpenFailed;
     if ((*out = FindUnambiguous(text)) != nullptr) return kStatusOk;
   }
@@ -224,7 +224,7 @@ bool Schema::AppendLine(const std::string& line) {
     return true;
   }
 
-  // Half a line would swallow the next one. It goes, unless somebody has written behind it.
+  // Half a line would swallow the next one. It goes, unless another process has written after it.
   uint64_t now = 0;
   if (written > 0 && file_->Size(&now) == 0 && now == end + static_cast<uint64_t>(written)) {
     IgnoreStatus(file_->Truncate(static_cast<int64_t>(end)));  // nothing is left to try
@@ -232,8 +232,8 @@ bool Schema::AppendLine(const std::string& line) {
   return false;
 }
 
-// With the first line the name of the file must last, too: whoever created it may not have got that far.
-bool Schema::ForceToDisk() {
+// With the first line the name of the file must last, too: the process that created it may not have got that far.
+bool Schema::SyncLines() {
   if (file_->Sync() != 0) return false;
   if (isNameUnsynced_ && !SyncDirectory(DirectoryOf(file_->Path()))) return false;
   isUnsynced_ = false;

@@ -25,8 +25,8 @@
 
 namespace Kestrun {
 
-// Whoever adds a type has this byte of the file locked for writing, from reading what others added until
-// its own line is written. It lies right behind the bytes that OsFile::Lock uses.
+// A process that adds a type has this byte of the file locked for writing, from reading what others added until
+// its own line is written. It is the first byte after those that OsFile::Lock uses.
 inline constexpr int64_t kSchemaCreationByte = 0x40000200;
 
 class Schema {
@@ -44,9 +44,12 @@ class Schema {
   bool Load();
 
   // The record type of `text`. When it is not known, not even after reading the file again, it is created:
-  // its line is written and forced to the disk. Null when `text` is not a record type, when the file could
-  // not be read to its end, and when the line could not be written (the file is as it was) or not be forced
-  // to the disk (the line stays, since others may have seen it, and the next call tries once more).
+  // its line is written and synced. Null when
+  //
+  // - `text` is not a record type;
+  // - the file could not be read to its end;
+  // - the line could not be written, and the file is as it was;
+  // - the line could not be synced. It stays, since others may have seen it, and the next call tries once more.
   RecordMeta* GetOrCreateRecordMeta(const std::string& text);
 
   // The record type of `text` when it is known and its number leads to it and to no other; or null. Takes no lock.
@@ -82,7 +85,7 @@ class Schema {
   RecordMeta* Create(const std::string& text);
   uint32_t AppendNewType(const std::string& text);
   bool AppendLine(const std::string& line);
-  bool ForceToDisk();
+  bool SyncLines();
 
   std::shared_ptr<OsFile> file_;
   RecordMetaPool metas_;  // goes before the file

@@ -19,7 +19,7 @@ inline constexpr unsigned int kTtlForever = 4294967295;
 struct DataEntry {
   uint32_t valueOffset;  // bytes from the start of the file that holds the entry, log or block
   uint32_t valueSize;    // bytes
-  bool deleted;          // the entry is a deletion marker
+  bool deleted;          // the entry is a tombstone
   uint64_t timestamp;    // seconds since the Unix epoch at which the entry was written
   uint32_t ttl;          // seconds
 };

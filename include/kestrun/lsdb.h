@@ -39,7 +39,7 @@ struct Core;
 struct LSDBConfig {
   // The size in bytes of the log file, more than 128. An entry takes 40 bytes, its key and its value, and
   // must fit into walSize - 128. A log that exists and is longer keeps its length; one that is shorter is
-  // made anew and whatever it held is given up: call ResetWal before opening with a larger size.
+  // recreated and its entries are given up: call ResetWal before opening with a larger size.
   uint32_t walSize;
   // Carried along and not interpreted.
   uint16_t walOptions;
@@ -86,7 +86,7 @@ class KESTRUN_EXPORT LSDBImpl {
   // kStatusLockFailed, kStatusNoMemory, and every status of ResetWal
   uint32_t Insert(const Key& key, unsigned int ttl, const void* value, unsigned int size);
 
-  // Writes a deletion marker for `key`, whether or not the key exists. Statuses as Insert.
+  // Writes a tombstone for `key`, whether or not the key exists. Statuses as Insert.
   uint32_t Delete(const Key& key);
 
   // Reads the value of `key`. A missing or deleted key and an empty value give kStatusOk, a null `*value`
@@ -108,7 +108,7 @@ class KESTRUN_EXPORT LSDBImpl {
   bool Contains(const Key& key);
 
   // Copies the newest entry of `key` to `entry`. A missing key leaves `entry` as it was and gives kStatusOk,
-  // and so does a deletion marker in the log; one in a block is copied. Clear `entry` first to tell.
+  // and so does a tombstone in the log; one in a block is copied. Clear `entry` first to tell.
   // The time to live is not looked at. Statuses as Get, without kStatusExpired.
   uint32_t GetDataEntry(const Key& key, DataEntry& entry);
 
@@ -157,7 +157,7 @@ class KESTRUN_EXPORT LSDBImpl {
   // kStatusOpenFailed  log and manifest are empty, but the directory could not be read
   uint32_t Clear();
 
-  // The newest block that holds `key`, deletion markers and expired entries included; empty when there is
+  // The newest block that holds `key`, tombstones and expired entries included; empty when there is
   // none. The caller holds the manifest's lock. Block is opaque to users of this header.
   std::shared_ptr<Block> FindBlock(const Key& key);
 

@@ -31,7 +31,7 @@ class KESTRUN_EXPORT Record {
  public:
   // Reads one argument per field, as its type says: int for Int32, long for Int64, double for Float and
   // Double, const char* for String (null counts as empty text). A Binary or None field reads no argument and
-  // gets no value, so that the values behind it stand one place too early.
+  // gets no value, so that the values after it stand one place too early.
   Record(const RecordMeta* meta, va_list args);
 
   // Keeps the values as they are. Their number and types are not checked; see Capacity and Encode.
@@ -43,7 +43,7 @@ class KESTRUN_EXPORT Record {
   // need count as zero.
   //
   // - A String longer than `size` decodes as empty text and ends the decoding.
-  // - A Binary field is decoded, but the next field is read from the first byte behind its length: only as
+  // - A Binary field is decoded, but the next field is read from the first byte after its length: only as
   //   the last field does Binary lead to a record that reads as it was written. A Binary that is empty or
   //   cut off gives no value.
   // Stored records are read that way by every version. Compat: binary-not-last, binary-empty
@@ -72,7 +72,7 @@ class KESTRUN_EXPORT Record {
   Value GetValue(unsigned int index) const;
   // The value in the place of the first field called `name`; a value of type None when there is no such
   // field or no value in its place. A record that skipped a field (above) has other values in the places
-  // behind it.
+  // after it.
   Value GetValue(const std::string& name) const;
 
  private:

@@ -35,11 +35,11 @@ class KESTRUN_EXPORT RecordMeta {
   RecordMeta& operator=(const RecordMeta&) = delete;
 
   // The record type that `text` describes, with the number `id`; the caller deletes it. Null when there is
-  // nothing behind the first blank, or no blank, and when memory runs out. Everything else is accepted:
+  // nothing after the first blank, or no blank, and when memory runs out. Everything else is accepted:
   //
-  // - a field without a colon, without anything behind its colon, or without any text is left out;
+  // - a field without a colon, without anything after its colon, or without any text is left out;
   // - a field with an unknown token, a second colon included, stays, with type None;
-  // - names are not checked: they may be empty, occur twice or begin with the blank behind a comma.
+  // - names are not checked: they may be empty, occur twice or begin with the blank after a comma.
   static RecordMeta* Create(unsigned short id, const std::string& text);
 
   // Two record types are the same when their texts are, byte for byte. Nothing else is compared.

@@ -91,7 +91,7 @@ class KESTRUN_EXPORT Series {
 
   // The record type that `format` describes, added to the schema when it is new: its line is on the disk
   // when this returns. Null when `format` is not a record type (see RecordMeta::Create) and when the schema
-  // file could not be read, written or forced to the disk.
+  // file could not be read, written or synced.
   RecordMeta* CreateRecordMeta(const std::string& format);
 
   // As the operations of LSDBImpl with these names.

@@ -200,7 +200,7 @@ RC_GTEST_FIXTURE_PROP(SeriesProperty, StoredValuesComeBackConvertedToTheirFields
   AssertHolds(*record, expected);
 }
 
-// Decoding as one would write it over a record with endless zeros behind it. Numbers and texts are what such
+// Decoding as one would write it over a record with endless zeros after it. Numbers and texts are what such
 // a record holds; a Binary is accepted where its bytes are, or where not even its length is.
 std::vector<std::pair<ValueType, std::string>> DecodeByHand(const Types& types, const std::string& bytes) {
   std::vector<std::pair<ValueType, std::string>> values;

@@ -285,7 +285,7 @@ TEST(RecordDecode, TwoBytesOrFewerHoldNoValues) {
 
 TEST(RecordDecode, TextAsLongAsTheRecordIsEmptyAndTheLast) {
   const auto meta = Meta("T a:%s,b:%i4");
-  // Ten bytes: a length of 9 is taken, with zeros behind the end; one of 10 or more is not.
+  // Ten bytes: a length of 9 is taken, with zeros after the end; one of 10 or more is not.
   const auto fits = Decode(*meta, FromHex("01 02 09 00 00 00 61 62 63 64"));
   EXPECT_EQ(CountValues(*fits), 1U);
   EXPECT_EQ(fits->GetValue(0U).str, std::string("abcd\0\0\0\0\0", 9));
@@ -320,7 +320,7 @@ TEST(RecordDecode, BinaryThatIsCutOffGivesNoValue) {
   EXPECT_EQ(CountValues(*Decode(*meta, FromHex("01 02 01 00 00 00"))), 0U);
 }
 
-// What is there of the length counts, whatever there is behind it: the bytes are zero, and really there.
+// What is there of the length counts, whatever there is after it: the bytes are zero, and really there.
 TEST(RecordDecode, BinaryWhoseLengthIsCutOffHasZerosForBytes) {
   const auto meta = Meta("T a:*,b:*");
   const auto record = Decode(*meta, FromHex("01 02 01 00 00 00 04 00 00"));

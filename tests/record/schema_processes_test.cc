@@ -68,7 +68,7 @@ TEST_F(SchemaProcessesTest, TypeOfOneProcessIsFoundByTheOther) {
 }
 
 // The levels are not what one would choose, and others are built on them: a lookup by number is exclusive. It
-// fails here, because the other process reads, and leaves its lock on the gate byte behind.
+// fails here, because the other process reads, and leaves its lock on the gate byte.
 TEST_F(SchemaProcessesTest, LookupByNumberTakesTheExclusiveLevelAndGoesOnWithoutIt) {
   const auto schema = Open();
   WriteFile(path_, "5#T a:%i4\n");

@@ -196,7 +196,7 @@ TEST_F(SchemaTest, LaterLineWithTheSameNumberOrTheSameTextWins) {
   EXPECT_EQ(TextOf(*schema, 2), "V a:%i4");
 }
 
-// The file is read in pieces of 1024 bytes: lines end before, at and behind each of their ends.
+// The file is read in pieces of 1024 bytes: lines end before, at and after each of their ends.
 TEST_F(SchemaTest, LinesMayLieAcrossTheEndOfWhatIsReadAtOnce) {
   for (size_t length = 1008; length <= 1040; ++length) {
     const std::string text = "T " + std::string(length, 'n') + ":%i4";
