@@ -23,3 +23,26 @@ find_program(KESTRUN_CCACHE ccache)
 if(KESTRUN_CCACHE AND PROJECT_IS_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${KESTRUN_CCACHE})
 endif()
+
+# kestrun_sanitizer_environment(VARIABLE): the settings, for `cmake -E env`, under which a program that was built
+# without the sanitizers loads the library: their runtimes have to be the first libraries of the process. Leaks are not
+# looked for, because interpreters leave memory to the system when they end.
+function(kestrun_sanitizer_environment variable)
+  set(runtimes "")
+  foreach(pair address:asan undefined:ubsan thread:tsan)
+    string(REPLACE ":" ";" pair ${pair})
+    list(GET pair 0 sanitizer)
+    list(GET pair 1 runtime)
+    if(KESTRUN_SANITIZE MATCHES ${sanitizer})
+      execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=lib${runtime}.so
+        OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
+      list(APPEND runtimes ${path})
+    endif()
+  endforeach()
+  set(environment "")
+  if(runtimes)
+    list(JOIN runtimes ":" runtimes)
+    set(environment LD_PRELOAD=${runtimes} ASAN_OPTIONS=detect_leaks=0)
+  endif()
+  set(${variable} ${environment} PARENT_SCOPE)
+endfunction()

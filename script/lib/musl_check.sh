@@ -34,7 +34,7 @@ flags=(-nostdinc++ -nostdlibinc -isystem "$libcxx" -isystem "$musl" -D_LIBCPP_HA
 # The platform's own triple, and the plain musl one of this machine: they differ in va_list, wchar_t and char.
 targets=(aarch64-linux-ohos "$(uname -m)-linux-musl")
 
-sources=$(find engine storage block record napi -name '*.cc' | sort)
+sources=$(find engine storage block record napi bindings/c -name '*.cc' | sort)
 for header in include/kestrun/*.h; do
   echo "#include \"kestrun/$(basename "$header")\"" >"$work/header_$(basename "$header" .h).cc"
 done
