@@ -201,8 +201,7 @@ WriteBatch BatchOf(napi_env env, const Database& database, napi_value array) {
   const uint32_t length = LengthOf(env, array);
   WriteBatch batch;
   for (uint32_t i = 0; i + kStride <= length; i += kStride) {
-    napi_handle_scope scope = nullptr;
-    Check(env, napi_open_handle_scope(env, &scope));
+    const HandleScope scope(env);
     napi_value key = nullptr, value = nullptr, ttl = nullptr;
     Check(env, napi_get_element(env, array, i, &key));
     Check(env, napi_get_element(env, array, i + 1, &value));
@@ -211,7 +210,6 @@ WriteBatch BatchOf(napi_env env, const Database& database, napi_value array) {
     ThrowUnlessOk(database, IsUndefined(env, value)
                                 ? batch.Delete(storedKey)
                                 : batch.Put(storedKey, ToStoredValue(env, value), ToUint32(env, ttl)));
-    Check(env, napi_close_handle_scope(env, scope));
   }
   return batch;
 }
@@ -346,12 +344,10 @@ napi_value FromEntries(napi_env env, const Iterator& iterator, const Iterator::E
   Check(env, napi_create_array_with_length(env, read.entries.size() * perEntry + 1, &array));
   uint32_t index = 0;
   for (const Iterator::Entry& entry : read.entries) {
-    napi_handle_scope scope = nullptr;
-    Check(env, napi_open_handle_scope(env, &scope));
+    const HandleScope scope(env);
     if (keys) Check(env, napi_set_element(env, array, index++, FromBytes(env, entry.key, options.keys)));
     if (values)
       Check(env, napi_set_element(env, array, index++, FromBytes(env, entry.value, options.values)));
-    Check(env, napi_close_handle_scope(env, scope));
   }
   Check(env, napi_set_element(env, array, index, FromBool(env, read.ended)));
   return array;

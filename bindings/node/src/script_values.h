@@ -74,6 +74,19 @@ napi_value FromBytes(napi_env env, std::string_view bytes, Form form);
 napi_value Undefined(napi_env env);
 napi_value FromBool(napi_env env, bool value);
 
+// Gives the handles that were made while it exists back when it ends, by an exception too.
+class HandleScope {
+ public:
+  explicit HandleScope(napi_env env) : env_(env) { Check(env, napi_open_handle_scope(env, &scope_)); }
+  ~HandleScope() { napi_close_handle_scope(env_, scope_); }
+  HandleScope(const HandleScope&) = delete;
+  HandleScope& operator=(const HandleScope&) = delete;
+
+ private:
+  napi_env env_;
+  napi_handle_scope scope_ = nullptr;
+};
+
 // A native function that may throw.
 using NativeFunction = napi_value (*)(napi_env env, const Arguments& arguments);
 void ThrowStatus(napi_env env, const StatusException& exception);
