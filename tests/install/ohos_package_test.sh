@@ -37,7 +37,14 @@ expect "the toolchain file refuses too and names the variable" \
 # The stand-in.
 ndk=$work/sdk/native
 mkdir -p "$ndk/build/cmake" "$ndk/llvm/bin" "$ndk/sysroot/usr/lib/aarch64-linux-ohos"
-echo 'void napi_module_register(void* module) { (void)module; }' |
+# The host's functions are those of Node.js, under another header.
+node_headers=$(dirname "$(readlink -f "$(command -v node)")")/../include/node
+[ -e "$node_headers/node_api.h" ] || node_headers=/usr/include/node
+mkdir -p "$ndk/sysroot/usr/include/napi"
+cp "$node_headers"/{node_api,node_api_types,js_native_api,js_native_api_types}.h "$ndk/sysroot/usr/include/napi/"
+echo '#include "node_api.h"' >"$ndk/sysroot/usr/include/napi/native_api.h"
+grep -ohE '\bn(api|ode_api)_[a-z0-9_]+\(' "$node_headers"/{node_api,js_native_api}.h | sort -u |
+  sed 's/(/(void) { }/; s/^/void /' |
   aarch64-linux-gnu-gcc -shared -fPIC -xc - -Wl,-soname,libace_napi.z.so \
     -o "$ndk/sysroot/usr/lib/aarch64-linux-ohos/libace_napi.z.so"
 for tool in readelf strip; do ln -s "$(command -v aarch64-linux-gnu-$tool)" "$ndk/llvm/bin/llvm-$tool"; done
@@ -50,6 +57,9 @@ set(CMAKE_SYSTEM_NAME OHOS)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+include_directories(SYSTEM ${CMAKE_CURRENT_LIST_DIR}/../../sysroot/usr/include)
+set(CMAKE_MODULE_LINKER_FLAGS_INIT
+  "-Wl,--no-undefined -Wl,--as-needed -L${CMAKE_CURRENT_LIST_DIR}/../../sysroot/usr/lib/aarch64-linux-ohos")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
   "-Wl,--no-undefined -Wl,--as-needed -L${CMAKE_CURRENT_LIST_DIR}/../../sysroot/usr/lib/aarch64-linux-ohos")
 EOF
@@ -62,7 +72,8 @@ package=$work/out/kestrun2
 expect "the package has the documented files and no others" diff - <(cd "$package" && find . -type f | sort) <<EOF
 $( (cd "$source/packaging/ohos" && find . -type f ! -name .gitignore
     cd "$source" && find include -type f -printf './%p\n'
-    echo ./libs/arm64-v8a/libKestrun2.so) | sort)
+    echo ./libs/arm64-v8a/libKestrun2.so
+    echo ./libs/arm64-v8a/libkestrunstore.so) | sort)
 EOF
 expect "the archive holds the same" diff <(cd "$work/out" && find kestrun2 -type f | sort) \
   <(tar -tzf "$work/out"/kestrun2-*-ohos-arm64.tar.gz | grep -v '/$' | sort)
@@ -79,12 +90,14 @@ const main = read('oh-package.json5');
 assert.equal(main.name, 'kestrun2');
 assert.equal(main.version, version);
 assert.ok(fs.existsSync(path.join(root, main.main)));
-const [[library, where]] = Object.entries(main.dependencies);
-const types = read(path.join(where.replace(/^file:/, ''), 'oh-package.json5'));
-assert.equal(types.name, library);
-assert.equal(types.version, version);
-assert.ok(fs.existsSync(path.join(root, where.replace(/^file:/, ''), types.types)));
-assert.ok(fs.existsSync(path.join(root, 'libs/arm64-v8a', library)));
+assert.deepEqual(Object.keys(main.dependencies), ['libKestrun2.so', 'libkestrunstore.so']);
+for (const [library, where] of Object.entries(main.dependencies)) {
+  const types = read(path.join(where.replace(/^file:/, ''), 'oh-package.json5'));
+  assert.equal(types.name, library);
+  assert.equal(types.version, version);
+  assert.ok(fs.existsSync(path.join(root, where.replace(/^file:/, ''), types.types)));
+  assert.ok(fs.existsSync(path.join(root, 'libs/arm64-v8a', library)));
+}
 assert.equal(read('src/main/module.json5').module.type, 'har');
 assert.equal(read('src/main/module.json5').module.name, main.name);
 assert.ok(fs.existsSync(path.join(root, read('build-profile.json5').buildOption.nativeLib.headerPath, 'kestrun')));
@@ -97,6 +110,20 @@ expect "it is called libKestrun2.so, without a version" bash -c "readelf -d '$li
 expect "it brings the host's Node-API library along" bash -c "readelf -d '$library' | grep -q 'NEEDED.*libace_napi\.z\.so'"
 expect "its segments load with pages of up to 64 KB" \
   bash -c "[ \"\$(readelf -lW '$library' | awk '\$1 == \"LOAD\" { print \$NF }' | sort -u)\" = 0x10000 ]"
+
+# The host finds a module by its file's name, and by nothing that a second module of the process could have.
+module=$package/libs/arm64-v8a/libkestrunstore.so
+expect "the module of Store is called by its file's name and registers as that" bash -c "
+  readelf -d '$module' | grep -q 'SONAME.*\[libkestrunstore\.so\]' && strings '$module' | grep -qx kestrunstore"
+expect "it needs the library, the host and the C++ and C runtime" bash -c "
+  readelf -d '$module' | grep -q 'NEEDED.*\[libKestrun2\.so\]' &&
+  readelf -d '$module' | grep -q 'NEEDED.*\[libace_napi\.z\.so\]' &&
+  readelf -d '$module' | grep NEEDED |
+    { ! grep -v -E '\[(libKestrun2\.so|libace_napi\.z\.so|libstdc\+\+\.so\.6|libgcc_s\.so\.1|libc\.so\.6|ld-linux[^]]*)\]'; }"
+expect "its segments load with pages of up to 64 KB" \
+  bash -c "[ \"\$(readelf -lW '$module' | awk '\$1 == \"LOAD\" { print \$NF }' | sort -u)\" = 0x10000 ]"
+expect "Index.ets exports add and Store" bash -c "
+  grep -q '{ add } from .libKestrun2.so.' '$package/Index.ets' && grep -q 'Store.*from .*Store' '$package/Index.ets'"
 
 # What an app's native module does with the package.
 mkdir app

@@ -64,7 +64,6 @@ void ThrowUnlessOk(const Database& database, uint32_t status) {
 
 // The snapshot of `value`, or one of this moment when it is undefined: taken here and now, so that no later write shows.
 std::shared_ptr<const Snapshot> SnapshotFor(napi_env env, const Database& database, napi_value value) {
-  Store& store = database.OpenStore(env);
   if (!IsUndefined(env, value)) {
     const auto handle = HeldBy<SnapshotHandle>(env, value);
     if (handle->Of().get() != &database) ThrowTypeError(env, "the snapshot is of another database");
@@ -72,7 +71,7 @@ std::shared_ptr<const Snapshot> SnapshotFor(napi_env env, const Database& databa
     return handle->Get();
   }
   std::unique_ptr<Snapshot> taken;
-  ThrowUnlessOk(database, store.TakeSnapshot(&taken));
+  ThrowUnlessOk(database, database.OpenStore(env).TakeSnapshot(&taken));
   return taken;
 }
 

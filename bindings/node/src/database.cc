@@ -29,7 +29,10 @@ Database::~Database() {
 }
 
 Store& Database::OpenStore(napi_env env) const {
-  if (changing_ || store_ == nullptr) ThrowCodedError(env, "LEVEL_DATABASE_NOT_OPEN", "Database is not open");
+  if (changing_ || store_ == nullptr) {
+    ThrowCodedError(env, face_ == Face::Level ? "LEVEL_DATABASE_NOT_OPEN" : "KESTRUN_NOT_OPEN",
+                    "Database is not open");
+  }
   return *store_;
 }
 
