@@ -1,106 +1,79 @@
 #include "block/block.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "base/clock.h"
-#include "block/block_reader.h"
+#include "base/page_size.h"
+#include "format/block_reader.h"
 #include "kestrun/status.h"
+#include "storage/os_file_source.h"
 
 namespace Kestrun {
 namespace {
 
-constexpr size_t kLoadWindow = 256 * 1024;
+constexpr size_t kVerifyWindow = 256 * 1024;
 
-// Of a longer value it is made sure that the file holds it before memory is allocated.
+// Check the file's size before allocating more: a damaged entry may claim 4 GiB.
 constexpr uint32_t kMaxUncheckedValue = 64 * 1024;
 
-// Calls `take` with each entry of the file.
-template <typename Take>
-uint32_t ReadEntries(const std::shared_ptr<OsFile>& file, Take take) {
-  BlockReader reader([&file] { return file; }, kLoadWindow);
-  if (const uint32_t status = reader.Start(); status != kStatusOk) return status;
-  for (;;) {
-    bool end = false;
-    if (const uint32_t status = reader.Next(&end); status != kStatusOk) return status;
-    if (end) return kStatusOk;
-    take(reader);
-  }
+std::string_view BytesOf(const Key& key) {
+  const unsigned char* data = key.Data();
+  if (data == nullptr) return {};
+  return {reinterpret_cast<const char*>(data), key.Size()};
+}
+
+Key ToKey(std::string_view bytes) {
+  return Key(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned short>(bytes.size()));
 }
 
 }  // namespace
 
-Block::Block(std::shared_ptr<OsFile> file, std::vector<IndexedEntry> entries)
-    : file_(std::move(file)), entries_(std::move(entries)) {}
+Block::Block(std::shared_ptr<OsFile> file, std::shared_ptr<const BlockIndex> index)
+    : file_(std::move(file)), index_(std::move(index)) {}
 
-uint32_t Block::Load(const std::string& path, Block** out, uint64_t /*pageSize*/) {
+uint32_t Block::Load(const std::string& path, Block** out, uint64_t pageSize) {
   std::shared_ptr<OsFile> file;
   if (const uint32_t status = OsFile::Open(path, kOpenReadOnly, &file); status != kStatusOk) return status;
-  std::shared_ptr<Block> block;
-  if (const uint32_t status = LoadFrom(std::move(file), &block); status != kStatusOk) return status;
-  *out = new Block(std::move(block->file_), std::move(block->entries_));
-  return kStatusOk;
-}
-
-uint32_t Block::LoadFrom(std::shared_ptr<OsFile> file, std::shared_ptr<Block>* out) {
-  std::vector<IndexedEntry> entries;
-  const auto take = [&entries](const BlockReader& reader) {
-    // The count is believed only once an entry proves sound.
-    if (entries.empty()) entries.reserve(reader.EntryCount());
-    entries.push_back({Key(reader.KeyBytes(), reader.KeySize()), reader.Entry()});
-  };
-  if (const uint32_t status = ReadEntries(file, take); status != kStatusOk) return status;
-  *out = std::make_shared<Block>(std::move(file), std::move(entries));
-  return kStatusOk;
+  OsFileSource source(*file);
+  if (pageSize == kAnyPageSize) {
+    if (const uint32_t status = DetectBlockPageSize(source, &pageSize); status != kStatusOk) return status;
+  }
+  std::shared_ptr<const BlockIndex> index;
+  const uint32_t status = BlockIndex::Read(source, pageSize == 0 ? PageSize() : pageSize, &index);
+  if (status == kStatusOk) *out = new Block(std::move(file), std::move(index));
+  return status;
 }
 
 uint32_t Block::Verify(const std::string& path) {
   std::shared_ptr<OsFile> file;
   if (const uint32_t status = OsFile::Open(path, kOpenReadOnly, &file); status != kStatusOk) return status;
-  return ReadEntries(file, [](const BlockReader&) {});
+  OsFileSource source(*file);
+  BlockReader reader(source, PageSize(), kVerifyWindow);
+  uint32_t status = reader.Start();
+  for (bool end = false; status == kStatusOk && !end;) status = reader.Next(&end);
+  return status;
 }
 
-uint32_t Block::Count() const {
-  return static_cast<uint32_t>(entries_.size());
-}
-
-std::string_view Block::KeyAt(uint32_t i) const {
-  const Key& key = entries_[i].key;
-  return {reinterpret_cast<const char*>(key.Data()), key.Size()};
-}
-
-uint32_t Block::LowerBound(std::string_view key) const {
-  uint32_t low = 0;
-  uint32_t high = Count();
-  while (low < high) {
-    const uint32_t middle = low + (high - low) / 2;
-    if (KeyAt(middle) < key) {
-      low = middle + 1;
-    } else {
-      high = middle;
-    }
-  }
-  return low;
-}
-
-uint32_t Block::Find(std::string_view key) const {
-  const uint32_t found = LowerBound(key);
-  return found < Count() && KeyAt(found) == key ? found : Count();
+bool Block::ChecksumAt(uint32_t index, uint32_t* checksum) const {
+  const BlockIndex::Record& record = index_->RecordAt(index);
+  if (record.hasChecksum) *checksum = record.checksum;
+  return record.hasChecksum;
 }
 
 bool Block::Contains(const Key& key) const {
-  return Find(key) != nullptr;
+  return Find(BytesOf(key)) != Count();
 }
 
 uint32_t Block::Lookup(const Key& key, DataEntry* entry) const {
-  const IndexedEntry* found = Find(key);
-  if (found == nullptr) return kStatusInvalid;
-  *entry = found->entry;
+  const uint32_t found = Find(BytesOf(key));
+  if (found == Count()) return kStatusInvalid;
+  *entry = EntryAt(found);
   return kStatusOk;
 }
 
-// Looks at the time to live before anything else: an expired deletion marker has expired, too.
+// Looks at the time to live before anything else: an expired tombstone has expired, too.
 uint32_t Block::ReadValue(const DataEntry& entry, void** value) const {
   if (!IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
     std::printf("TTL verification failed");
@@ -122,28 +95,16 @@ uint32_t Block::ReadValue(const DataEntry& entry, void** value) const {
   return kStatusOk;
 }
 
-namespace {
-
-bool KeyIsLess(const Block::IndexedEntry& entry, const Key& key) {
-  return entry.key < key;
-}
-
-}  // namespace
-
+// Where a damaged file is out of order, every entry is looked at until one is not before `to`.
 void Block::ForEachInRange(const Key& from, const Key& to,
                            const std::function<bool(const Key&)>& visit) const {
-  auto position = std::lower_bound(entries_.begin(), entries_.end(), from, &KeyIsLess);
-  for (; position != entries_.end() && position->key < to; ++position) {
+  const std::string_view first = BytesOf(from);
+  const std::string_view end = BytesOf(to);
+  for (uint32_t i = index_->IsOrdered() ? LowerBound(first) : 0; i < Count() && KeyAt(i) < end; ++i) {
+    if (KeyAt(i) < first) continue;
     if (!visit) std::abort();
-    if (visit(position->key)) return;
+    if (visit(ToKey(KeyAt(i)))) return;
   }
-}
-
-// Keys outside the block's range are answered without a search.
-const Block::IndexedEntry* Block::Find(const Key& key) const {
-  if (entries_.empty() || key < entries_.front().key || entries_.back().key < key) return nullptr;
-  const auto position = std::lower_bound(entries_.begin(), entries_.end(), key, &KeyIsLess);
-  return position != entries_.end() && position->key == key ? &*position : nullptr;
 }
 
 }  // namespace Kestrun

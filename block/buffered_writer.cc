@@ -1,12 +1,13 @@
 #include "block/buffered_writer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
 namespace Kestrun {
 namespace {
 
-constexpr size_t kBufferSize = 256 * 1024;
+constexpr size_t kBufferSize = 1024 * 1024;
 
 }  // namespace
 
@@ -19,6 +20,18 @@ bool BufferedWriter::Append(const void* bytes, size_t size) {
   }
   if (size != 0) std::memcpy(buffer_.data() + held_, bytes, size);
   held_ += size;
+  return true;
+}
+
+bool BufferedWriter::AppendFrom(ByteSource& source, uint64_t offset, uint64_t size) {
+  while (size != 0) {
+    if (held_ == buffer_.size() && !Flush()) return false;
+    const auto piece = static_cast<size_t>(std::min<uint64_t>(size, buffer_.size() - held_));
+    if (source.ReadAt(offset, buffer_.data() + held_, piece) != static_cast<ssize_t>(piece)) return false;
+    held_ += piece;
+    offset += piece;
+    size -= piece;
+  }
   return true;
 }
 

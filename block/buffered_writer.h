@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "format/byte_source.h"
 #include "storage/os_file.h"
 
 namespace Kestrun {
@@ -20,6 +21,8 @@ class BufferedWriter {
   explicit BufferedWriter(std::shared_ptr<OsFile> file);
 
   bool Append(const void* bytes, size_t size);
+  // Appends `size` bytes at `offset` of a source. False also when it does not hold them or can't be read.
+  bool AppendFrom(ByteSource& source, uint64_t offset, uint64_t size);
   // Goes on at `offset`; bytes that are passed over are not written.
   bool MoveTo(uint64_t offset);
   bool Flush();

@@ -1,14 +1,20 @@
 #include "block/section_writer.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "base/clock.h"
+#include "base/page_size.h"
 #include "format/checksum.h"
 #include "kestrun/status.h"
 
 namespace Kestrun {
+namespace {
+
+// Values that lie side by side are copied together, up to this many bytes at a time.
+constexpr uint64_t kMaxRun = 8 * 1024 * 1024;
+
+}  // namespace
 
 bool SyntheticSectionWriter::WriteHeader(BufferedWriter& file) {
   const uint64_t size = Size();
@@ -21,111 +27,107 @@ bool SyntheticSectionWriter::WriteHeader(BufferedWriter& file) {
   return file.Append(&header, sizeof(header));
 }
 
-void DataSectionWriter::Count(uint16_t keySize, uint32_t valueSize) {
-  ++totals_.entries;
-  totals_.keyBytes += keySize;
-  totals_.valueBytes += valueSize;
-}
-
-uint32_t DataSectionWriterWithWal::Measure() {
-  wal_.ForEachEntry(Key::MinKey(), Key::MaxKey(), [this](const Key& key, const DataEntry& entry) {
-    Count(key.Size(), entry.valueSize);
-    return false;
-  });
-  return kStatusOk;
-}
-
-bool DataSectionWriterWithWal::WriteTo(BufferedWriter& file) {
-  if (!WriteHeader(file)) return false;
-  entries_.reserve(totals_.entries);
-  bool written = true;
-  wal_.ForEachEntry(Key::MinKey(), Key::MaxKey(), [&](const Key& key, const DataEntry& entry) {
-    const uint8_t* value = wal_.ViewValue(entry);
-    const auto offset = static_cast<uint32_t>(file.Position());
-    written = value != nullptr && file.Append(value, entry.valueSize);
-    if (!written) return true;
-    entries_.push_back({key, entry});
-    entries_.back().entry.valueOffset = offset;
-    return false;
-  });
-  return written;
-}
-
-DataSectionWriterWithBlocks::DataSectionWriterWithBlocks(const std::vector<BlockSource>& sources)
-    : merge_(sources), now_(NowSeconds()) {}
-
-bool DataSectionWriterWithBlocks::IsKept(const DataEntry& entry) const {
-  return !entry.deleted && IsAlive(entry.timestamp, entry.ttl, now_);
-}
-
-uint32_t DataSectionWriterWithBlocks::Measure() {
-  uint32_t status = merge_.Start();
-  bool end = false;
-  while (status == kStatusOk) {
-    status = merge_.Next(&end);
-    if (status != kStatusOk || end) break;
-    if (IsKept(merge_.Entry())) Count(merge_.KeySize(), merge_.Entry().valueSize);
-  }
-  return status;
-}
-
-// An entry that expires meanwhile, or whose value its file does not hold, is left out though the section's
-// header has counted it; the tables find their place by the size that the header declares.
-bool DataSectionWriterWithBlocks::WriteTo(BufferedWriter& file) {
-  if (!WriteHeader(file) || merge_.Start() != kStatusOk) return false;
-  entries_.reserve(totals_.entries);
+uint32_t DataSectionWriter::Measure() {
+  if (const uint32_t status = cursor_.Start(); status != kStatusOk) return status;
   for (;;) {
     bool end = false;
-    if (merge_.Next(&end) != kStatusOk) return false;
-    if (end) return true;
-    const DataEntry& entry = merge_.Entry();
-    if (!IsKept(entry)) continue;
-    if (!IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
-      std::printf("TTL verification failed");
+    if (const uint32_t status = cursor_.Next(&end); status != kStatusOk) return status;
+    if (end) break;
+    if (IsStopped()) return kStatusBlockWriteFailed;
+    entries_->Append(cursor_.Key(), cursor_.Entry(), cursor_.Checksum());
+    *sources_.Extend(1) = cursor_.Source();
+    valueBytes_ += cursor_.Entry().valueSize;
+    if (entries_->KeyBytes().size() >= kBlockSizeLimit) return kStatusBlockWriteFailed;
+  }
+  const BlockLayout layout = LayOutBlock(Size(), KeyTabSectionWriter(*entries_, 0).Size(),
+                                         EntrySectionWriter(*entries_, 0).Size(), PageSize());
+  return layout.fileSize < kBlockSizeLimit ? kStatusOk : kStatusBlockWriteFailed;
+}
+
+// An entry that has expired since it was measured.
+bool DataSectionWriter::IsLeftOut(const BlockIndex::Record& record, uint32_t source) {
+  if (onExpired_ && !IsAlive(record.timestamp, record.ttl, NowSeconds())) {
+    onExpired_();
+    return true;
+  }
+  if (cursor_.HoldsValue(source, record.valueOffset, record.valueSize)) return false;
+  foundDamage_ = isStrict_;
+  return true;
+}
+
+bool DataSectionWriter::WriteTo(BufferedWriter& file) {
+  if (!WriteHeader(file)) return false;
+  BlockIndex& entries = *entries_;
+  uint64_t position = file.Position();
+  struct {
+    uint32_t source = 0;
+    uint64_t offset = 0;
+    uint64_t size = 0;
+  } run;
+  const auto copyRun = [&] {
+    return run.size == 0 || cursor_.CopyValues(run.source, run.offset, run.size, file);
+  };
+  uint32_t kept = 0;
+  for (uint32_t i = 0; i < entries.Count(); ++i) {
+    const uint32_t source = sources_[i];
+    if (IsLeftOut(entries.RecordAt(i), source)) {
+      if (foundDamage_) return false;
       continue;
     }
-    if (!merge_.HasWholeValue()) continue;
-
-    const auto offset = static_cast<uint32_t>(file.Position());
-    const auto append = [&file](const uint8_t* bytes, size_t size) { return file.Append(bytes, size); };
-    if (!merge_.ReadValue(append)) return false;
-    entries_.push_back({Key(merge_.KeyBytes(), merge_.KeySize()), entry});
-    entries_.back().entry.valueOffset = offset;
+    entries.Move(i, kept);
+    BlockIndex::Record& record = entries.RecordAt(kept++);
+    if (record.valueSize != 0) {
+      const bool goesOn =
+          source == run.source && record.valueOffset == run.offset + run.size && run.size < kMaxRun;
+      if (!goesOn) {
+        if (!copyRun() || IsStopped()) return false;
+        run.source = source;
+        run.offset = record.valueOffset;
+        run.size = 0;
+      }
+      run.size += record.valueSize;
+    }
+    record.valueOffset = static_cast<uint32_t>(position);
+    position += record.valueSize;
   }
+  entries.Truncate(kept);
+  return copyRun();
+}
+
+std::shared_ptr<const BlockIndex> DataSectionWriter::TakeEntries() {
+  entries_->Finish();
+  return std::move(entries_);
 }
 
 uint64_t KeyTabSectionWriter::Size() {
-  uint64_t size = sizeof(SectionHeader);
-  for (const Block::IndexedEntry& indexed : entries_) size += indexed.key.Size();
-  return size;
+  return sizeof(SectionHeader) + entries_.KeyBytes().size();
 }
 
 bool KeyTabSectionWriter::WriteTo(BufferedWriter& file) {
-  if (!file.MoveTo(offset_) || !WriteHeader(file)) return false;
-  return std::all_of(entries_.begin(), entries_.end(), [&file](const Block::IndexedEntry& indexed) {
-    return file.Append(indexed.key.Data(), indexed.key.Size());
-  });
+  const std::string_view keys = entries_.KeyBytes();
+  return file.MoveTo(offset_) && WriteHeader(file) && file.Append(keys.data(), keys.size());
 }
 
 uint64_t EntrySectionWriter::Size() {
-  return sizeof(SectionHeader) + entries_.size() * sizeof(BlockDataEntry);
+  return sizeof(SectionHeader) + uint64_t{entries_.Count()} * sizeof(BlockDataEntry);
 }
 
 bool EntrySectionWriter::WriteTo(BufferedWriter& file) {
   if (!file.MoveTo(offset_) || !WriteHeader(file)) return false;
-  uint32_t keyOffset = sizeof(SectionHeader);
-  for (const Block::IndexedEntry& indexed : entries_) {
+  for (uint32_t i = 0; i < entries_.Count(); ++i) {
+    const BlockIndex::Record& record = entries_.RecordAt(i);
     BlockDataEntry entry = {};
-    entry.valueOffset = indexed.entry.valueOffset;
-    entry.valueSize = indexed.entry.valueSize;
-    entry.deleted = indexed.entry.deleted ? 1 : 0;
-    entry.timestamp = indexed.entry.timestamp;
-    entry.ttl = indexed.entry.ttl;
-    entry.keyOffset = keyOffset;
-    entry.keySize = indexed.key.Size();
+    entry.valueOffset = record.valueOffset;
+    entry.valueSize = record.valueSize;
+    entry.deleted = record.deleted ? 1 : 0;
+    entry.timestamp = record.timestamp;
+    entry.ttl = record.ttl;
+    entry.crc = record.hasChecksum ? record.checksum : 0;
+    entry.keyOffset = static_cast<uint32_t>(sizeof(SectionHeader)) + record.keyOffset;
+    entry.keySize = record.keySize;
+    entry.mark = record.hasChecksum ? kChecksummedMark : uint16_t{0};
     entry.checksum = StoreChecksum(&entry, BlockDataEntryOffset::kChecksum);
     if (!file.Append(&entry, sizeof(entry))) return false;
-    keyOffset += entry.keySize;
   }
   return file.Flush();
 }

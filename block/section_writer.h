@@ -1,33 +1,28 @@
 // block/section_writer.h: what writes the three sections of a new block file.
 //
 // A section writer knows the size of its section before it writes anything, writes the section's header and
-// then its content. The data writer of a block fills the list of entries from which the key table and the
-// entry table are made; it does so in key order, which is the order of all three sections.
+// then its content. The data writer of a block fills the index from which the key table and the entry table are
+// made; it does so in key order, which is the order of all three sections.
 //
-// Ownership: writers borrow the log, the sources and the list, and live for one block.
+// Ownership: writers borrow the cursor and the index, and live for one block.
 // Threads:   one thread at a time.
 // Failure:   WriteTo returns false; what was written stays. May throw std::bad_alloc.
 // Units:     sizes are bytes and count the section's header.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
-#include <string>
+#include <functional>
+#include <memory>
+#include <utility>
 #include <vector>
 
-#include "block/block.h"
-#include "block/block_merge.h"
+#include "block/block_index.h"
 #include "block/buffered_writer.h"
+#include "block/entry_cursor.h"
 #include "format/block_format.h"
-#include "storage/wal.h"
 
 namespace Kestrun {
-
-// What a block will hold, at most: entries that expire while it is written are left out.
-struct BlockTotals {
-  uint64_t entries = 0;
-  uint64_t keyBytes = 0;
-  uint64_t valueBytes = 0;
-};
 
 class SyntheticSectionWriter {
  public:
@@ -48,68 +43,65 @@ class SyntheticSectionWriter {
   const char* name_;
 };
 
-// A data section: adds to what every section has what must be known before the file is made.
-class DataSectionWriter : public SyntheticSectionWriter {
+// The values of a cursor's entries: those of a log, of blocks that are merged, or of anything else.
+class DataSectionWriter final : public SyntheticSectionWriter {
  public:
-  // Looks through the sources. kStatusBlockWriteFailed when one can't be read.
-  virtual uint32_t Measure() = 0;
+  // The last three are those of BlockWriteOptions.
+  DataSectionWriter(EntryCursor& cursor, std::function<void()> onExpired, bool isStrict,
+                    const std::atomic<bool>* stop)
+      : SyntheticSectionWriter(SectionType::Data, kDataSectionName),
+        cursor_(cursor),
+        onExpired_(std::move(onExpired)),
+        isStrict_(isStrict),
+        stop_(stop) {}
 
-  const BlockTotals& Totals() const { return totals_; }
-  uint64_t Size() override { return sizeof(SectionHeader) + totals_.valueBytes; }
-  std::vector<Block::IndexedEntry>& Entries() { return entries_; }
-
- protected:
-  DataSectionWriter() : SyntheticSectionWriter(SectionType::Data, kDataSectionName) {}
-  ~DataSectionWriter() = default;
-
-  void Count(uint16_t keySize, uint32_t valueSize);
-
-  BlockTotals totals_;
-  std::vector<Block::IndexedEntry> entries_;
-};
-
-// The values of the log's entries, deletion markers and expired ones included.
-class DataSectionWriterWithWal final : public DataSectionWriter {
- public:
-  explicit DataSectionWriterWithWal(Wal& wal) : wal_(wal) {}
-  uint32_t Measure() override;
+  // Walks the cursor before the file is made. kStatusBlockWriteFailed when a source can't be read or the block
+  // would reach 4 GiB.
+  uint32_t Measure();
+  uint64_t Size() override { return sizeof(SectionHeader) + valueBytes_; }
+  // Fewer values may follow than Size has declared: those of entries that expire meanwhile, or whose file does
+  // not hold them, are left out. The tables find their place by the declared size.
   bool WriteTo(BufferedWriter& file) override;
 
- private:
-  Wal& wal_;
-};
+  // Whether WriteTo has failed because a source does not hold one of its values.
+  bool FoundDamage() const { return foundDamage_; }
 
-// The values of the newest entries of several blocks that are alive when it is constructed.
-class DataSectionWriterWithBlocks final : public DataSectionWriter {
- public:
-  explicit DataSectionWriterWithBlocks(const std::vector<BlockSource>& sources);
-  uint32_t Measure() override;
-  bool WriteTo(BufferedWriter& file) override;
+  // What was measured; after WriteTo what was written, with the values' places in the new file.
+  const BlockIndex& Entries() const { return *entries_; }
+  // The same, finished and given away.
+  std::shared_ptr<const BlockIndex> TakeEntries();
 
  private:
-  bool IsKept(const DataEntry& entry) const;
+  bool IsLeftOut(const BlockIndex::Record& record, uint32_t source);
+  bool IsStopped() const { return stop_ != nullptr && stop_->load(std::memory_order_relaxed); }
 
-  BlockMerge merge_;
-  uint64_t now_;
+  EntryCursor& cursor_;
+  std::function<void()> onExpired_;
+  bool isStrict_;
+  const std::atomic<bool>* stop_;
+  bool foundDamage_ = false;
+  std::shared_ptr<BlockIndex> entries_ = std::make_shared<BlockIndex>();
+  HeapArray<uint32_t> sources_;  // for each entry the number of the source that holds its value
+  uint64_t valueBytes_ = 0;
 };
 
-// The keys of the entries. Begins at the page boundary behind the declared end of the data section.
+// The keys of the entries. Begins at the page boundary after the declared end of the data section.
 class KeyTabSectionWriter final : public SyntheticSectionWriter {
  public:
-  KeyTabSectionWriter(const std::vector<Block::IndexedEntry>& entries, uint64_t offset)
+  KeyTabSectionWriter(const BlockIndex& entries, uint64_t offset)
       : SyntheticSectionWriter(SectionType::KeyTable, kKeyTableName), entries_(entries), offset_(offset) {}
   uint64_t Size() override;
   bool WriteTo(BufferedWriter& file) override;
 
  private:
-  const std::vector<Block::IndexedEntry>& entries_;
+  const BlockIndex& entries_;
   uint64_t offset_;
 };
 
-// One BlockDataEntry for each entry. Begins at the page boundary behind the key table.
+// One BlockDataEntry for each entry. Begins at the page boundary after the key table.
 class EntrySectionWriter final : public SyntheticSectionWriter {
  public:
-  EntrySectionWriter(const std::vector<Block::IndexedEntry>& entries, uint64_t offset)
+  EntrySectionWriter(const BlockIndex& entries, uint64_t offset)
       : SyntheticSectionWriter(SectionType::EntryTable, kEntryTableName),
         entries_(entries),
         offset_(offset) {}
@@ -117,7 +109,7 @@ class EntrySectionWriter final : public SyntheticSectionWriter {
   bool WriteTo(BufferedWriter& file) override;
 
  private:
-  const std::vector<Block::IndexedEntry>& entries_;
+  const BlockIndex& entries_;
   uint64_t offset_;
 };
 

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "format/crc32c.h"
 #include "format/file_names.h"
 
 namespace Kestrun {
@@ -75,14 +76,17 @@ inline constexpr size_t kValueSize = 4;
 inline constexpr size_t kDeleted = 8;
 inline constexpr size_t kTimestamp = 16;
 inline constexpr size_t kTtl = 24;
+inline constexpr size_t kCrc = 28;
 inline constexpr size_t kKeyOffset = 32;
 inline constexpr size_t kKeySize = 36;
+inline constexpr size_t kMark = 38;
 inline constexpr size_t kChecksum = 40;
 inline constexpr size_t kPadding3 = 44;
 inline constexpr size_t kEnd = 48;
 }  // namespace BlockDataEntryOffset
 
-// Padding is written as zero; a reader accepts any value, and the checksum covers it as it stands.
+// Padding is written as zero; a reader accepts any value, and the checksum covers it as it stands. Without
+// kChecksummedMark as mark, mark and crc are padding, too.
 struct BlockDataEntry {
   uint32_t valueOffset;  // file offset of the value
   uint32_t valueSize;
@@ -90,10 +94,10 @@ struct BlockDataEntry {
   uint8_t padding0[7];
   uint64_t timestamp;  // seconds since the Unix epoch at which the entry was first written
   uint32_t ttl;        // seconds
-  uint32_t padding1;
+  uint32_t crc;        // with the mark: CRC-32C of the key's and the value's bytes
   uint32_t keyOffset;  // from the start of the key table section: 28 for the first key
   uint16_t keySize;
-  uint16_t padding2;
+  uint16_t mark;      // kChecksummedMark, or padding
   uint32_t checksum;  // StoreChecksum of [kValueOffset, kChecksum)
   uint32_t padding3;
 };
@@ -101,6 +105,8 @@ static_assert(offsetof(BlockDataEntry, valueSize) == BlockDataEntryOffset::kValu
 static_assert(offsetof(BlockDataEntry, deleted) == BlockDataEntryOffset::kDeleted);
 static_assert(offsetof(BlockDataEntry, timestamp) == BlockDataEntryOffset::kTimestamp);
 static_assert(offsetof(BlockDataEntry, ttl) == BlockDataEntryOffset::kTtl);
+static_assert(offsetof(BlockDataEntry, crc) == BlockDataEntryOffset::kCrc);
+static_assert(offsetof(BlockDataEntry, mark) == BlockDataEntryOffset::kMark);
 static_assert(offsetof(BlockDataEntry, keyOffset) == BlockDataEntryOffset::kKeyOffset);
 static_assert(offsetof(BlockDataEntry, keySize) == BlockDataEntryOffset::kKeySize);
 static_assert(offsetof(BlockDataEntry, checksum) == BlockDataEntryOffset::kChecksum);

@@ -13,7 +13,7 @@ ByteWindow::Result ByteWindow::View(uint64_t offset, size_t length, const uint8_
   if (!shown) {
     const size_t wanted = std::max(capacity_, length);
     if (buffer_.size() < wanted) buffer_.resize(wanted);
-    const int64_t read = source_.ReadAt(offset, buffer_.data(), wanted);
+    const ssize_t read = source_.ReadAt(offset, buffer_.data(), wanted);
     start_ = offset;
     held_ = read < 0 ? 0 : static_cast<size_t>(read);
     if (read < 0) return Result::Failed;

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "format/crc32c.h"
 #include "format/file_names.h"
 
 namespace Kestrun {
@@ -53,9 +54,6 @@ inline constexpr size_t kMark = 34;
 inline constexpr size_t kChecksum = 36;
 inline constexpr size_t kEnd = 40;
 }  // namespace WalRecordOffset
-
-// In the place of padding: the record carries a checksum of its content, in `crc` and `epoch`.
-inline constexpr uint16_t kChecksummedMark = 0x4B43;
 
 // The header of one record. Padding is written as zero; a reader gives it no meaning, but the checksum covers it as it
 // stands. What a record of LSDBImpl has in the place of mark, crc and epoch is padding, too.

@@ -45,7 +45,6 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
   Block* written = nullptr;
   MergeOptions options;
   options.keepsHidden = !toOldest;
-  options.isStrict = true;
   options.stop = stop;
   if (const uint32_t status = Block::Merge(file.Path(), sources, options, &written); status != kStatusOk)
     return status;

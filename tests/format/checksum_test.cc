@@ -29,5 +29,18 @@ TEST(ChecksumTest, WrapsAround) {
   EXPECT_EQ(SumOf(std::string(4433031, '\xFF') + '\x53'), 0u);
 }
 
+// Whatever is added at a time, at every length and alignment.
+TEST(ChecksumTest, IsTheSameAsTheSumByteByByte) {
+  std::string bytes;
+  for (unsigned i = 0; i < 4000; ++i) bytes += static_cast<char>(i % 3 == 0 ? 0xFF : i * 37);
+  for (size_t start = 0; start < 9; ++start) {
+    uint32_t sum = 0xBC9F1D34;
+    for (size_t size = 0; start + size < bytes.size(); ++size) {
+      ASSERT_EQ(StoreChecksum(bytes.data() + start, size), sum) << start << ' ' << size;
+      sum += static_cast<uint8_t>(bytes[start + size]);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace Kestrun

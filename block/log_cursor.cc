@@ -1,0 +1,65 @@
+#include "block/log_cursor.h"
+
+#include <cstring>
+
+#include "format/checksum.h"
+#include "format/scan_range.h"
+#include "format/wal_format.h"
+#include "kestrun/key.h"
+#include "kestrun/status.h"
+
+namespace Kestrun {
+namespace {
+
+// The checksum of key and value that a record carries.
+std::optional<uint32_t> MarkedChecksum(const uint8_t* bytes) {
+  if (bytes == nullptr) return std::nullopt;
+  WalRecord record;
+  std::memcpy(&record, bytes, sizeof(record));
+  const bool sound = StoreChecksum(&record, WalRecordOffset::kChecksum) == record.checksum;
+  return sound && record.mark == kChecksummedMark ? std::optional<uint32_t>(record.crc) : std::nullopt;
+}
+
+}  // namespace
+
+// Catching up may begin a new index.
+uint32_t LogCursor::Start() {
+  IgnoreStatus(wal_.CatchUp());  // with a damaged header the log is what was read before
+  position_ = LogIndex::Iterator(wal_.Index());
+  const Kestrun::Key& first = Kestrun::Key::MinKey();
+  position_.Seek({reinterpret_cast<const char*>(first.Data()), first.Size()});
+  started_ = false;
+  return kStatusOk;
+}
+
+uint32_t LogCursor::Next(bool* end) {
+  if (started_) position_.Next();
+  started_ = true;
+  *end = !position_.Valid() || !InScanRange(position_.Key());
+  if (*end) return kStatusOk;
+  const LogIndex::Version version = position_.Get();
+  key_ = position_.Key();
+  entry_ = version.entry;
+  if (View(entry_.valueOffset, entry_.valueSize) == nullptr) return kStatusBlockWriteFailed;
+  checksum_ = MarkedChecksum(View(version.offset, sizeof(WalRecord)));
+  return kStatusOk;
+}
+
+// Next has looked.
+bool LogCursor::HoldsValue(uint32_t /*source*/, uint64_t /*offset*/, uint64_t /*size*/) {
+  return true;
+}
+
+bool LogCursor::CopyValues(uint32_t /*source*/, uint64_t offset, uint64_t size, BufferedWriter& out) {
+  const uint8_t* bytes = View(offset, size);
+  return bytes != nullptr && out.Append(bytes, static_cast<size_t>(size));
+}
+
+const uint8_t* LogCursor::View(uint64_t offset, uint64_t size) {
+  DataEntry place = {};
+  place.valueOffset = static_cast<uint32_t>(offset);
+  place.valueSize = static_cast<uint32_t>(size);
+  return wal_.ViewValue(place);
+}
+
+}  // namespace Kestrun
