@@ -19,8 +19,8 @@ bool IsDirectory(const std::string& path) {
   return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// Only the last component is made. EEXIST is a success if another process has just made the directory. It also
-// stands for a link that leads nowhere and for a file whose path ends in a slash.
+// Only the last component is made. EEXIST is a success if another process has just made the directory. It
+// also stands for a link that leads nowhere and for a file whose path ends in a slash.
 bool EnsureDirectory(const std::string& path) {
   if (access(path.c_str(), F_OK) == 0) return true;
   if (mkdir(path.c_str(), 0700) != 0) return errno == EEXIST && IsDirectory(path);

@@ -137,15 +137,19 @@ JournalState ReadManifestJournal(ByteSource& source, ManifestJournal* journal) {
   return JournalState::Complete;
 }
 
-bool IsRewritePending(const ManifestJournal& journal, uint32_t generation, const uint8_t* entries,
-                      size_t size) {
-  const bool published = generation == journal.generation;
-  if (!published && generation + 1 != journal.generation) return false;
+RewriteState ExamineRewrite(const ManifestJournal& journal, uint32_t generation, const uint8_t* entries,
+                            size_t size) {
+  const bool isPublished = generation == journal.generation;
+  if (!isPublished && generation + 1 != journal.generation) return RewriteState::OtherList;
   const bool beginsAsOld =
       size >= journal.oldLength && ManifestJournalHash(entries, journal.oldLength) == journal.oldHash;
-  if (!published) return !(beginsAsOld && size == journal.oldLength);
-  const bool isNew = std::equal(entries, entries + size, journal.entries.begin(), journal.entries.end());
-  return !isNew && !(beginsAsOld && size > journal.oldLength);
+  if (!isPublished) {
+    return beginsAsOld && size == journal.oldLength ? RewriteState::NotBegun : RewriteState::Pending;
+  }
+  if (std::equal(entries, entries + size, journal.entries.begin(), journal.entries.end())) {
+    return RewriteState::Complete;
+  }
+  return beginsAsOld && size > journal.oldLength ? RewriteState::Superseded : RewriteState::Pending;
 }
 
 }  // namespace Kestrun

@@ -58,12 +58,12 @@ struct ManifestEntryView {
 
 class ManifestReader {
  public:
-  // Walks the entries from `start` up to the end of the source, `end`. Entries out of a journal start at 0 of a source
-  // that holds nothing else.
+  // Walks the entries from `start` up to the end of the source, `end`. Entries out of a journal start at 0 of
+  // a source that holds nothing else.
   ManifestReader(ByteSource& source, uint64_t end, uint64_t start = sizeof(ManifestHeader));
 
-  // Goes to the next entry; false at the end of the walk. An entry of a BadName is handed out by Entry, but ends the
-  // walk unless `acceptAnyName`.
+  // Goes to the next entry; false at the end of the walk. An entry of a BadName is handed out by Entry, but
+  // ends the walk unless `acceptAnyName`.
   bool Next(bool acceptAnyName = false);
   const ManifestEntryView& Entry() const { return entry_; }
   // The filter of the entry; false when it is longer than `most` bytes or can't be read.
@@ -107,15 +107,19 @@ enum class JournalState {
 };
 JournalState ReadManifestJournal(ByteSource& source, ManifestJournal* journal);
 
-// Whether a complete journal tells of a replacement that the manifest, of this generation and with these bytes after
-// its header, does not show completely:
-//
-//   the journal's generation is neither the manifest's nor the next one    no: it belongs to another list
-//   not published, and the entries are the old ones                        no: nothing was begun
-//   published, and the entries are the new ones                            no: it is complete
-//   published, and an entry follows the old ones                           no: somebody has resolved it since
-//   anything else                                                          yes: the journal's entries are the list
-bool IsRewritePending(const ManifestJournal& journal, uint32_t generation, const uint8_t* entries,
-                      size_t size);
+// What a complete journal says of a manifest. Whoever recovers finishes a rewrite that is Pending, and
+// removes the journal in every case.
+enum class RewriteState {
+  OtherList,   // the journal's generation is neither the manifest's nor the next one
+  NotBegun,    // the generation is not published, and the manifest's entries are the old ones
+  Complete,    // the generation is published, and the entries are the new ones
+  Superseded,  // the generation is published, and more follows the old entries: they were recorded since
+  Pending,     // anything else: the list is what the journal holds
+};
+
+// Decides by the manifest's generation and the `size` bytes of its entries. Of an OtherList it needs no
+// entries.
+RewriteState ExamineRewrite(const ManifestJournal& journal, uint32_t generation, const uint8_t* entries,
+                            size_t size);
 
 }  // namespace Kestrun

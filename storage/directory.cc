@@ -20,7 +20,8 @@ bool IsDotEntry(const char* name) {
   return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// Streams that are left open on purpose stay reachable, so that tools which look for leaks don't report them.
+// Compat: clear-keeps-stream. The streams stay reachable, so that tools which look for leaks don't report
+//         them.
 void KeepOpen(DIR* stream) {
   static std::mutex mutex;
   static auto* const kept = new std::vector<DIR*>;
@@ -74,7 +75,7 @@ bool SyncDirectory(const std::string& path) {
   do {
     descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   } while (descriptor < 0 && errno == EINTR);
-  // Whoever may not read a directory can still have files in it.
+  // A process that may not read a directory can still have files in it.
   if (descriptor < 0) return errno == EACCES;
   const bool synced = fsync(descriptor) == 0 || errno == EINVAL || errno == EOPNOTSUPP || errno == EROFS;
   close(descriptor);

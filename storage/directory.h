@@ -12,11 +12,11 @@ namespace Kestrun {
 [[nodiscard]] uint32_t RemoveDirectoryTree(const std::string& path);
 
 // Removes every file of the directory whose name contains `text`. kStatusOpenFailed when the directory can't
-// be read; a file that can't be removed is left. The directory stream stays open until the process ends:
-// callers rely on it.
+// be read; a file that can't be removed is left. The directory stream stays open until the process ends
+// (Compat: clear-keeps-stream).
 [[nodiscard]] uint32_t RemoveFilesContaining(const std::string& directory, const std::string& text);
 
-// Forces the names in a directory to the disk. False when the system reports a failure; a file system that
+// Syncs the names in a directory. False when the system reports a failure; a file system that
 // can't do it for directories, or one that may not be read, counts as success.
 [[nodiscard]] bool SyncDirectory(const std::string& path);
 

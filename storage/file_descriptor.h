@@ -2,8 +2,8 @@
 //
 // Ownership: one owner; moves. It is closed when the owner goes, as InodeInfo::CloseWhenUnlocked does it.
 // Threads:   one at a time.
-// Failure:   the constructor may throw std::bad_alloc, nothing else does: what closing needs is allocated before
-//            there is anything to close.
+// Failure:   the constructor may throw std::bad_alloc, nothing else does: what closing needs is allocated
+//            before there is anything to close.
 #pragma once
 
 #include <sys/stat.h>
@@ -25,8 +25,8 @@ class FileDescriptor {
   FileDescriptor(FileDescriptor&& other) noexcept;
   FileDescriptor& operator=(FileDescriptor&&) = delete;
 
-  // Opens `path` with a mode of 0600 above the standard streams, onto which the host and the library may print, and
-  // closed on exec. False with errno when that fails. An instance opens one file in its life.
+  // Opens `path` with a mode of 0600 above the standard streams, onto which the host and the library may
+  // print, and closed on exec. False with errno when that fails. An instance opens one file in its life.
   [[nodiscard]] bool Open(const std::string& path, int openFlags) noexcept;
   // Whether the system gave it the number of standard input, before it was moved.
   bool WasStandardInput() const { return wasStandardInput_; }

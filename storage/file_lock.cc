@@ -32,10 +32,10 @@ bool TrySetLock(int descriptor, short type, int64_t start, int64_t length) {
   return fcntl(descriptor, F_SETLK, &lock) >= 0;
 }
 
-// The gate byte and the lock range are locked by one call if nobody is in the way. A call that fails changes nothing,
-// and then the steps follow one after the other, with their tries and with what they leave locked. The gate byte comes
-// first there: a writer that holds it keeps new readers out while it waits for the range. A reader lets go of the gate
-// byte once it has the range.
+// The gate byte and the lock range are locked by one call if nobody is in the way. A call that fails changes
+// nothing, and then the steps follow one after the other, with their tries and with what they leave locked.
+// The gate byte comes first there: a writer that holds it keeps new readers out while it waits for the range.
+// A reader lets go of the gate byte once it has the range.
 bool LockByteRanges(int descriptor, LockLevel level) {
   if (level == LockLevel::Shared) {
     const bool locked = TrySetLock(descriptor, F_RDLCK, kBothStart, kBothLength) ||
@@ -149,9 +149,9 @@ void InodeInfo::CloseWhenUnlocked(int descriptor, std::unique_ptr<DeferredClose>
   if (TryEnter()) Leave();
 }
 
-// A descriptor is never forgotten. Both sides modify `deferred_`, so that one modification comes first: if it is the
-// closer's, the thread that leaves sees the descriptor; if it is the leaver's, the closer's TryEnter comes after the
-// mutex was unlocked.
+// A descriptor is never forgotten. Both sides modify `deferred_`, so that one modification comes first: if it
+// is the closer's, the thread that leaves sees the descriptor; if it is the leaver's, the closer's TryEnter
+// comes after the mutex was unlocked.
 bool InodeInfo::HasDeferred() {
   DeferredClose* none = nullptr;
   return !deferred_.compare_exchange_strong(none, nullptr, std::memory_order_acq_rel,
@@ -168,8 +168,8 @@ void InodeInfo::CloseDeferred() noexcept {
   }
 }
 
-// Unlocking is refused, because the thread has another number in the child, but ThreadSanitizer counts it. A new mutex
-// is free; trying is what ThreadSanitizer takes for harmless while the registries are locked.
+// Unlocking is refused, because the thread has another number in the child, but ThreadSanitizer counts it. A
+// new mutex is free; trying is what ThreadSanitizer takes for harmless while the registries are locked.
 void InodeInfo::AfterFork() {
   level = LockLevel::None;
   if (owner_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {

@@ -54,8 +54,8 @@ class InodeRegistry {
     change();
   }
 
-  // Calls `use` with the record of `id`, or with null when there is none, while the registry is locked: no record
-  // comes up meanwhile.
+  // Calls `use` with the record of `id`, or with null when there is none, while the registry is locked: no
+  // record comes up meanwhile.
   template <typename Use>
   static void WithExisting(const InodeId& id, Use use) {
     InodeRegistry& registry = Instance();

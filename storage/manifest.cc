@@ -29,8 +29,8 @@ ManifestHeader EmptyManifestHeader() {
 
 }  // namespace
 
-// The file is new if the list is another file's that had the same number. Nobody has had the file open if there is no
-// handle, so that somebody else may have put it there.
+// The file is new if the list is another file's that had the same number. Nobody has had the file open if
+// there is no handle, so that somebody else may have put it there.
 void ManifestSharedState::AddHandle(bool isNewFile) {
   ManifestListPointer empty = std::make_shared<ManifestList>();
   const std::lock_guard<std::mutex> lock(listMutex_);
@@ -73,14 +73,14 @@ void ManifestSharedState::AfterFork() {
   ++externalChanges;
 }
 
-// A missing manifest is born complete. What exists is opened, filled in when it is empty, mapped, verified
-// and read; a replacement that another process did not live to finish is finished on the way.
+// Creates a missing manifest at once with its header. An existing one is opened, initialized in place if it
+// is empty, mapped, verified and read; a rewrite whose process was killed is finished before the reading.
 uint32_t Manifest::Open(const std::string& path, Manifest** out, const Diagnostics& diagnostics) {
-  bool madeAnew = false;
+  bool isNewFile = false;
   if (access(path.c_str(), F_OK) != 0) {
     const ManifestHeader header = EmptyManifestHeader();
-    madeAnew = CreateFileAtomically(path, &header, sizeof(header), sizeof(header));
-    if (madeAnew && !SyncDirectory(DirectoryOf(path))) return kStatusCreateFailed;
+    isNewFile = CreateFileAtomically(path, &header, sizeof(header), sizeof(header));
+    if (isNewFile && !SyncDirectory(DirectoryOf(path))) return kStatusCreateFailed;
   }
 
   std::shared_ptr<OsFile> file;
@@ -91,7 +91,7 @@ uint32_t Manifest::Open(const std::string& path, Manifest** out, const Diagnosti
     return kStatusStatFailed;
   }
   if (size == 0) {
-    madeAnew = true;
+    isNewFile = true;
     if (const uint32_t status = CreateInPlace(*file, &size, diagnostics); status != kStatusOk) return status;
   }
   if (size < sizeof(ManifestHeader)) {
@@ -105,14 +105,14 @@ uint32_t Manifest::Open(const std::string& path, Manifest** out, const Diagnosti
     return kStatusMapFailed;
   }
   file->TrackMapping(header, sizeof(ManifestHeader));
-  if (madeAnew && file->IsSpecial()) {
+  if (isNewFile && file->IsSpecial()) {
     const ManifestHeader empty = EmptyManifestHeader();
     std::memcpy(header, &empty, sizeof(empty));  // what was written to a device need not show in its mapping
   }
   std::unique_ptr<Manifest> manifest(new Manifest(file, static_cast<uint8_t*>(header), diagnostics));
   if (const uint32_t status = manifest->VerifyAtOpen(); status != kStatusOk) return status;
 
-  manifest->Attach(madeAnew);
+  manifest->Attach(isNewFile);
   if (const uint32_t status = manifest->LoadAtOpen(); status != kStatusOk) {
     diagnostics.Print("Failed to load block entries");
     return status;
@@ -161,11 +161,11 @@ uint32_t Manifest::VerifyAtOpen() const {
   return kStatusOk;
 }
 
-// Finds the list that the process has for the file, and finishes what a process left behind that was killed while it
-// replaced entries. If anybody holds the lock the replacement may still be under way; reading the list copes with it.
-void Manifest::Attach(bool madeAnew) {
+// Finds the list that the process has for the file, and finishes a rewrite whose process was killed. If
+// anybody holds the lock the rewrite may still be under way; reading the list copes with that.
+void Manifest::Attach(bool isNewFile) {
   state_ = InodeRegistry<ManifestSharedState>::FindOrCreate(
-      file_->Id(), [&](ManifestSharedState& state) { state.AddHandle(madeAnew); });
+      file_->Id(), [&](ManifestSharedState& state) { state.AddHandle(isNewFile); });
 
   if (!MayHaveJournal(JournalPath(file_->Path()))) return;
   const TryFileLockGuard lock(file_, LockLevel::Exclusive);
@@ -206,8 +206,8 @@ uint32_t Manifest::LoadUnlocked(ManifestListPointer* list) {
   return Load(list);
 }
 
-// The list that was read without a lock counts only if no other thread has replaced the list meanwhile: that thread may
-// have changed the file.
+// The list that was read without a lock counts only if no other thread has replaced the list meanwhile: that
+// thread may have changed the file.
 bool Manifest::TryLoadUnlocked(ManifestListPointer* list) {
   *list = state_->List();
   ManifestHeader header;
@@ -261,14 +261,14 @@ Manifest::Reading Manifest::ReadList(const ManifestHeader& header) const {
   bool badEntry = false;
   bool complete = false;
 
-  ManifestJournal replacement;
+  ManifestJournal journal;
   uint64_t size = 0;
-  const Unfinished unfinished = FindPendingRewrite(header, &replacement);
-  if (unfinished == Unfinished::Yes) {
-    MemorySource source(replacement.entries.data(), replacement.entries.size());
-    ManifestReader reader(source, replacement.entries.size(), 0);
+  const PendingRewrite pending = FindPendingRewrite(header, &journal);
+  if (pending == PendingRewrite::Yes) {
+    MemorySource source(journal.entries.data(), journal.entries.size());
+    ManifestReader reader(source, journal.entries.size(), 0);
     complete = ParseEntries(&reader, &entries, &badEntry);
-  } else if (unfinished == Unfinished::No && file_->Size(&size) == 0) {
+  } else if (pending == PendingRewrite::No && file_->Size(&size) == 0) {
     OsFileSource source(*file_);
     ManifestReader reader(source, size);
     complete = ParseEntries(&reader, &entries, &badEntry);

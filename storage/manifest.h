@@ -1,16 +1,18 @@
 // storage/manifest.h: the list of the blocks that make up a store, oldest first, in manifest_v5.
 //
 // Ownership: a Manifest owns its mapping of the header and shares its file. The list belongs to the file, one
-//            for each process, and lives until the process ends; entries are shared with whoever uses them.
-// Threads:   Open, the destructor and ExternalChanges may run at any time and never wait for a lock. Every other
-//            operation is called with the file's lock held (OsFile::Lock on File()): Exclusive for Append, Replace
-//            and Truncate, Shared at least for the rest, except where LoadUnlocked says otherwise.
+//            for each process, and lives until the process ends; entries are shared with their users.
+// Threads:   Open, the destructor and ExternalChanges may run at any time and never wait for a lock. Every
+//            other operation is called with the file's lock held (OsFile::Lock on File()): Exclusive for
+//            Append, Replace and Truncate, Shared at least for the rest, except where LoadUnlocked says
+//            otherwise.
 // Failure:   statuses, and the diagnostics named with each operation. Any operation may throw std::bad_alloc;
 //            it has changed nothing on disk then.
 // Bytes:     storage/manifest_format.h.
 //
-// The header's generation, which every recorded block moves, tells each process whether its list is current.
-// Truncate leaves it alone: other processes keep their lists until the next Append.
+// The header's generation, which changes with every recorded block, tells each process whether its list is
+// current. Truncate leaves it alone: other processes keep their lists until the next Append (Compat:
+// truncate-keeps-generation).
 #pragma once
 
 #include <atomic>
@@ -40,18 +42,19 @@ struct ManifestList {
 };
 using ManifestListPointer = std::shared_ptr<const ManifestList>;
 
-// What one process knows of one manifest. Its mutexes are held for a few instructions only, never while a caller's
-// code runs, so that openings need not wait for the manifest's lock.
+// What one process knows of one manifest. Its mutexes are held for a few instructions only, never while a
+// caller's code runs, so that openings need not wait for the manifest's lock.
 class ManifestSharedState {
  public:
-  // A handle comes and goes. The list starts over with the first one, or if the file is new. AddHandle is called while
-  // the registry is locked.
+  // A handle comes and goes. The list starts over with the first one, or if the file is new. AddHandle is
+  // called while the registry is locked.
   void AddHandle(bool isNewFile);
   void RemoveHandle();
 
   ManifestListPointer List();
   void SetList(ManifestListPointer list);
-  // Sets the list unless another thread has replaced `*expected` meanwhile. `*expected` is the current list then.
+  // Sets the list unless another thread has replaced `*expected` meanwhile. `*expected` is the current list
+  // then.
   bool SetListIfUnchanged(ManifestListPointer* expected, ManifestListPointer list);
 
   std::mutex changesMutex;
@@ -81,11 +84,12 @@ class Manifest {
   // kStatusSeekFailed          the file can't be sought, as a pipe; "Failed to seek file: PATH"
   // kStatusCreateFailed        "Failed to write header of manifest file"
   // kStatusMapFailed           "Failed to map wal: PATH"
-  // kStatusManifestChecksum    also when the file is shorter than a header; "Invalid manifest header checksum"
+  // kStatusManifestChecksum    also when the file is shorter than a header; "Invalid manifest header
+  //                            checksum"
   // kStatusBadMagic            "Invalid wal magic"
   // The statuses of Load       Load's message and "Failed to load block entries"
   //
-  // Compat: manifest-speaks-of-wal. Two of the messages have the log's wording.
+  // Compat: manifest-messages-say-wal. Two of the messages have the log's wording.
   static uint32_t Open(const std::string& path, Manifest** out,
                        const Diagnostics& diagnostics = Diagnostics::Printing());
 
@@ -102,13 +106,13 @@ class Manifest {
   //                            has no usable name, "Failed to read block entry" when a filter is cut off or
   //                            the system can't read
   uint32_t Load();
-  // Load for a caller that holds no lock. Takes the lock if what it finds does not add up, as in the middle of
-  // somebody else's update. `*entries` is the list, the old one after a failure.
+  // Load for a caller that holds no lock. Takes the lock if what it finds does not add up, as in the middle
+  // of somebody else's update. `*entries` is the list, the old one after a failure.
   uint32_t LoadUnlocked(BlockEntries* entries);
   uint32_t LoadUnlocked(ManifestListPointer* list);
 
-  // Records a block: writes its entry behind the last one listed, moves the generation and forces both to the
-  // disk. Whatever a torn write left behind the last entry is cut off first.
+  // Records a block: writes its entry after the last one listed, increments the generation and syncs both.
+  // What a torn write left after the last entry is cut off first.
   //
   // kStatusSeekFailed           the file's end can't be found; "Failed to seek to end of file"
   // kStatusTruncateFailed       a torn entry can't be cut off
@@ -129,8 +133,8 @@ class Manifest {
   // the file can't be cut: the next Append does it.
   uint32_t Truncate();
 
-  // Drops every entry and changes the generation, so that other processes see it at once; both are synced. Statuses
-  // as Append.
+  // Drops every entry and changes the generation, so that other processes see it at once; both are synced.
+  // Statuses as Append.
   uint32_t Clear();
 
   // The whole list, after Load, whose status is ignored.
@@ -158,23 +162,22 @@ class Manifest {
 
   static uint32_t CreateInPlace(OsFile& file, uint64_t* size, const Diagnostics& diagnostics);
   uint32_t VerifyAtOpen() const;
-  void Attach(bool madeAnew);
+  void Attach(bool isNewFile);
   bool ReadHeader(ManifestHeader* header) const;
   uint32_t Load(ManifestListPointer* list);
   bool TryLoadUnlocked(ManifestListPointer* list);
   uint32_t LoadAtOpen();
   uint32_t StatusOf(const Reading& reading) const;
   Reading ReadList(const ManifestHeader& header) const;
-  enum class Unfinished { No, Yes, Unknown };
-  Unfinished FindPendingRewrite(const ManifestHeader& header, ManifestJournal* replacement) const;
+  enum class PendingRewrite { No, Yes, Unknown };  // Unknown: something can't be read
+  PendingRewrite FindPendingRewrite(const ManifestHeader& header, ManifestJournal* journal) const;
   uint32_t PrepareChange(ManifestHeader* header, ManifestListPointer* list);
   uint32_t RecoverRewrite();
-  uint32_t WriteReplacing(const ManifestJournal& replacement, const std::vector<uint8_t>& old,
-                          bool* restored);
+  uint32_t OverwriteEntries(const ManifestJournal& journal, const std::vector<uint8_t>& old, bool* restored);
   bool ReadEntryBytes(uint64_t end, std::vector<uint8_t>* bytes) const;
   void PublishGeneration(ManifestHeader header, uint32_t generation);
 
-  std::shared_ptr<OsFile> file_;  // has adopted the mapping
+  std::shared_ptr<OsFile> file_;  // tracks the mapping
   uint8_t* header_;               // the mapped header
   ManifestSharedState* state_;
   const Diagnostics& diagnostics_;

@@ -28,10 +28,10 @@ std::string JournalPath(const std::string& manifestPath) {
   return manifestPath + kManifestJournalSuffix;
 }
 
-uint32_t WriteJournal(const std::string& path, const ManifestJournal& replacement) {
+uint32_t WriteJournal(const std::string& path, const ManifestJournal& journal) {
   std::shared_ptr<OsFile> file;
   if (OsFile::Open(path, kOpenReadWrite, &file) != kStatusOk) return kStatusManifestWriteFailed;
-  uint32_t status = WriteWhole(*file, ManifestJournalImage(replacement));
+  uint32_t status = WriteWhole(*file, ManifestJournalImage(journal));
   if (status == kStatusOk && !SyncDirectory(DirectoryOf(path))) status = kStatusSyncFailed;
   if (status != kStatusOk) IgnoreStatus(RemoveJournal(path));  // the next change of the manifest tries again
   return status;
@@ -41,7 +41,7 @@ bool MayHaveJournal(const std::string& path) {
   return access(path.c_str(), F_OK) == 0 || errno != ENOENT;
 }
 
-bool ReadJournal(const std::string& path, ManifestJournal* replacement, bool* unreadable) {
+bool ReadJournal(const std::string& path, ManifestJournal* journal, bool* unreadable) {
   bool ignored = false;
   if (unreadable == nullptr) unreadable = &ignored;
   *unreadable = MayHaveJournal(path);
@@ -49,14 +49,14 @@ bool ReadJournal(const std::string& path, ManifestJournal* replacement, bool* un
   std::shared_ptr<OsFile> file;
   if (OsFile::Open(path, kOpenReadOnly, &file) != kStatusOk) return false;
   OsFileSource source(*file);
-  const JournalState state = ReadManifestJournal(source, replacement);
+  const JournalState state = ReadManifestJournal(source, journal);
   *unreadable = state == JournalState::Unreadable;
   return state == JournalState::Complete;
 }
 
 bool RemoveJournal(const std::string& path) {
   if (unlink(path.c_str()) == 0) {
-    // A side file that came back with a loss of power would be compared with the manifest once more, which is
+    // A journal that comes back after a loss of power is compared with the manifest once more, which is
     // harmless unless the manifest has been truncated meanwhile.
     IgnoreStatus(SyncDirectory(DirectoryOf(path)));
     return true;

@@ -59,8 +59,8 @@ std::vector<uint8_t> ManifestEntryBytes(const std::string& name, const std::vect
   return bytes;
 }
 
-// Everything that can fail for want of memory comes first; then the entry's bytes; then the generation, so
-// that whoever sees the new generation finds the entry complete; then both are forced to the disk.
+// The order matters: what may run out of memory; the entry's bytes; the generation, because a reader that
+// sees the new one must find the entry complete; the sync of both.
 uint32_t Manifest::Append(const std::string& name, const std::vector<uint8_t>& filter) {
   ManifestHeader header;
   ManifestListPointer list;
@@ -81,8 +81,8 @@ uint32_t Manifest::Append(const std::string& name, const std::vector<uint8_t>& f
   return file_->Sync() == 0 ? kStatusOk : kStatusSyncFailed;
 }
 
-// The side file is complete on the disk before the manifest is touched and stays until the manifest is. The
-// new entries are written over the old ones, which takes no space that the file does not have, as a rule; a
+// The journal is synced before the manifest is touched, and stays until the manifest is synced. The new
+// entries are written over the old ones, which as a rule takes no space that the file does not have. A
 // failure puts the old ones back.
 uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name,
                            const std::vector<uint8_t>& filter, bool* done) {
@@ -97,51 +97,51 @@ uint32_t Manifest::Replace(const BlockEntries& replaced, const std::string& name
     diagnostics_.Print("Failed to read block entry");
     return kStatusManifestUnreadable;
   }
-  ManifestJournal replacement;
-  replacement.generation = header.generation + 1;
-  replacement.oldLength = old.size();
-  replacement.oldHash = ManifestJournalHash(old.data(), old.size());
+  ManifestJournal journal;
+  journal.generation = header.generation + 1;
+  journal.oldLength = old.size();
+  journal.oldHash = ManifestJournalHash(old.data(), old.size());
   const std::vector<uint8_t> merged = ManifestEntryBytes(name, filter);
   auto shorter = std::make_shared<ManifestList>();
-  shorter->generation = replacement.generation;
+  shorter->generation = journal.generation;
   bool isPlaced = false;
   auto position = old.begin();
   for (const std::shared_ptr<BlockEntry>& entry : list->entries) {
     const auto next = position + static_cast<ptrdiff_t>(EntrySize(*entry));
     if (Lists(replaced, entry->name)) {
       if (!isPlaced) {
-        replacement.entries.insert(replacement.entries.end(), merged.begin(), merged.end());
+        journal.entries.insert(journal.entries.end(), merged.begin(), merged.end());
         shorter->entries.push_back(MakeEntry(name, filter));
         isPlaced = true;
       }
     } else {
-      replacement.entries.insert(replacement.entries.end(), position, next);
+      journal.entries.insert(journal.entries.end(), position, next);
       shorter->entries.push_back(entry);
     }
     position = next;
   }
 
-  const std::string sidePath = JournalPath(file_->Path());
-  if (const uint32_t status = WriteJournal(sidePath, replacement); status != kStatusOk) {
+  const std::string journalPath = JournalPath(file_->Path());
+  if (const uint32_t status = WriteJournal(journalPath, journal); status != kStatusOk) {
     if (status == kStatusManifestWriteFailed) diagnostics_.Print("Failed to write block entry");
     return status;
   }
   bool restored = false;
-  if (const uint32_t status = WriteReplacing(replacement, old, &restored); status != kStatusOk) {
-    // Where the old entries could not be put back either, the side file lets the next change finish this one.
-    if (restored) IgnoreStatus(RemoveJournal(sidePath));  // the next change tries again
+  if (const uint32_t status = OverwriteEntries(journal, old, &restored); status != kStatusOk) {
+    // If the old entries could not be put back either, the journal lets the next change finish this one.
+    if (restored) IgnoreStatus(RemoveJournal(journalPath));  // the next change tries again
     return status;
   }
   *done = true;
-  PublishGeneration(header, replacement.generation);
+  PublishGeneration(header, journal.generation);
   state_->SetList(std::move(shorter));
   if (file_->Sync() != 0) return kStatusSyncFailed;
-  IgnoreStatus(RemoveJournal(sidePath));  // as above
+  IgnoreStatus(RemoveJournal(journalPath));  // as above
   return kStatusOk;
 }
 
-uint32_t Manifest::WriteReplacing(const ManifestJournal& replacement, const std::vector<uint8_t>& old,
-                                  bool* restored) {
+uint32_t Manifest::OverwriteEntries(const ManifestJournal& journal, const std::vector<uint8_t>& old,
+                                    bool* restored) {
   const auto write = [this](const std::vector<uint8_t>& entries) {
     return file_->PWriteFully(entries.data(), entries.size(), kFirstEntry) ==
            static_cast<ssize_t>(entries.size());
@@ -149,15 +149,15 @@ uint32_t Manifest::WriteReplacing(const ManifestJournal& replacement, const std:
   const auto cut = [this](const std::vector<uint8_t>& entries) {
     return file_->Truncate(static_cast<int64_t>(kFirstEntry + entries.size())) == 0;
   };
-  const bool written = write(replacement.entries);
-  if (written && cut(replacement.entries)) return kStatusOk;
+  const bool written = write(journal.entries);
+  if (written && cut(journal.entries)) return kStatusOk;
 
   *restored = write(old) && cut(old);
   diagnostics_.Print("Failed to write block entry");
   return written ? kStatusTruncateFailed : kStatusManifestWriteFailed;
 }
 
-// A truncation does not move the generation; only the file's length tells of it.
+// A truncation does not change the generation; only the file's length tells of it.
 bool Manifest::StillLists(const BlockEntries& entries) {
   ManifestListPointer list;
   uint64_t size = 0;
@@ -166,9 +166,9 @@ bool Manifest::StillLists(const BlockEntries& entries) {
 }
 
 uint32_t Manifest::Truncate() {
-  const std::string sidePath = JournalPath(file_->Path());
+  const std::string journalPath = JournalPath(file_->Path());
   // Before the entries go: what it would bring back must stay dropped.
-  if (MayHaveJournal(sidePath)) IgnoreStatus(RemoveJournal(sidePath));
+  if (MayHaveJournal(journalPath)) IgnoreStatus(RemoveJournal(journalPath));
   auto empty = std::make_shared<ManifestList>();
   empty->generation = state_->List()->generation;
   const bool cut = file_->Truncate(kFirstEntry) == 0;
@@ -179,7 +179,7 @@ uint32_t Manifest::Truncate() {
   return kStatusOk;
 }
 
-// The entries go before the generation changes: whoever sees the new one finds none.
+// The entries go before the generation changes, because a reader that sees the new one must find none.
 uint32_t Manifest::Clear() {
   ManifestHeader header;
   ManifestListPointer list;
@@ -192,9 +192,11 @@ uint32_t Manifest::Clear() {
   return file_->Sync() == 0 ? kStatusOk : kStatusSyncFailed;
 }
 
-// Brings the list and the file together before a change: finishes or drops a replacement that was left
-// behind, reads what other processes have recorded, follows a truncation, which does not move the generation,
-// and cuts off what a torn write left behind the last entry.
+// Brings the list and the file together before a change:
+//   - finishes or drops a rewrite whose process was killed;
+//   - reads what other processes have recorded;
+//   - follows a truncation, which does not change the generation;
+//   - cuts off what a torn write left after the last entry.
 uint32_t Manifest::PrepareChange(ManifestHeader* header, ManifestListPointer* list) {
   if (const uint32_t status = RecoverRewrite(); status != kStatusOk) {
     if (status == kStatusManifestUnreadable) diagnostics_.Print("Failed to read block entry");
@@ -221,37 +223,35 @@ uint32_t Manifest::PrepareChange(ManifestHeader* header, ManifestListPointer* li
   return kStatusOk;
 }
 
-// Whether the journal tells of a replacement that the manifest's bytes do not show completely. The bytes of a manifest
-// that has moved on are not even looked at.
-Manifest::Unfinished Manifest::FindPendingRewrite(const ManifestHeader& header,
-                                                  ManifestJournal* replacement) const {
+// Only the bytes that decide are read: a manifest that another list belongs to is not.
+Manifest::PendingRewrite Manifest::FindPendingRewrite(const ManifestHeader& header,
+                                                      ManifestJournal* journal) const {
   bool unreadable = false;
-  if (!ReadJournal(JournalPath(file_->Path()), replacement, &unreadable)) {
-    return unreadable ? Unfinished::Unknown : Unfinished::No;
+  if (!ReadJournal(JournalPath(file_->Path()), journal, &unreadable)) {
+    return unreadable ? PendingRewrite::Unknown : PendingRewrite::No;
   }
-  const uint32_t generation = header.generation;
-  if (generation != replacement->generation && generation + 1 != replacement->generation)
-    return Unfinished::No;
+  if (ExamineRewrite(*journal, header.generation, nullptr, 0) == RewriteState::OtherList)
+    return PendingRewrite::No;
 
   uint64_t size = 0;
   std::vector<uint8_t> bytes;
-  if (file_->Size(&size) != 0 || !ReadEntryBytes(size, &bytes)) return Unfinished::Unknown;
-  return IsRewritePending(*replacement, generation, bytes.data(), bytes.size()) ? Unfinished::Yes
-                                                                                : Unfinished::No;
+  if (file_->Size(&size) != 0 || !ReadEntryBytes(size, &bytes)) return PendingRewrite::Unknown;
+  const RewriteState state = ExamineRewrite(*journal, header.generation, bytes.data(), bytes.size());
+  return state == RewriteState::Pending ? PendingRewrite::Yes : PendingRewrite::No;
 }
 
-// The list is not touched: whoever goes on reads it again, at the generation published here. A side file that
-// can't be read stays: it may be all that is left of the list.
+// The list in memory is not touched: the caller reads it again, at the generation published here. A journal
+// that can't be read stays: it may be all that is left of the list.
 uint32_t Manifest::RecoverRewrite() {
-  const std::string sidePath = JournalPath(file_->Path());
-  if (!MayHaveJournal(sidePath)) return kStatusOk;
+  const std::string journalPath = JournalPath(file_->Path());
+  if (!MayHaveJournal(journalPath)) return kStatusOk;
   ManifestHeader header;
-  if (!ReadHeader(&header)) return kStatusOk;  // which is what the caller will find, too
-  ManifestJournal replacement;
-  const Unfinished unfinished = FindPendingRewrite(header, &replacement);
-  if (unfinished == Unfinished::Unknown) return kStatusManifestUnreadable;
-  if (unfinished == Unfinished::Yes) {
-    const std::vector<uint8_t>& entries = replacement.entries;
+  if (!ReadHeader(&header)) return kStatusOk;  // the caller will find the same
+  ManifestJournal journal;
+  const PendingRewrite pending = FindPendingRewrite(header, &journal);
+  if (pending == PendingRewrite::Unknown) return kStatusManifestUnreadable;
+  if (pending == PendingRewrite::Yes) {
+    const std::vector<uint8_t>& entries = journal.entries;
     const auto end = static_cast<int64_t>(kFirstEntry + entries.size());
     if (file_->PWriteFully(entries.data(), entries.size(), kFirstEntry) !=
         static_cast<ssize_t>(entries.size())) {
@@ -259,10 +259,10 @@ uint32_t Manifest::RecoverRewrite() {
       return kStatusManifestWriteFailed;
     }
     if (file_->Truncate(end) != 0) return kStatusTruncateFailed;
-    PublishGeneration(header, replacement.generation);
+    PublishGeneration(header, journal.generation);
     if (file_->Sync() != 0) return kStatusSyncFailed;
   }
-  return RemoveJournal(sidePath) ? kStatusOk : kStatusManifestWriteFailed;
+  return RemoveJournal(journalPath) ? kStatusOk : kStatusManifestWriteFailed;
 }
 
 bool Manifest::ReadEntryBytes(uint64_t end, std::vector<uint8_t>* bytes) const {
@@ -270,7 +270,7 @@ bool Manifest::ReadEntryBytes(uint64_t end, std::vector<uint8_t>* bytes) const {
   return file_->PReadFully(bytes->data(), bytes->size(), kFirstEntry) == static_cast<ssize_t>(bytes->size());
 }
 
-// A generation that another process published in between counts as its move; this one does not.
+// A generation that another process published in between counts as an external change; this one does not.
 void Manifest::PublishGeneration(ManifestHeader header, uint32_t generation) {
   const std::lock_guard<std::mutex> lock(state_->changesMutex);
   if (state_->knownGeneration != header.generation) ++state_->externalChanges;

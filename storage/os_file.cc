@@ -232,7 +232,7 @@ uint32_t OsFile::CloseAndRemove() {
 }
 
 void OsFile::UnmapAndClose() {
-  IgnoreStatus(UnmapAll());  // most handles have adopted nothing
+  IgnoreStatus(UnmapAll());  // most handles track nothing
   descriptor_.Close();
 }
 

@@ -1,13 +1,13 @@
 // storage/os_file.h: a handle on one file of a store.
 //
-// Ownership: held through std::shared_ptr; the last reference unmaps what was adopted and closes the file.
+// Ownership: held through std::shared_ptr; the last reference unmaps what is tracked and closes the file.
 // Threads:   Lock and Unlock may be called from any thread; the thread that locked unlocks. The wrappers of
 //            system calls are as safe as these are.
 // Failure:   Open, Lock and Unlock return a status; the wrappers return what the system call returns and
 //            leave errno to the caller. Nothing is printed.
-// Compat:    close-drops-locks. A descriptor that is closed on the thread that holds a lock on the file drops the
-//            locks of the process on it, while the level stays on record. On other threads the descriptor waits until
-//            the lock is given up (storage/file_lock.h); the destructor never blocks.
+// Compat:    close-drops-locks. A descriptor that is closed on the thread that holds a lock on the file drops
+//            the locks of the process on it, while the level stays on record. On other threads the descriptor
+//            waits until the lock is given up (storage/file_lock.h); the destructor never blocks.
 #pragma once
 
 #include <sys/stat.h>
@@ -40,8 +40,9 @@ inline constexpr uint32_t kMapReadOnly = 1;
 class OsFile {
  public:
   // Opens `path` with a descriptor of at least 3, closed on exec; a low one would let the library's own
-  // messages end up in the file. Does not wait for the other end of a pipe or a device. kStatusOpenFailed when it can't be opened (descriptor 0 counts as such),
-  // kStatusStatFailed when it can't be inspected. May throw std::bad_alloc.
+  // messages end up in the file. Does not wait for the other end of a pipe or a device. kStatusOpenFailed
+  // when it can't be opened (descriptor 0 counts as such), kStatusStatFailed when it can't be inspected. May
+  // throw std::bad_alloc.
   static uint32_t Open(const std::string& path, uint16_t flags, OsFile** out);
   // The same, under shared ownership.
   static uint32_t Open(const std::string& path, uint16_t flags, std::shared_ptr<OsFile>* out);
@@ -55,11 +56,13 @@ class OsFile {
   // the mutex is held nevertheless and Unlock must follow, and a gate byte that was locked stays locked until
   // a later lock at that level succeeds. Compat: failed-lock-keeps-mutex, failed-lock-keeps-gate.
   [[nodiscard]] uint32_t Lock(LockLevel level);
-  // The same, unless another thread is inside: false at once, nothing is held then and Unlock must not follow.
+  // The same, unless another thread is inside: false at once, nothing is held then and Unlock must not
+  // follow.
   [[nodiscard]] bool TryLock(LockLevel level, uint32_t* status);
   // Undoes one Lock of the same level, also one that failed. Whatever the nesting, the byte-range locks and
-  // the level on record are dropped at once. Level Shared while Exclusive is on record leaves the gate byte
-  // write-locked (Compat: unlock-shared-keeps-gate). kStatusLockFailed when a lock can't be released; the level stays on record.
+  // the level on record are dropped at once (Compat: nested-unlock-drops-locks). Level Shared while Exclusive
+  // is on record leaves the gate byte write-locked (Compat: unlock-shared-keeps-gate). kStatusLockFailed when
+  // a lock can't be released; the level stays on record.
   [[nodiscard]] uint32_t Unlock(LockLevel level);
 
   // Lock that is tried for `milliseconds`; see InodeInfo::RaiseWithin. Unlock must follow, also after a failure.
@@ -96,13 +99,13 @@ class OsFile {
   // Whether the file is a device, a pipe or the like: its bytes need not stay, nor show in a mapping.
   bool IsSpecial() const { return isSpecial_; }
 
-  // A shared mapping of `length` bytes at `offset`, or null. It belongs to the caller until it is adopted.
+  // A shared mapping of `length` bytes at `offset`, or null. It belongs to the caller until it is tracked.
   void* Map(uint32_t length, uint32_t offset, uint32_t mapFlags);
   // Enters a mapping into the handle's list: Unmap knows it, and it goes when the handle goes.
   void TrackMapping(void* address, uint32_t length);
-  // The result of munmap for an adopted mapping; 0xFFFFFFFF for an address that was not adopted.
+  // The result of munmap for a tracked mapping; 0xFFFFFFFF for an address that is not tracked.
   uint32_t Unmap(void* address);
-  // 0; 0xFFFFFFFF when nothing is adopted.
+  // 0; 0xFFFFFFFF if nothing is tracked.
   uint32_t UnmapAll();
   // Unmaps, closes and removes the file, whatever comes of it. Returns 0.
   uint32_t CloseAndRemove();
@@ -172,9 +175,10 @@ class [[nodiscard]] TryFileLockGuard {
   bool entered_;
 };
 
-// For an opening, which reads while others write: calls `read` until it is content, at last with the file locked for
-// reading. If another thread of the process is inside, the reading is tried again for about a tenth of a second, by
-// when that thread is done with its change or is at something that does not change the file.
+// For an opening, which reads while others write: calls `read` until it is content, at last with the file
+// locked for reading. If another thread of the process is inside, the reading is tried again for about a
+// tenth of a second, by when that thread is done with its change or is at something that does not change the
+// file.
 [[nodiscard]] bool ReadAtOpen(const std::shared_ptr<OsFile>& file, const std::function<bool()>& read);
 
 }  // namespace Kestrun

@@ -13,7 +13,7 @@ namespace Kestrun {
 inline constexpr size_t kPublishedOffset = 8;
 inline constexpr size_t kPublishedSize = 16;
 
-// Copies bytes 8 to 23 of the header image `image` to the mapped header at `header`, behind everything that
+// Copies bytes 8 to 23 of the header image `image` to the mapped header at `header`, after everything that
 // was stored before.
 void StoreHeaderAtomically(uint8_t* header, const void* image);
 

@@ -39,28 +39,29 @@ uint32_t InitializeInPlace(OsFile& file, uint32_t walSize) {
   return file.PWriteFully(&zero, 1, walSize - 1) == 1 ? kStatusOk : kStatusCreateFailed;
 }
 
-// Makes a short log anew unless another process has done so meanwhile.
-uint32_t GrowTo(OsFile& file, uint32_t walSize, uint64_t* size, bool* madeAnew) {
+// Recreates a short log unless another process has done so meanwhile.
+uint32_t GrowTo(OsFile& file, uint32_t walSize, uint64_t* size, bool* isNewFile) {
   const DirectoryCreationLock guard(DirectoryOf(file.Path()));
   if (file.Size(size) != 0) return kStatusCreateFailed;
   if (*size >= walSize) return kStatusOk;
   if (const uint32_t status = InitializeInPlace(file, walSize); status != kStatusOk) return status;
   *size = walSize;
-  *madeAnew = true;
+  *isNewFile = true;
   return SyncDirectory(DirectoryOf(file.Path())) ? kStatusOk : kStatusCreateFailed;
 }
 
 }  // namespace
 
-// A missing log is born complete. What exists is opened, checked for its length, given its disk space, mapped
-// and verified, in this order; the index that the process has for the file starts over when the log is new.
+// Creates a missing log at once with its header. An existing one is opened, checked for its length, given its
+// disk space, mapped and verified, in this order; the index that the process has for the file starts over
+// when the log is new.
 uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
                    const Diagnostics& diagnostics) {
-  bool madeAnew = false;
+  bool isNewFile = false;
   if (config.walSize > kWalFirstRecord && access(path.c_str(), F_OK) != 0) {
     const WalHeader header = EmptyLogHeader();
-    madeAnew = CreateFileAtomically(path, &header, sizeof(header), config.walSize);
-    if (madeAnew && !SyncDirectory(DirectoryOf(path))) return kStatusCreateFailed;
+    isNewFile = CreateFileAtomically(path, &header, sizeof(header), config.walSize);
+    if (isNewFile && !SyncDirectory(DirectoryOf(path))) return kStatusCreateFailed;
   }
 
   std::shared_ptr<OsFile> file;
@@ -75,16 +76,16 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
     diagnostics.Printf("Failed to get file size: %s", path.c_str());
     return kStatusOk;
   }
-  // Keeps the other threads of this process out while the log is made, unless one of them is inside already: an
-  // opening does not wait for it, and leaves the index alone that it may be walking.
+  // Keeps the other threads of this process out while the log is made, unless one of them is inside already:
+  // an opening does not wait for it, and leaves the index alone that it may be walking.
   const TryFileLockGuard threadLock(file, LockLevel::ThreadOnly);
   // A log of 4 GiB or more can't be addressed by its own offsets.
   const bool mappable = size <= std::numeric_limits<uint32_t>::max();
   if (size < config.walSize) {
-    if (const uint32_t status = GrowTo(*file, config.walSize, &size, &madeAnew); status != kStatusOk)
+    if (const uint32_t status = GrowTo(*file, config.walSize, &size, &isNewFile); status != kStatusOk)
       return status;
   } else if (mappable && !file->Reserve(size)) {
-    if (madeAnew) return kStatusCreateFailed;
+    if (isNewFile) return kStatusCreateFailed;
     diagnostics.Printf("Failed to map wal: %s", path.c_str());
     return kStatusOk;
   }
@@ -95,7 +96,7 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
     return kStatusOk;
   }
   file->TrackMapping(base, static_cast<uint32_t>(size));
-  if (madeAnew && file->IsSpecial()) {
+  if (isNewFile && file->IsSpecial()) {
     const WalHeader header = EmptyLogHeader();
     std::memcpy(base, &header, sizeof(header));  // what was written to a device need not show in its mapping
   }
@@ -106,8 +107,8 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
   if (!wal->VerifyAtOpen(&status)) return status;
   wal->state_ = InodeRegistry<WalSharedState>::FindOrCreate(file->Id(), [](WalSharedState&) {});
   // The number of a file that was removed may have been given to this one, index and all.
-  if (madeAnew && threadLock.Entered()) wal->state_->Clear();
-  if (madeAnew && !threadLock.Entered()) wal->state_->wasRecreated = true;
+  if (isNewFile && threadLock.Entered()) wal->state_->Clear();
+  if (isNewFile && !threadLock.Entered()) wal->state_->wasRecreated = true;
   *out = wal.release();
   return kStatusOk;
 }

@@ -1,5 +1,5 @@
-// Closing a descriptor of a file drops the locks that the process has on it. A lack of memory is no reason to do that
-// while another thread holds them.
+// Closing a descriptor of a file drops the locks that the process has on it. A lack of memory is no reason to
+// do that while another thread holds them.
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -152,27 +152,40 @@ TEST(ManifestJournalReaderTest, ReadsWhatTheImageHoldsAndNothingThatWasChanged) 
   }
 }
 
-TEST(ManifestJournalReaderTest, ARewriteIsPendingUnlessTheManifestShowsItWholeOrNotAtAll) {
+// The generation of the journal is 8. Its old entries are "old entries", its new ones "new ones".
+TEST(ManifestJournalReaderTest, TheStateOfARewriteFollowsFromGenerationAndEntries) {
   const std::string old = "old entries";
   const std::string entries = "new ones";
+  const std::string half = "new ontries";
   const struct {
     const char* what;
-    uint32_t generation;  // of the manifest; the journal's is 8
+    uint32_t generation;  // of the manifest
     std::string bytes;
-    bool pending;
+    RewriteState state;
   } rows[] = {
-      {"another list", 5, old, false},
-      {"a later list", 9, entries, false},
-      {"nothing was begun", 7, old, false},
-      {"the new entries, not published", 7, entries, true},
-      {"half written", 7, "new ontries", true},
-      {"the old ones and more, not published", 7, old + "x", true},
-      {"empty, not published", 7, "", true},
-      {"complete", 8, entries, false},
-      {"published, and the old ones are still there", 8, old, true},
-      {"published, and resolved by whoever recorded more", 8, old + "x", false},
-      {"published, and half written", 8, "new ontries", true},
-      {"published, and not cut", 8, entries + "ies", true},
+      {"an earlier list", 6, old, RewriteState::OtherList},
+      {"an earlier list with the new entries", 6, entries, RewriteState::OtherList},
+      {"a later list", 9, entries, RewriteState::OtherList},
+      {"a later list with the old entries", 9, old, RewriteState::OtherList},
+      {"a list from the other end of the numbers", 0xFFFFFFFF, old, RewriteState::OtherList},
+
+      {"nothing was written", 7, old, RewriteState::NotBegun},
+      {"the first byte was written", 7, "nld entries", RewriteState::Pending},
+      {"half written", 7, half, RewriteState::Pending},
+      {"written and not cut", 7, entries + "ies", RewriteState::Pending},
+      {"the new entries, not published", 7, entries, RewriteState::Pending},
+      {"the old ones and more", 7, old + "x", RewriteState::Pending},
+      {"the old ones, cut", 7, "old entrie", RewriteState::Pending},
+      {"empty", 7, "", RewriteState::Pending},
+
+      {"published, and complete", 8, entries, RewriteState::Complete},
+      {"published, and another block was recorded after the old ones", 8, old + "x",
+       RewriteState::Superseded},
+      {"published, and the old ones are still there", 8, old, RewriteState::Pending},
+      {"published, and half written", 8, half, RewriteState::Pending},
+      {"published, and not cut", 8, entries + "ies", RewriteState::Pending},
+      {"published, and cut too short", 8, "new one", RewriteState::Pending},
+      {"published, and empty", 8, "", RewriteState::Pending},
   };
   ManifestJournal journal;
   journal.generation = 8;
@@ -180,11 +193,22 @@ TEST(ManifestJournalReaderTest, ARewriteIsPendingUnlessTheManifestShowsItWholeOr
   journal.oldHash = ManifestJournalHash(old.data(), old.size());
   journal.entries.assign(entries.begin(), entries.end());
   for (const auto& row : rows) {
-    EXPECT_EQ(IsRewritePending(journal, row.generation, reinterpret_cast<const uint8_t*>(row.bytes.data()),
-                               row.bytes.size()),
-              row.pending)
+    EXPECT_EQ(ExamineRewrite(journal, row.generation, reinterpret_cast<const uint8_t*>(row.bytes.data()),
+                             row.bytes.size()),
+              row.state)
         << row.what;
   }
+}
+
+TEST(ManifestJournalReaderTest, ARewriteOfNothingOrToNothingHasItsStatesToo) {
+  ManifestJournal journal;
+  journal.generation = 0;  // the one after 0xFFFFFFFF
+  journal.oldHash = ManifestJournalHash(nullptr, 0);
+  EXPECT_EQ(ExamineRewrite(journal, 0xFFFFFFFF, nullptr, 0), RewriteState::NotBegun);
+  EXPECT_EQ(ExamineRewrite(journal, 0, nullptr, 0), RewriteState::Complete);
+  const uint8_t byte = 1;
+  EXPECT_EQ(ExamineRewrite(journal, 0xFFFFFFFF, &byte, 1), RewriteState::Pending);
+  EXPECT_EQ(ExamineRewrite(journal, 0, &byte, 1), RewriteState::Superseded);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The locks of OsFile beside those of the sequence that the protocol lays down, for every mix of foreign locks and of
-// what this process has locked before.
+// The locks of OsFile beside those of the sequence that the protocol lays down, for every mix of foreign
+// locks and of what this process has locked before.
 #include "storage/file_lock.h"
 
 #include <fcntl.h>
@@ -65,8 +65,8 @@ class StepwiseLock {
   LockLevel level_ = LockLevel::None;
 };
 
-// Another process that locks the gate byte, the first byte and the last byte of the lock range of some files, as a text
-// of three letters says: 'r', 'w' or '-' for each.
+// Another process that locks the gate byte, the first byte and the last byte of the lock range of some files,
+// as a text of three letters says: 'r', 'w' or '-' for each.
 class ForeignProcess {
  public:
   explicit ForeignProcess(const std::vector<std::string>& paths)

@@ -472,8 +472,8 @@ TEST_F(OsFileLockTest, TryingToLockDoesNotWaitForAnotherThread) {
   EXPECT_EQ(file_->Unlock(LockLevel::Shared), kStatusOk);
 }
 
-// Threads that open and close the file all the time never take a lock from the one that holds it, and leave no
-// descriptor behind, however closing and unlocking meet.
+// Threads that open and close the file all the time never take a lock from the one that holds it, and leave
+// no descriptor behind, however closing and unlocking meet.
 TEST_F(OsFileLockTest, NoCloseDropsTheLocksOfAnotherThreadAndNoDescriptorIsForgotten) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 300;

@@ -1,5 +1,5 @@
-// A log or a manifest that is no regular file: a link to a device, a pipe, a socket. What such a file refuses does
-// not decide, but whether it can be mapped. Nothing waits for it.
+// A log or a manifest that is no regular file: a link to a device, a pipe, a socket. What such a file refuses
+// does not decide, but whether it can be mapped. Nothing waits for it.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
