@@ -1,10 +1,7 @@
 #include "block/block_cache.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "kestrun/status.h"
@@ -12,37 +9,101 @@
 namespace Kestrun {
 namespace {
 
-// What a load that failed with `status` means for later ones; a corrupt file is deleted.
-uint32_t ClassifyLoadFailure(uint32_t status, const std::string& path) {
-  if (status == kStatusBlockCorrupt) {
-    IgnoreStatus(std::remove(path.c_str()));  // the block is lost either way
-    return kStatusOk;
-  }
-  const bool gone = status == kStatusOpenFailed && access(path.c_str(), F_OK) != 0 && errno == ENOENT;
-  return gone ? kStatusOk : status;
-}
-
 // A file that is gone is no other file: the block that was loaded from it lives on.
 bool IsAnotherFile(const Block& block, const std::string& path) {
   struct stat info = {};
   return stat(path.c_str(), &info) == 0 && !(InodeIdOf(info) == block.FileId());
 }
 
+int64_t ToNanoseconds(const timespec& time) {
+  return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
+}
+
 }  // namespace
+
+bool BlockCache::FileStamp::operator==(const FileStamp& other) const {
+  return size >= 0 && id == other.id && size == other.size && changed == other.changed &&
+         modified == other.modified;
+}
+
+BlockCache::FileStamp BlockCache::StampOf(const std::string& path) {
+  struct stat info = {};
+  if (stat(path.c_str(), &info) != 0) return {};
+  return {InodeIdOf(info), int64_t{info.st_size}, ToNanoseconds(info.st_ctim), ToNanoseconds(info.st_mtim)};
+}
+
+template <typename Item>
+Item* BlockCache::BoundedList<Item>::Find(const std::string& name) {
+  const auto found = index_.find(name);
+  if (found == index_.end()) return nullptr;
+  entries_.splice(entries_.begin(), entries_, found->second);
+  return &entries_.front().item;
+}
+
+template <typename Item>
+void BlockCache::BoundedList<Item>::Insert(Item item, size_t bytes, size_t maxBytes) {
+  Erase(item.name);
+  if (bytes > maxBytes) return;
+  std::list<Entry> node;
+  node.push_front({std::move(item), bytes});
+  index_.emplace(node.front().item.name, node.begin());
+  entries_.splice(entries_.begin(), node);
+  bytes_ += bytes;
+  while (bytes_ > maxBytes) Erase(std::string(entries_.back().item.name));
+}
+
+template <typename Item>
+void BlockCache::BoundedList<Item>::Erase(const std::string& name) {
+  const auto found = index_.find(name);
+  if (found == index_.end()) return;
+  bytes_ -= found->second->bytes;
+  entries_.erase(found->second);
+  index_.erase(found);
+}
+
+template <typename Item>
+void BlockCache::BoundedList<Item>::Clear() {
+  index_.clear();
+  entries_.clear();
+  bytes_ = 0;
+}
 
 std::shared_ptr<Block> BlockCache::GetOrLoad(const std::string& name, const std::string& path,
                                              uint32_t* failure, const std::shared_ptr<const void>& owner) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (failure != nullptr) *failure = kStatusOk;
   if (std::shared_ptr<Block> cached = FindLocked(name, path, owner); cached != nullptr) return cached;
+
+  // The stamp comes before the bytes: a change that is missed by them shows in the next stamp.
+  const FileStamp stamp = StampOf(path);
+  if (std::shared_ptr<Block> block = Reopen(name, path, stamp); block != nullptr) {
+    Insert({name, block, owner, stamp});
+    return block;
+  }
   Block* loaded = nullptr;
   if (const uint32_t status = Block::Load(path, &loaded); status != kStatusOk) {
-    const uint32_t lasting = ClassifyLoadFailure(status, path);
-    if (failure != nullptr) *failure = lasting;
+    if (failure != nullptr) *failure = status;
     return nullptr;
   }
   const std::shared_ptr<Block> block(loaded);
-  Insert({name, block, owner});
+  const Cached cached = {name, block, owner, stamp};
+  Remember(cached, std::make_shared<BlockFilter>(*block->Index()));
+  Insert(cached);
+  return block;
+}
+
+// An evicted block whose file has not changed since it was read.
+std::shared_ptr<Block> BlockCache::Reopen(const std::string& name, const std::string& path,
+                                          const FileStamp& stamp) {
+  const Evicted* evicted = evicted_.Find(name);
+  if (evicted == nullptr) return nullptr;
+  std::shared_ptr<Block> block;
+  std::shared_ptr<OsFile> file;
+  if (evicted->stamp == stamp && OsFile::Open(path, kOpenReadOnly, &file) == kStatusOk &&
+      file->Id() == stamp.id) {
+    block = std::make_shared<Block>(std::move(file), evicted->index);
+  }
+  evicted_.Erase(name);
   return block;
 }
 
@@ -63,22 +124,40 @@ std::shared_ptr<Block> BlockCache::FindLocked(const std::string& name, const std
   return cached.block;
 }
 
-bool BlockCache::Check(const std::string& path, uint32_t* failure) {
+bool BlockCache::MayContain(const std::string& name, const std::string& path, const BlockFilter::Probe& probe,
+                            const std::shared_ptr<const void>& owner) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  *failure = kStatusOk;
-  const uint32_t status = Block::Verify(path);
-  if (status == kStatusOk) return true;
-  *failure = ClassifyLoadFailure(status, path);
-  return false;
+  Filtered* filtered = filters_.Find(name);
+  if (filtered == nullptr) return true;
+  if (owner == nullptr || filtered->owner != owner) {
+    if (!(filtered->stamp == StampOf(path))) {
+      filters_.Erase(name);
+      return true;
+    }
+    filtered->owner = owner;
+  }
+  return filtered->filter->MayContain(probe);
 }
 
 void BlockCache::Put(const std::string& name, const std::shared_ptr<Block>& block,
                      const std::shared_ptr<const void>& owner) {
+  const Cached cached = {name, block, owner, StampOf(block->File()->Path())};
+  auto filter = std::make_shared<BlockFilter>(*block->Index());
   const std::lock_guard<std::mutex> lock(mutex_);
-  Insert({name, block, owner});
+  Remember(cached, std::move(filter));
+  Insert(cached);
+}
+
+// Only what was surely read from the stamped file.
+void BlockCache::Remember(const Cached& cached, std::shared_ptr<const BlockFilter> filter) {
+  filters_.Erase(cached.name);
+  if (!(cached.stamp.id == cached.block->FileId())) return;
+  const size_t bytes = filter->MemoryUsed();
+  filters_.Insert({cached.name, std::move(filter), cached.owner, cached.stamp}, bytes, kMaxBlockFilterBytes);
 }
 
 void BlockCache::Insert(Cached cached) {
+  evicted_.Erase(cached.name);
   Blocks node;
   node.push_front(std::move(cached));
   const auto [entry, isNew] = index_.try_emplace(node.front().name, node.begin());
@@ -88,13 +167,20 @@ void BlockCache::Insert(Cached cached) {
   }
   blocks_.splice(blocks_.begin(), node);
   while (index_.size() > kBlockCacheCapacity) {
-    index_.erase(blocks_.back().name);
+    const Cached& last = blocks_.back();
+    if (last.stamp.id == last.block->FileId()) {
+      const size_t bytes = last.block->Index()->MemoryUsed();
+      evicted_.Insert({last.name, last.block->Index(), last.stamp}, bytes, kMaxEvictedIndexBytes);
+    }
+    index_.erase(last.name);
     blocks_.pop_back();
   }
 }
 
 void BlockCache::Erase(const std::string& name) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  evicted_.Erase(name);
+  filters_.Erase(name);
   const auto found = index_.find(name);
   if (found == index_.end()) return;
   blocks_.erase(found->second);
@@ -103,6 +189,8 @@ void BlockCache::Erase(const std::string& name) {
 
 void BlockCache::Clear() {
   const std::lock_guard<std::mutex> lock(mutex_);
+  evicted_.Clear();
+  filters_.Clear();
   index_.clear();
   blocks_.clear();
 }

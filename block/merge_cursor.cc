@@ -14,7 +14,7 @@
 namespace Kestrun {
 namespace {
 
-constexpr size_t kOpenFiles = 64;
+constexpr size_t kOpenFiles = 32;  // beside those of the blocks that are loaded
 
 // The windows share this much memory, three for each source.
 constexpr size_t kWindowBudget = 32 * 1024 * 1024;

@@ -1,17 +1,36 @@
 #include "engine/block_filter.h"
 
+#include <string_view>
+
+#include "format/checksum.h"
 #include "format/key_filter.h"
+#include "format/scan_range.h"
 
 namespace Kestrun {
+namespace {
+
+uint32_t HashOf(std::string_view key) {
+  return FilterHash(reinterpret_cast<const uint8_t*>(key.data()), key.size(), kChecksumSeed);
+}
+
+// As Key::GetPrimary: the key up to its last dash, unless that is its first byte.
+std::string_view PrimaryOf(std::string_view key) {
+  const size_t dash = key.rfind('-');
+  return dash == std::string_view::npos || dash == 0 ? key : key.substr(0, dash);
+}
+
+}  // namespace
 
 std::vector<uint8_t> BuildBlockFilter(const Block& block) {
   std::vector<uint32_t> hashes;
-  block.ForEachInRange(Key::MinKey(), Key::MaxKey(), [&hashes](const Key& key) {
-    hashes.push_back(KeyHash(key));
-    const Key primary = key.GetPrimary();
-    if (key != primary) hashes.push_back(KeyHash(primary));
-    return false;
-  });
+  hashes.reserve(size_t{block.Count()} * 2);
+  for (uint32_t i = 0; i < block.Count(); ++i) {
+    const std::string_view key = block.KeyAt(i);
+    if (!InScanRange(key)) continue;
+    hashes.push_back(HashOf(key));
+    const std::string_view primary = PrimaryOf(key);
+    if (primary.size() != key.size()) hashes.push_back(HashOf(primary));
+  }
   return BuildKeyFilter(hashes);
 }
 

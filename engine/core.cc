@@ -2,6 +2,7 @@
 
 #include "engine/block_filter.h"
 #include "engine/listed_block.h"
+#include "engine/load_block.h"
 #include "engine/pending_block_file.h"
 #include "format/block_format.h"
 #include "kestrun/status.h"
@@ -51,10 +52,13 @@ uint32_t Core::RecordFlushedBlock(const std::string& name, const std::shared_ptr
 
 uint32_t Core::FindBlock(const Key& key, std::shared_ptr<Block>* found) const {
   const BlockEntries candidates = manifest.FindCandidates(key);
+  const auto* bytes = reinterpret_cast<const char*>(key.Data());
+  const BlockFilter::Probe probe({bytes, bytes == nullptr ? size_t{0} : key.Size()});
   for (auto entry = candidates.rbegin(); entry != candidates.rend(); ++entry) {
+    const std::string blockPath = BlockPath((*entry)->name);
+    if (!cache.MayContain((*entry)->name, blockPath, probe, *entry)) continue;
     uint32_t failure = kStatusOk;
-    std::shared_ptr<Block> block =
-        cache.GetOrLoad((*entry)->name, BlockPath((*entry)->name), &failure, *entry);
+    std::shared_ptr<Block> block = LoadBlock(cache, (*entry)->name, blockPath, *entry, &failure);
     if (failure != kStatusOk) return failure;
     if (block != nullptr && block->Contains(key)) {
       *found = std::move(block);

@@ -8,6 +8,7 @@
 #include "engine/block_filter.h"
 #include "engine/core.h"
 #include "engine/listed_block.h"
+#include "engine/load_block.h"
 #include "engine/pending_block_file.h"
 #include "format/block_format.h"
 #include "format/file_names.h"
@@ -34,13 +35,12 @@ uint32_t LSDBImpl::Compact() {
   std::vector<BlockSource> sources;
   for (const std::shared_ptr<BlockEntry>& entry : old) {
     const std::string path = core.BlockPath(entry->name);
-    uint32_t failure = kStatusOk;
     if (std::shared_ptr<Block> cached = cache_->Find(entry->name, path, entry); cached != nullptr) {
       sources.push_back({path, std::move(cached)});
-    } else if (cache_->Check(path, &failure)) {
+    } else if (uint32_t status = Block::Verify(path); status == kStatusOk) {
       sources.push_back({path, nullptr});
-    } else if (failure != kStatusOk) {
-      return failure;
+    } else if (status = ClassifyLoadFailure(status, path); status != kStatusOk) {
+      return status;
     }
   }
 

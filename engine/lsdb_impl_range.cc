@@ -3,6 +3,7 @@
 
 #include "base/catch_bad_alloc.h"
 #include "engine/core.h"
+#include "engine/load_block.h"
 #include "kestrun/lsdb.h"
 
 namespace Kestrun {
@@ -22,8 +23,9 @@ uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
     if (manifest.Status() != kStatusOk) return manifest.Status();
     const BlockEntries candidates = samePrimary ? manifest_->FindCandidates(primary) : manifest_->Entries();
     for (const std::shared_ptr<BlockEntry>& entry : candidates) {
+      uint32_t failure = kStatusOk;  // a block that can't be read is passed over
       const std::shared_ptr<Block> block =
-          cache_->GetOrLoad(entry->name, core.BlockPath(entry->name), nullptr, entry);
+          LoadBlock(*cache_, entry->name, core.BlockPath(entry->name), entry, &failure);
       if (block != nullptr) block->ForEachInRange(from, to, visit);
     }
     wal_->Enumerate(from, to, visit);

@@ -124,18 +124,21 @@ TEST_F(BlockCacheTest, AnEvictedBlockStaysReadableForWhoeverHoldsIt) {
   EXPECT_EQ(ReadValue(*held, "held").bytes, "value");
 }
 
-TEST_F(BlockCacheTest, ACorruptFileIsDeletedWithTheFirstTryToLoadIt) {
+// What becomes of it is not the cache's decision.
+TEST_F(BlockCacheTest, ACorruptFileIsReportedAndLeftAlone) {
   for (const std::string& bytes : {std::string(), std::string(200, 'x')}) {
     Store("block", bytes);
-    uint32_t failure = 77;
+    uint32_t failure = kStatusOk;
     EXPECT_EQ(Get("block", &failure), nullptr);
-    EXPECT_EQ(failure, kStatusOk) << "trying again later is of no use";
-    EXPECT_FALSE(Exists("block"));
-    EXPECT_EQ(Get("block", &failure), nullptr);
-    EXPECT_EQ(failure, kStatusOk);
+    EXPECT_EQ(failure, kStatusBlockCorrupt);
+    EXPECT_TRUE(Exists("block"));
   }
+  uint32_t failure = kStatusOk;
+  EXPECT_EQ(Get("missing", &failure), nullptr);
+  EXPECT_EQ(failure, kStatusOpenFailed);
   Make("block");
-  EXPECT_NE(Get("block"), nullptr) << "nothing was cached for the failures";
+  EXPECT_NE(Get("block", &failure), nullptr) << "nothing was cached for the failures";
+  EXPECT_EQ(failure, kStatusOk);
 }
 
 TEST_F(BlockCacheTest, AFileThatCannotBeReadIsKeptAndTriedAgain) {
@@ -184,9 +187,8 @@ TEST_F(BlockCacheTest, AFileThatCannotBeOpenedForNowIsKeptAndTriedAgain) {
     uint32_t failure = kStatusOk;
     EXPECT_EQ(Get("block", &failure), nullptr);
     EXPECT_EQ(failure, kStatusOpenFailed);
-    EXPECT_FALSE(cache_.Check(PathOf("block"), &failure));
+    EXPECT_EQ(Get("corrupt", &failure), nullptr);
     EXPECT_EQ(failure, kStatusOpenFailed);
-    EXPECT_EQ(Get("corrupt"), nullptr);
 
     limit.rlim_cur = before;
     setrlimit(RLIMIT_NOFILE, &limit);
@@ -194,27 +196,74 @@ TEST_F(BlockCacheTest, AFileThatCannotBeOpenedForNowIsKeptAndTriedAgain) {
     return HasFailure() ? 1 : 0;
   });
   EXPECT_EQ(child.Wait(), 0);
-  EXPECT_TRUE(Exists("corrupt")) << "only what was read and is wrong is deleted";
 }
 
-TEST_F(BlockCacheTest, CheckTellsWithoutLoadingWhetherABlockCanBeRead) {
-  uint32_t failure = 77;
-  Make("sound");
-  EXPECT_TRUE(cache_.Check(PathOf("sound"), &failure));
-  EXPECT_EQ(failure, kStatusOk);
-  EXPECT_FALSE(IsCached("sound"));
+TEST_F(BlockCacheTest, ABlockThatWasSeenIsKnownToLackKeys) {
+  const BlockFilter::Probe mine("block1");
+  const BlockFilter::Probe other("nothing of the kind");
+  EXPECT_TRUE(cache_.MayContain("block1", PathOf("block1"), other)) << "nobody knows it";
+  for (int i = 0; i < 40; ++i) {
+    Make(Name(i));
+    if (i % 2 == 0) {
+      ASSERT_NE(Get(Name(i)), nullptr);
+    } else {
+      cache_.Put(Name(i), Load(PathOf(Name(i))));
+    }
+  }
+  for (const int i : {1, 2, 38, 39}) {
+    EXPECT_FALSE(cache_.MayContain(Name(i), PathOf(Name(i)), other)) << i;
+    EXPECT_EQ(cache_.MayContain(Name(i), PathOf(Name(i)), mine), i == 1) << i;
+  }
+  cache_.Erase(Name(2));
+  EXPECT_TRUE(cache_.MayContain(Name(2), PathOf(Name(2)), other));
+}
 
-  EXPECT_FALSE(cache_.Check(PathOf("missing"), &failure));
-  EXPECT_EQ(failure, kStatusOk);
+// A name may come to belong to another file. Nothing that is remembered may speak for it.
+TEST_F(BlockCacheTest, WhatIsRememberedOfABlockGoesWithItsFile) {
+  const BlockFilter::Probe added("added");
+  const auto owner = std::make_shared<int>(1);
+  const auto later = std::make_shared<int>(2);
+  Make("block");
+  const std::shared_ptr<Block> before = cache_.GetOrLoad("block", PathOf("block"), nullptr, owner);
+  for (int i = 0; i < 16; ++i) {
+    Make(Name(i));
+    ASSERT_NE(Get(Name(i)), nullptr);
+  }
+  EXPECT_FALSE(cache_.MayContain("block", PathOf("block"), added, later))
+      << "evicted, and the file is the same";
+  Store("other", BlockImage({{"added", "1"}, {"block", "2"}}).Bytes());
+  ASSERT_EQ(std::rename(PathOf("other").c_str(), PathOf("block").c_str()), 0);
+  EXPECT_FALSE(cache_.MayContain("block", PathOf("block"), added, later)) << "known through the same owner";
+  EXPECT_TRUE(cache_.MayContain("block", PathOf("block"), added, owner));
+  EXPECT_TRUE(cache_.GetOrLoad("block", PathOf("block"), nullptr, owner)->Contains("added"));
+}
 
-  Store("corrupt", "x");
-  EXPECT_FALSE(cache_.Check(PathOf("corrupt"), &failure));
-  EXPECT_EQ(failure, kStatusOk);
-  EXPECT_FALSE(Exists("corrupt"));
+TEST_F(BlockCacheTest, AnEvictedBlockIsNotReadAgainWhileItsFileIsTheSame) {
+  Make("block");
+  const std::shared_ptr<const BlockIndex> index = Get("block")->Index();
+  const auto evict = [this] {
+    for (int i = 0; i < 16; ++i) {
+      Make(Name(i));
+      ASSERT_NE(Get(Name(i)), nullptr);
+    }
+  };
+  evict();
+  const std::shared_ptr<Block> again = Get("block");
+  ASSERT_NE(again, nullptr);
+  EXPECT_EQ(again->Index(), index);
+  EXPECT_EQ(ReadValue(*again, "block").bytes, "value");
 
-  ASSERT_EQ(mkdir(PathOf("directory").c_str(), 0700), 0);
-  EXPECT_FALSE(cache_.Check(PathOf("directory"), &failure));
-  EXPECT_EQ(failure, kStatusBlockShortRead);
+  evict();
+  ASSERT_EQ(truncate(PathOf("block").c_str(), 200), 0);
+  uint32_t failure = kStatusOk;
+  EXPECT_EQ(Get("block", &failure), nullptr) << "the file has changed";
+  EXPECT_EQ(failure, kStatusBlockCorrupt);
+
+  Make("block");
+  ASSERT_NE(Get("block"), nullptr);
+  evict();
+  ASSERT_EQ(std::remove(PathOf("block").c_str()), 0);
+  EXPECT_EQ(Get("block", &failure), nullptr) << "the file is gone";
 }
 
 TEST_F(BlockCacheTest, NothingIsPrinted) {

@@ -6,6 +6,7 @@
 
 #include "block/log_cursor.h"
 #include "block/merge_cursor.h"
+#include "format/crc32c.h"
 #include "tests/block/block_fixture.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/file_image.h"
@@ -59,12 +60,12 @@ TEST_F(BlockWriterTest, AnEntryThatExpiresMeanwhileIsLeftOutOnlyOnDemand) {
 
 TEST_F(BlockWriterTest, AMergeCopiesMarkAndChecksumOfAnEntry) {
   BlockImage first({{"a", "1"}, {"c", "3"}});
-  first.file.Put32(first.EntryOffset(0) + 28, kCrcOfAOne).Put16(first.EntryOffset(0) + 38, 0x4B43);
+  first.file.Put32(first.EntryOffset(0) + 28, 0xC0FFEE).Put16(first.EntryOffset(0) + 38, 0x4B43);
   first.SealEntry(0);
   const std::string path = Store("first", first.Bytes());
   const std::string second = Store("second", BlockImage({{"b", "2"}}).Bytes());
   BlockImage expected({{"a", "1"}, {"b", "2"}, {"c", "3"}});
-  expected.file.Put32(expected.EntryOffset(0) + 28, kCrcOfAOne).Put16(expected.EntryOffset(0) + 38, 0x4B43);
+  expected.file.Put32(expected.EntryOffset(0) + 28, 0xC0FFEE).Put16(expected.EntryOffset(0) + 38, 0x4B43);
   expected.SealEntry(0);
   for (const bool loaded : {false, true}) {
     const std::shared_ptr<Block> block = loaded ? std::shared_ptr<Block>(Load(path)) : nullptr;
@@ -76,8 +77,6 @@ TEST_F(BlockWriterTest, AMergeCopiesMarkAndChecksumOfAnEntry) {
   }
 }
 
-constexpr uint32_t kCrcOfAOne = 0xA351BB80;  // CRC-32C of the key "a" and the value "one"
-
 TEST_F(BlockWriterTest, AFlushCarriesMarkAndChecksumOfARecordIntoItsEntry) {
   std::unique_ptr<Wal> wal = OpenWal();
   ASSERT_EQ(Insert(*wal, "a", "one"), kStatusOk);
@@ -85,13 +84,14 @@ TEST_F(BlockWriterTest, AFlushCarriesMarkAndChecksumOfARecordIntoItsEntry) {
   const uint64_t now = clock_.Now();
   wal.reset();
   FileImage log(ReadFile(PathOf("wal_v5")));
-  log.Put32(128 + 28, kCrcOfAOne).Put16(128 + 34, 0x4B43).Put8(128 + 9, 7).PutChecksum(128 + 36, 128, 36);
+  const uint32_t crc = Crc32c("aone", 4);
+  log.Put32(128 + 28, crc).Put16(128 + 34, 0x4B43).Put8(128 + 9, 7).PutChecksum(128 + 36, 128, 36);
   log.Put32(172 + 28, 0xC0FFEE).PutChecksum(172 + 36, 172, 36);
   WriteFile(PathOf("marked_log"), log.Bytes());
   wal = OpenWal(64 * 1024, "marked_log");
   const std::unique_ptr<Block> block = WriteFromWal(*wal, "block");
   BlockImage expected({{"a", "one", false, now}, {"b", "two", false, now}});
-  expected.file.Put32(expected.EntryOffset(0) + 28, kCrcOfAOne).Put16(expected.EntryOffset(0) + 38, 0x4B43);
+  expected.file.Put32(expected.EntryOffset(0) + 28, crc).Put16(expected.EntryOffset(0) + 38, 0x4B43);
   expected.SealEntry(0);
   EXPECT_TRUE(ReadFile(PathOf("block")) == expected.Bytes());
 }
