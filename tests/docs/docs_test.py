@@ -86,11 +86,15 @@ def join_literals(text):
 
 
 def printed_messages(root):
-    """The texts that are handed to whatever prints, with the place of each."""
+    """The texts that are handed to whatever prints, with the place of each. TellReason adds a path and the reason."""
     call = re.compile(r'\b(?:std::printf|Print|Printf|PrintMessage|Report|Tell)\(\s*"((?:[^"\\]|\\.)*)"')
-    for path in sources(root, (".cc", ".h")):
-        for message in call.findall(join_literals(path.read_text(encoding="utf-8"))):
+    reason = re.compile(r'\bTellReason\([^"]*?"((?:[^"\\]|\\.)*)"')
+    for path in sources(root):
+        text = join_literals(path.read_text(encoding="utf-8"))
+        for message in call.findall(text):
             yield path.relative_to(root), message
+        for message in reason.findall(text):
+            yield path.relative_to(root), message + " %s: %s\\n"
 
 
 def check_messages(root):
@@ -103,9 +107,9 @@ def check_messages(root):
             problems.append(f"messages.md has no row for {number} {name}")
     messages = set()
     for path, message in printed_messages(root):
+        if not re.search(r"[A-Za-z]{3}", message):
+            continue  # what puts the parts of a message together
         shown = message.replace("\\n", " (line end)").replace('\\"', '"').strip()
-        if not re.search(r"[A-Za-z]{3}", shown):
-            continue  # a separator between the parts of a message
         messages.add(shown)
         if f"| {shown} |" not in page:
             problems.append(f"messages.md has no row for {path}: {message}")
@@ -184,7 +188,7 @@ def check_examples(root, compiler, flags):
 def check_readme(root, compiler, library):
     """Builds the first C++ of README.md, runs it and compares with the transcript that follows."""
     text = (root / "README.md").read_text(encoding="utf-8")
-    match = re.search(r"^```cpp\n(.*?)^```\n+((?: {4}.*\n)+)", text, flags=re.S | re.M)
+    match = re.search(r"^```cpp\n(.*?)^```\n+((?: {4}[^\n]*\n)+)", text, flags=re.S | re.M)
     if match is None:
         return ["README.md has no example with a transcript"], "nothing"
     command, *expected = [line[4:] for line in match.group(2).splitlines()]
@@ -216,7 +220,7 @@ def main():
     elif what == "examples":
         problems, account = check_examples(root, sys.argv[3], sys.argv[4:])
     elif what == "readme":
-        problems, account = check_readme(root, sys.argv[3], sys.argv[4])
+        problems, account = check_readme(root, sys.argv[3], str(pathlib.Path(sys.argv[4]).resolve()))
     else:
         sys.exit(__doc__)
     for problem in problems:

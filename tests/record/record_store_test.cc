@@ -572,11 +572,11 @@ TEST_F(RecordStoreTest, WhateverIsTakenComesBackAsItWasPut) {
           break;
         case 2:
           entry.values.push_back(Value::FloatValue(0));
-          std::memcpy(&entry.values.back().numeric, &bits, 4);
+          std::memcpy(&entry.values.back().numeric.f32, &bits, 4);
           break;
         case 3:
           entry.values.push_back(Value::DoubleValue(0));
-          std::memcpy(&entry.values.back().numeric, &bits, 8);
+          std::memcpy(&entry.values.back().numeric.f64, &bits, 8);
           break;
         case 4:
           entry.values.push_back(Value::StringValue(*bytes));
