@@ -4,7 +4,7 @@
   docs_test.py links ROOT              every relative link leads to a file, and every anchor to a heading of it
   docs_test.py messages ROOT           messages.md has every status, and every message that the library's sources print
   docs_test.py compatibility ROOT      every "Compat: <id>" of the sources stands in compatibility.md, each id once
-  docs_test.py examples ROOT CXX [FLAG...]   the C++ of README.md and docs/guide compiles
+  docs_test.py examples ROOT CXX [FLAG...]   the C++ of README.md and docs/guide compiles, and the C as C99
   docs_test.py readme ROOT CXX LIBRARY       README.md's example prints what README.md says
 """
 
@@ -182,7 +182,18 @@ def check_examples(root, compiler, flags):
     problems = [result.stderr] if result.returncode != 0 else []
     if count == 0:
         problems.append("no C++ was found at all")
-    return problems, f"{count} pieces of C++"
+
+    programs = 0
+    for page in sorted((root / "docs/guide").glob("*.md")):
+        for code in re.findall(r"^```c\n(.*?)^```", page.read_text(encoding="utf-8"), flags=re.S | re.M):
+            programs += 1
+            result = subprocess.run(
+                [compiler, "-std=c99", "-pedantic", "-fsyntax-only", "-Wall", "-Wextra", "-Werror",
+                 f"-I{root / 'include'}", *flags, "-x", "c", "-"],
+                input=code, text=True, stderr=subprocess.PIPE, check=False)
+            if result.returncode != 0:
+                problems.append(f"{page}: {result.stderr}")
+    return problems, f"{count} pieces of C++, {programs} programs in C"
 
 
 def check_readme(root, compiler, library):
