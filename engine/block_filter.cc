@@ -2,16 +2,11 @@
 
 #include <string_view>
 
-#include "format/checksum.h"
 #include "format/key_filter.h"
 #include "format/scan_range.h"
 
 namespace Kestrun {
 namespace {
-
-uint32_t HashOf(std::string_view key) {
-  return FilterHash(reinterpret_cast<const uint8_t*>(key.data()), key.size(), kChecksumSeed);
-}
 
 // As Key::GetPrimary: the key up to its last dash, unless that is its first byte.
 std::string_view PrimaryOf(std::string_view key) {
@@ -27,9 +22,9 @@ std::vector<uint8_t> BuildBlockFilter(const Block& block) {
   for (uint32_t i = 0; i < block.Count(); ++i) {
     const std::string_view key = block.KeyAt(i);
     if (!InScanRange(key)) continue;
-    hashes.push_back(HashOf(key));
+    hashes.push_back(KeyHash(key));
     const std::string_view primary = PrimaryOf(key);
-    if (primary.size() != key.size()) hashes.push_back(HashOf(primary));
+    if (primary.size() != key.size()) hashes.push_back(KeyHash(primary));
   }
   return BuildKeyFilter(hashes);
 }

@@ -69,7 +69,9 @@ uint32_t Core::FindBlock(const Key& key, std::shared_ptr<Block>* found) const {
 }
 
 LogSection::LogSection(const Core& core, LockLevel level)
-    : file_(core.wal.File()), level_(level), status_(LockPatiently(*file_, level, core.patience)) {
+    : file_(core.wal.File()),
+      level_(level),
+      status_(LockPatiently(*file_, level, core.patience, &isEntered_)) {
   if (status_ == kStatusOk) {
     core.NoticeManifestChanges();
   } else {
@@ -78,21 +80,28 @@ LogSection::LogSection(const Core& core, LockLevel level)
 }
 
 LogSection::~LogSection() {
-  IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
+  if (isEntered_) IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
 }
 
 ManifestSection::ManifestSection(const Core& core, LockLevel level)
-    : file_(core.manifest.File()), level_(level), status_(LockPatiently(*file_, level, core.patience)) {
+    : file_(core.manifest.File()),
+      level_(level),
+      status_(LockPatiently(*file_, level, core.patience, &isEntered_)) {
   if (status_ != kStatusOk) core.diagnostics.Print("Failed lock manifest");
 }
 
 ManifestSection::~ManifestSection() {
-  IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
+  if (isEntered_) IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
 }
 
-uint32_t LockPatiently(OsFile& file, LockLevel level, const LockPatience& patience) {
-  if (patience.isOlderFace) return file.Lock(level);
-  return file.LockWithin(level, patience.milliseconds, patience.retries, patience.failures);
+uint32_t LockPatiently(OsFile& file, LockLevel level, const LockPatience& patience, bool* isEntered) {
+  if (patience.isOlderFace) {
+    *isEntered = true;
+    return file.Lock(level);
+  }
+  const uint32_t status = file.LockWithin(level, patience.milliseconds, patience.retries, patience.failures);
+  *isEntered = status == kStatusOk;
+  return status;
 }
 
 }  // namespace Kestrun

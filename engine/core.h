@@ -71,6 +71,7 @@ class [[nodiscard]] LogSection {
   std::shared_ptr<OsFile> file_;  // outlives the unlock
   LockLevel level_;
   uint32_t status_;
+  bool isEntered_;  // the older face enters a section also when it fails to lock
 };
 
 // The manifest locked for a scope. "Failed lock manifest" when it can't be locked.
@@ -86,9 +87,10 @@ class [[nodiscard]] ManifestSection {
   std::shared_ptr<OsFile> file_;
   LockLevel level_;
   uint32_t status_;
+  bool isEntered_;  // the older face enters a section also when it fails to lock
 };
 
-// Locks `file` as `patience` says. Unlock must follow, also after a failure.
-uint32_t LockPatiently(OsFile& file, LockLevel level, const LockPatience& patience);
+// Locks `file` as `patience` says. Unlock must follow if `*isEntered`.
+uint32_t LockPatiently(OsFile& file, LockLevel level, const LockPatience& patience, bool* isEntered);
 
 }  // namespace Kestrun

@@ -41,6 +41,10 @@ uint32_t FilterHash(const uint8_t* data, size_t size, uint32_t seed) {
   return hash;
 }
 
+uint32_t KeyHash(std::string_view key) {
+  return FilterHash(reinterpret_cast<const uint8_t*>(key.data()), key.size(), kChecksumSeed);
+}
+
 uint32_t KeyHash(const Key& key) {
   const uint8_t* data = key.Data();
   return FilterHash(data, data == nullptr ? 0 : key.Size(), kChecksumSeed);

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "kestrun/key.h"
@@ -18,6 +19,7 @@ uint32_t FilterHash(const uint8_t* data, size_t size, uint32_t seed);
 
 // The hash under which filters know a key.
 uint32_t KeyHash(const Key& key);
+uint32_t KeyHash(std::string_view key);
 
 // The filter over keys with these hashes: 8 bits per key, at least 64 bits and at most 32768, and 5 probes.
 // May throw std::bad_alloc.

@@ -1,8 +1,10 @@
 #include "storage/file_lock.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "kestrun/status.h"
@@ -18,6 +20,9 @@ static_assert(kLockRangeStart == kGateByte + kGateLength);
 
 constexpr int kLockAttempts = 4;
 constexpr useconds_t kLockRetryMicros = 1000;
+
+// Nobody who waits gives up sooner than those who only try.
+constexpr unsigned int kMinPatienceMillis = (kLockAttempts - 1) * kLockRetryMicros / 1000;
 
 // Both together, which is one range.
 constexpr int64_t kBothStart = kGateByte;
@@ -78,25 +83,68 @@ uint32_t InodeInfo::RaiseTo(LockLevel target, int descriptor) {
   return kStatusOk;
 }
 
-// A writer keeps the gate byte while it waits for the range, so that readers who come one after the other can't keep it
-// out for ever.
+namespace {
+
+// The lock that a waiting caller asks for, without waiting for it.
+bool TryLockByteRanges(int descriptor, LockLevel level) {
+  if (level == LockLevel::Exclusive) return TrySetLock(descriptor, F_WRLCK, kBothStart, kBothLength);
+  return TrySetLock(descriptor, F_RDLCK, kBothStart, kBothLength) &&
+         SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength);
+}
+
+// Whoever holds a lock mostly gives it up within microseconds: the processor is handed over first, then slept.
+void PauseBeforeTry(int tries) {
+  constexpr int kYields = 64;
+  constexpr int kMinSleepMicros = 20;
+  constexpr int kMaxDoublings = 5;
+  if (tries < kYields) {
+    sched_yield();
+  } else {
+    usleep(static_cast<useconds_t>(kMinSleepMicros << std::min((tries - kYields) / 8, kMaxDoublings)));
+  }
+}
+
+}  // namespace
+
 uint32_t InodeInfo::RaiseWithin(LockLevel target, int descriptor, unsigned int milliseconds,
                                 std::atomic<uint64_t>* retries, std::atomic<uint64_t>* failures) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-  for (bool isFirst = true;; isFirst = false) {
-    Enter();
-    if (RaiseTo(target, descriptor) == kStatusOk) return kStatusOk;
-    // What the tries have left locked, unless an outer section holds a lock.
-    if (level == LockLevel::None) {
-      static_cast<void>(SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength + kLockRangeLength));
+  if (TryEnter()) {
+    if (level >= target || TryLockByteRanges(descriptor, target)) {
+      level = std::max(level, target);
+      return kStatusOk;
     }
-    if (isFirst) ++*retries;
-    if (std::chrono::steady_clock::now() >= deadline) {
+    Leave();
+  }
+  return WaitFor(target, descriptor, std::max(milliseconds, kMinPatienceMillis), retries, failures);
+}
+
+// A writer takes the gate byte while it waits for the range, so that readers who come one after the other can't keep it
+// out for ever.
+uint32_t InodeInfo::WaitFor(LockLevel target, int descriptor, unsigned int milliseconds,
+                            std::atomic<uint64_t>* retries, std::atomic<uint64_t>* failures) {
+  constexpr int kTriesBeforeGate = 8;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+  ++*retries;
+  bool hasGate = false;
+  for (int tries = 0;; ++tries) {
+    const bool isLast = std::chrono::steady_clock::now() >= deadline;
+    if (TryEnter()) {
+      if (level >= target || TryLockByteRanges(descriptor, target)) {
+        level = std::max(level, target);
+        return kStatusOk;
+      }
+      if (isLast && hasGate && level < LockLevel::Shared) {
+        static_cast<void>(SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength));
+      } else if (target == LockLevel::Exclusive && tries >= kTriesBeforeGate && level < LockLevel::Shared) {
+        hasGate = TrySetLock(descriptor, F_WRLCK, kGateByte, kGateLength) || hasGate;
+      }
+      Leave();
+    }
+    if (isLast) {
       ++*failures;
       return kStatusLockFailed;
     }
-    Leave();
-    usleep(kLockRetryMicros);
+    PauseBeforeTry(tries);
   }
 }
 

@@ -3,20 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
-#include "format/checksum.h"
 #include "format/crc32c.h"
+#include "format/wal_reader.h"
 
 namespace Kestrun {
 
-// A record that reaches beyond the used area is not followed: what is appended next would lie inside it and never be
-// replayed.
 bool LogBytes::ReadRecord(uint64_t offset, uint64_t used, WalRecord* record) const {
-  const uint64_t limit = std::min<uint64_t>(used, capacity);
-  if (offset + sizeof(WalRecord) >= limit) return false;
-  std::memcpy(record, base + offset, sizeof(WalRecord));
-  if (StoreChecksum(record, WalRecordOffset::kChecksum) != record->checksum || record->keySize == 0)
-    return false;
-  return offset + sizeof(WalRecord) + record->keySize + record->valueSize <= limit;
+  return WalRecordFits(offset, used, capacity) &&
+         CheckWalRecord(base + offset, offset, used, capacity, record) == WalEnd::Complete;
 }
 
 bool LogStaleness::NeedsFullReplay(const LogBytes& log, uint32_t used, bool indexIsEmpty) const {

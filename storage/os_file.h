@@ -65,7 +65,7 @@ class OsFile {
   // a lock can't be released; the level stays on record.
   [[nodiscard]] uint32_t Unlock(LockLevel level);
 
-  // Lock that is tried for `milliseconds`; see InodeInfo::RaiseWithin. Unlock must follow, also after a failure.
+  // Lock that is tried for `milliseconds`; see InodeInfo::RaiseWithin. Unlock must follow unless it fails.
   [[nodiscard]] uint32_t LockWithin(LockLevel level, unsigned int milliseconds,
                                     std::atomic<uint64_t>* retries, std::atomic<uint64_t>* failures);
 

@@ -12,6 +12,7 @@
 #include "base/page_size.h"
 #include "format/checksum.h"
 #include "format/crc32c.h"
+#include "format/wal_reader.h"
 #include "kestrun/status.h"
 #include "storage/published_header.h"
 
@@ -37,12 +38,6 @@ std::string_view View(const Key& key) {
 
 Key ToKey(std::string_view key) {
   return Key(reinterpret_cast<const unsigned char*>(key.data()), static_cast<unsigned short>(key.size()));
-}
-
-uint32_t EpochOf(const WalRecord& record) {
-  uint32_t epoch = 0;
-  std::memcpy(&epoch, record.epoch, sizeof(epoch));
-  return epoch;
 }
 
 std::string_view KeyAt(const LogBytes& log, uint64_t offset, const WalRecord& record) {
@@ -284,7 +279,7 @@ void Wal::Replay(uint32_t used) {
 
 // What a marked record promises of its content. `*epoch` is that of the marked records before it.
 bool Wal::IsContentSound(uint64_t offset, const WalRecord& record, bool* hasEpoch, uint32_t* epoch) const {
-  if (record.mark != kChecksummedMark) return true;
+  if (!IsMarked(record)) return true;
   if (*hasEpoch && EpochOf(record) != *epoch) return false;
   if (Crc32c(base_ + offset + sizeof(record), size_t{record.keySize} + record.valueSize) != record.crc)
     return false;

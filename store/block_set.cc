@@ -35,7 +35,7 @@ uint32_t ReadBlockValue(const Block& block, uint32_t i, std::string_view key, st
 uint32_t FindInBlocks(const BlockSet& blocks, std::string_view key, const Block** block, uint32_t* index) {
   *block = nullptr;
   if (blocks.empty()) return kStatusOk;
-  const uint32_t hash = KeyHash(ToKey(key));
+  const uint32_t hash = KeyHash(key);
   for (auto open = blocks.rbegin(); open != blocks.rend(); ++open) {
     if (!KeyFilterMayContain(hash, open->entry->filter)) continue;
     if (open->block == nullptr) return kStatusBlockCorrupt;

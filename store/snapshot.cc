@@ -7,6 +7,7 @@
 #include "base/catch_bad_alloc.h"
 #include "base/clock.h"
 #include "format/crc32c.h"
+#include "format/wal_reader.h"
 #include "kestrun/status.h"
 #include "store/cursor_impl.h"
 #include "store/key_rules.h"
@@ -17,7 +18,7 @@ namespace Kestrun {
 bool IsRecordContentSound(const uint8_t* record, std::string_view key, std::string_view value) {
   WalRecord header;
   std::memcpy(&header, record, sizeof(header));
-  if (header.mark != kChecksummedMark) return true;
+  if (!IsMarked(header)) return true;
   return Crc32c(value.data(), value.size(), Crc32c(key.data(), key.size())) == header.crc;
 }
 

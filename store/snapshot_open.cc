@@ -54,7 +54,9 @@ class ReadSection {
   explicit ReadSection(std::shared_ptr<OsFile> file) : file_(std::move(file)) {
     status_ = file_->LockWithin(LockLevel::Shared, kLockMilliseconds, &retries_, &failures_);
   }
-  ~ReadSection() { IgnoreStatus(file_->Unlock(LockLevel::Shared)); }  // nobody is left to tell
+  ~ReadSection() {
+    if (status_ == kStatusOk) IgnoreStatus(file_->Unlock(LockLevel::Shared));  // nobody is left to tell
+  }
   ReadSection(const ReadSection&) = delete;
   ReadSection& operator=(const ReadSection&) = delete;
   uint32_t Status() const { return status_; }
@@ -136,8 +138,8 @@ uint32_t ReadManifest(const std::string& path, BlockEntries* entries) {
     std::vector<uint8_t> bytes(static_cast<size_t>(size - sizeof(ManifestHeader)));
     if (!ReadExactly(source, sizeof(ManifestHeader), bytes.data(), bytes.size()))
       return kStatusManifestUnreadable;
-    if (state == JournalState::Complete &&
-        IsRewritePending(journal, header.header.generation, bytes.data(), bytes.size())) {
+    if (state == JournalState::Complete && ExamineRewrite(journal, header.header.generation, bytes.data(),
+                                                          bytes.size()) == RewriteState::Pending) {
       MemorySource rewritten(journal.entries.data(), journal.entries.size());
       return ReadEntries(rewritten, journal.entries.size(), 0, entries);
     }

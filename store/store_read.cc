@@ -35,13 +35,11 @@ uint32_t Store::Impl::LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::s
     ++counters_.blockHits;
     return kStatusOk;
   }
-  Block* loaded = nullptr;
+  uint32_t status = kStatusOk;
   errno = 0;
-  const uint32_t status = Block::Load(path, &loaded);
-  if (status == kStatusOk) {
+  *block = cache_.GetOrLoad(entry->name, path, &status, entry);
+  if (*block != nullptr) {
     ++counters_.blockLoads;
-    block->reset(loaded);
-    cache_.Put(entry->name, *block, entry);
     return kStatusOk;
   }
   const int error = errno;
@@ -63,11 +61,15 @@ uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>*
   ManifestListPointer list;
   if (const uint32_t status = manifest_->LoadUnlocked(&list); status != kStatusOk) return status;
   if (list->entries.empty()) return kStatusOk;
-  const uint32_t hash = KeyHash(ToKey(key));
+  const uint32_t hash = KeyHash(key);
+  const BlockFilter::Probe probe(key);
   for (int reads = 1;; ++reads) {
     uint32_t status = kStatusOk;
     for (auto entry = list->entries.rbegin(); entry != list->entries.rend() && status == kStatusOk; ++entry) {
-      if (!KeyFilterMayContain(hash, (*entry)->filter)) continue;
+      if (!KeyFilterMayContain(hash, (*entry)->filter) ||
+          !cache_.MayContain((*entry)->name, core_.BlockPath((*entry)->name), probe, *entry)) {
+        continue;
+      }
       std::shared_ptr<Block> candidate;
       status = LoadBlock(*entry, &candidate);
       if (status != kStatusOk) break;
