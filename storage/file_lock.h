@@ -54,9 +54,10 @@ struct InodeInfo {
   // is tried four times, 1 ms apart. After kStatusLockFailed the record is as it was, and a gate byte that
   // was locked stays locked.
   [[nodiscard]] uint32_t RaiseTo(LockLevel target, int descriptor);
-  // Enters a section and takes the byte-range locks of `target`, Shared or Exclusive, trying both for `milliseconds`,
-  // and for about 3 in any case. After kStatusLockFailed nothing is entered and nothing stays locked. The counters
-  // count the times that the lock was not had at once and the times that it was given up.
+  // Enters a section and takes the byte-range locks of `target`, Shared or Exclusive, trying both for
+  // `milliseconds`, and for about 3 in any case. After kStatusLockFailed nothing is entered and nothing stays
+  // locked. The counters count the times that the lock was not had at once and the times that it was given
+  // up.
   [[nodiscard]] uint32_t RaiseWithin(LockLevel target, int descriptor, unsigned int milliseconds,
                                      std::atomic<uint64_t>* retries, std::atomic<uint64_t>* failures);
   // Drops the locks and the level on record, if that is at least `held`. kStatusLockFailed when a lock can't

@@ -223,7 +223,7 @@ uint32_t Manifest::PrepareChange(ManifestHeader* header, ManifestListPointer* li
   return kStatusOk;
 }
 
-// Only the bytes that decide are read: a manifest that another list belongs to is not.
+// The entries are read only if they decide: not if the journal belongs to another list.
 Manifest::PendingRewrite Manifest::FindPendingRewrite(const ManifestHeader& header,
                                                       ManifestJournal* journal) const {
   bool unreadable = false;
