@@ -46,7 +46,7 @@ if(NOT OHOS)
   set(document_directory ${CMAKE_INSTALL_DATAROOTDIR}/doc/kestrun2)
   install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${document_directory})
   install(DIRECTORY docs examples DESTINATION ${document_directory} FILES_MATCHING
-    PATTERN "*.md" PATTERN "*.svg" PATTERN "*.cc" PATTERN "*.csv" PATTERN "man" EXCLUDE)
+    PATTERN "*.md" PATTERN "*.svg" PATTERN "*.cc" PATTERN "*.py" PATTERN "*.csv" PATTERN "man" EXCLUDE PATTERN "doxygen_comments.py" EXCLUDE)
 endif()
 
 # `cpack` in the build directory makes one Debian package of library, headers and program.
