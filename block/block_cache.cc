@@ -127,16 +127,29 @@ std::shared_ptr<Block> BlockCache::FindLocked(const std::string& name, const std
 bool BlockCache::MayContain(const std::string& name, const std::string& path, const BlockFilter::Probe& probe,
                             const std::shared_ptr<const void>& owner) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  const BlockFilter* filter = FindFilter(name, path, owner);
+  return filter == nullptr || filter->MayContain(probe);
+}
+
+bool BlockCache::FilterKnows(const std::string& name, const std::string& path,
+                             const BlockFilter::Probe& probe, const std::shared_ptr<const void>& owner) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const BlockFilter* filter = FindFilter(name, path, owner);
+  return filter != nullptr && filter->MayContain(probe);
+}
+
+const BlockFilter* BlockCache::FindFilter(const std::string& name, const std::string& path,
+                                          const std::shared_ptr<const void>& owner) {
   Filtered* filtered = filters_.Find(name);
-  if (filtered == nullptr) return true;
+  if (filtered == nullptr) return nullptr;
   if (owner == nullptr || filtered->owner != owner) {
     if (!(filtered->stamp == StampOf(path))) {
       filters_.Erase(name);
-      return true;
+      return nullptr;
     }
     filtered->owner = owner;
   }
-  return filtered->filter->MayContain(probe);
+  return filtered->filter.get();
 }
 
 void BlockCache::Put(const std::string& name, const std::shared_ptr<Block>& block,

@@ -48,6 +48,9 @@ class BlockCache {
   // anything. `path` and `owner` as above.
   bool MayContain(const std::string& name, const std::string& path, const BlockFilter::Probe& probe,
                   const std::shared_ptr<const void>& owner = nullptr);
+  // The same, but a block that the cache has never had contains nothing.
+  bool FilterKnows(const std::string& name, const std::string& path, const BlockFilter::Probe& probe,
+                   const std::shared_ptr<const void>& owner = nullptr);
   // Makes `block` the most recent one, in the place of any other of that name, and evicts the one used longest ago
   // when there are more than the capacity. `owner` as above.
   void Put(const std::string& name, const std::shared_ptr<Block>& block,
@@ -104,6 +107,8 @@ class BlockCache {
   };
   using Blocks = std::list<Cached>;
 
+  const BlockFilter* FindFilter(const std::string& name, const std::string& path,
+                                const std::shared_ptr<const void>& owner);
   static FileStamp StampOf(const std::string& path);
   std::shared_ptr<Block> FindLocked(const std::string& name, const std::string& path,
                                     const std::shared_ptr<const void>& owner);

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <new>
+#include <system_error>
 
 #include "base/catch_bad_alloc.h"
 #include "kestrun/status.h"
@@ -24,6 +24,7 @@ constexpr uint64_t kMaxMergedBytes = uint64_t{3} << 30;
 constexpr double kMaxHiddenPart = 0.3;
 // So many keys of each block are looked up in the older ones to find that out.
 constexpr uint32_t kSamples = 32;
+constexpr size_t kMaxRemembered = 4096;
 
 size_t TierOf(uint64_t size, uint64_t unit) {
   size_t tier = 0;
@@ -82,41 +83,39 @@ MergeChoice ChooseMerge(const std::vector<uint64_t>& sizes, uint64_t unit) {
   return best;
 }
 
-AutoCompact::AutoCompact(Store::Impl& store) : store_(store), processId_(getpid()) {
+AutoCompact::AutoCompact(Store::Impl& store)
+    : store_(store), processId_(getpid()), signal_(std::make_unique<Signal>()) {
   const SignalBlock block;
   thread_ = std::thread([this] { Run(); });
 }
 
 AutoCompact::~AutoCompact() {
   if (getpid() != processId_) {
-    // The thread does not exist in a forked child.
+    // The thread does not exist in a forked child, where what it waited for can't be destroyed.
     thread_.detach();
+    static_cast<void>(signal_.release());
     return;
   }
   stop_.store(true, std::memory_order_relaxed);
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    isAwake_ = true;
-  }
-  wake_.notify_one();
+  Wake();
   thread_.join();
 }
 
 void AutoCompact::Wake() {
   if (getpid() != processId_) return;  // another thread may have held the mutex when the child was made
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    isAwake_ = true;
+    const std::lock_guard<std::mutex> lock(signal_->mutex);
+    signal_->isAwake = true;
   }
-  wake_.notify_one();
+  signal_->wake.notify_one();
 }
 
 void AutoCompact::Run() {
   while (!stop_.load(std::memory_order_relaxed)) {
     {
-      std::unique_lock<std::mutex> lock(mutex_);
-      wake_.wait(lock, [this] { return isAwake_; });
-      isAwake_ = false;
+      std::unique_lock<std::mutex> lock(signal_->mutex);
+      signal_->wake.wait(lock, [this] { return signal_->isAwake; });
+      signal_->isAwake = false;
     }
     while (!stop_.load(std::memory_order_relaxed) && MergeOnce()) {
     }
@@ -136,64 +135,65 @@ uint32_t Store::Impl::MergeNext(const std::atomic<bool>* stop, bool* done) {
   if (!turn.IsOurs()) return kStatusOk;
   ManifestListPointer list;
   if (const uint32_t status = manifest_->LoadUnlocked(&list); status != kStatusOk) return status;
-  if (list->entries.size() < 2) return kStatusOk;
+  const BlockEntries& entries = list->entries;
+  if (entries.size() < 2) return kStatusOk;
 
   std::vector<uint64_t> sizes;
-  for (const std::shared_ptr<BlockEntry>& entry : list->entries) {
+  for (const std::shared_ptr<BlockEntry>& entry : entries) {
     struct stat info = {};
     if (stat(core_.BlockPath(entry->name).c_str(), &info) != 0)
       return kStatusOpenFailed;  // merged by another process
     sizes.push_back(static_cast<uint64_t>(info.st_size));
   }
-  MergeChoice choice = ChooseMerge(sizes, wal_->Capacity());
+  MergeChoice choice = ChooseMerge(sizes, options_.logSize);
   if (choice.count == 0) {
-    bool hidesMuch = false;
-    if (const uint32_t status = HidesMuch(list->entries, sizes, stop, &hidesMuch); status != kStatusOk)
-      return status;
-    if (hidesMuch) choice = {0, sizes.size()};
+    double bytes = 0;
+    double hidden = 0;
+    for (size_t i = 0; i < entries.size(); ++i) {
+      bytes += static_cast<double>(sizes[i]);
+      hidden += static_cast<double>(sizes[i]) * EstimateHidden(entries, i);
+    }
+    if (hidden > bytes * kMaxHiddenPart && bytes < static_cast<double>(kMaxMergedBytes))
+      choice = {0, entries.size()};
   }
   if (choice.count == 0) return kStatusOk;
-  const auto begin = list->entries.begin() + static_cast<ptrdiff_t>(choice.first);
+  const auto begin = entries.begin() + static_cast<ptrdiff_t>(choice.first);
   const BlockEntries run(begin, begin + static_cast<ptrdiff_t>(choice.count));
   return MergeRun(run, choice.first == 0, stop, done);
 }
 
-// Estimates, by keys of each block that are looked up in the older ones, how much of all entries is hidden.
-uint32_t Store::Impl::HidesMuch(const BlockEntries& entries, const std::vector<uint64_t>& sizes,
-                                const std::atomic<bool>* stop, bool* much) {
-  *much = false;
-  uint64_t bytes = 0;
-  for (const uint64_t size : sizes) bytes += size;
-  if (bytes > kMaxMergedBytes) return kStatusOk;
-
-  std::vector<std::shared_ptr<Block>> blocks;
-  double total = 0;
-  double hidden = 0;
-  for (const std::shared_ptr<BlockEntry>& entry : entries) {
-    if (stop->load(std::memory_order_relaxed)) return kStatusLockFailed;
-    std::shared_ptr<Block> block;
-    if (const uint32_t status = LoadBlock(entry, &block); status != kStatusOk) return status;
-    const uint32_t count = block->Count();
-    const uint32_t samples = std::min(count, kSamples);
-    uint32_t found = 0;
-    for (uint32_t i = 0; i < samples; ++i) {
-      const auto place = static_cast<uint32_t>(uint64_t{count} * i / samples);
-      const std::string_view key = block->KeyAt(place);
-      const bool hides = std::any_of(blocks.begin(), blocks.end(), [&](const std::shared_ptr<Block>& older) {
-        return older->Find(key) != older->Count();
-      });
-      if (hides) ++found;
-    }
-    total += count;
-    if (samples != 0) hidden += static_cast<double>(count) * found / samples;
-    blocks.push_back(std::move(block));
+// By keys of the block that the filters of the older ones know. A block that is not in memory is not loaded for it; what
+// was found out about a block is remembered, because it was in memory once, when it was written.
+double Store::Impl::EstimateHidden(const BlockEntries& entries, size_t newer) {
+  const std::shared_ptr<BlockEntry>& entry = entries[newer];
+  const auto known = hiddenParts_.find(entry->name);
+  if (known != hiddenParts_.end()) return known->second;
+  const std::shared_ptr<Block> block = cache_.Find(entry->name, core_.BlockPath(entry->name), entry);
+  if (block == nullptr) return 0;
+  const uint32_t samples = std::min(block->Count(), kSamples);
+  uint32_t found = 0;
+  for (uint32_t i = 0; i < samples; ++i) {
+    const auto place = static_cast<uint32_t>(uint64_t{block->Count()} * i / samples);
+    const DataEntry described = block->EntryAt(place);
+    const BlockFilter::Probe probe(block->KeyAt(place));
+    const bool hides =
+        std::any_of(entries.begin(), entries.begin() + static_cast<ptrdiff_t>(newer),
+                    [&](const std::shared_ptr<BlockEntry>& older) {
+                      return cache_.FilterKnows(older->name, core_.BlockPath(older->name), probe, older);
+                    });
+    if (hides || described.deleted) ++found;
   }
-  *much = hidden > total * kMaxHiddenPart;
-  return kStatusOk;
+  if (hiddenParts_.size() >= kMaxRemembered) hiddenParts_.clear();
+  return hiddenParts_[entry->name] = samples == 0 ? 0 : static_cast<double>(found) / samples;
 }
 
-void Store::Impl::StartAutoCompact() {
-  autoCompact_ = std::make_unique<AutoCompact>(*this);
+uint32_t Store::Impl::StartAutoCompact() {
+  try {
+    autoCompact_ = std::make_unique<AutoCompact>(*this);
+  } catch (const std::system_error&) {
+    return kStatusNoMemory;  // the system has no room for a thread
+  }
+  return kStatusOk;
 }
 
 }  // namespace Kestrun

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -48,9 +49,12 @@ class AutoCompact {
   Store::Impl& store_;
   const int processId_;
   std::atomic<bool> stop_{false};
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool isAwake_ = true;  // guarded by mutex_: there may have been flushes before
+  struct Signal {
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool isAwake = true;  // guarded by mutex; there may have been flushes before
+  };
+  std::unique_ptr<Signal> signal_;
   std::thread thread_;
 };
 

@@ -33,11 +33,11 @@ Store::Impl::MergeTurn::~MergeTurn() {
 uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std::atomic<bool>* stop,
                                bool* done) {
   *done = false;
+  // A block that is in memory is merged from there and from its open file; others are read forward.
   std::vector<BlockSource> sources;
   for (const std::shared_ptr<BlockEntry>& entry : run) {
-    std::shared_ptr<Block> block;
-    if (const uint32_t status = LoadBlock(entry, &block); status != kStatusOk) return status;
-    sources.push_back({core_.BlockPath(entry->name), std::move(block)});
+    const std::string path = core_.BlockPath(entry->name);
+    sources.push_back({path, cache_.Find(entry->name, path, entry)});
   }
 
   PendingBlockFile file;
@@ -46,8 +46,9 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
   MergeOptions options;
   options.keepsHidden = !toOldest;
   options.stop = stop;
-  if (const uint32_t status = Block::Merge(file.Path(), sources, options, &written); status != kStatusOk)
-    return status;
+  if (const uint32_t status = Block::Merge(file.Path(), sources, options, &written); status != kStatusOk) {
+    return status == kStatusBlockWriteFailed ? ExplainFailedMerge(run, stop) : status;
+  }
   const std::shared_ptr<Block> block(written);
   const std::vector<uint8_t> filter = BuildBlockFilter(*block);
   {
@@ -73,6 +74,16 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
     IgnoreStatus(std::remove(core_.BlockPath(entry->name).c_str()));  // an orphan only takes up space
   }
   return kStatusOk;
+}
+
+// A source that can't be read has a status of its own.
+uint32_t Store::Impl::ExplainFailedMerge(const BlockEntries& run, const std::atomic<bool>* stop) {
+  if (stop != nullptr && stop->load(std::memory_order_relaxed)) return kStatusLockFailed;
+  for (const std::shared_ptr<BlockEntry>& entry : run) {
+    std::shared_ptr<Block> block;
+    if (const uint32_t status = LoadBlock(entry, &block); status != kStatusOk) return status;
+  }
+  return kStatusBlockWriteFailed;
 }
 
 uint32_t Store::Impl::Compact() {

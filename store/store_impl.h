@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "engine/core.h"
@@ -85,14 +86,18 @@ class Store::Impl {
   uint32_t FillCheckpoint(const Snapshot::Impl& snapshot, const std::string& partial,
                           const std::string& target);
 
+  uint32_t ExplainFailedMerge(const BlockEntries& run, const std::atomic<bool>* stop);
+
   // Whether a merge would drop something of a block that has no older one.
   uint32_t HasHidden(const std::shared_ptr<BlockEntry>& entry, bool* hasHidden);
   // Merges what AutoCompact would have merged next; `*done` false when there is nothing to do, or another process is at
   // it.
   uint32_t MergeNext(const std::atomic<bool>* stop, bool* done);
-  uint32_t HidesMuch(const BlockEntries& entries, const std::vector<uint64_t>& sizes,
-                     const std::atomic<bool>* stop, bool* much);
-  void StartAutoCompact();
+  // The part of the entries of block `newer` that hides entries of the blocks before it in the list, from 0 to 1, as far
+  // as is known without loading anything.
+  double EstimateHidden(const BlockEntries& entries, size_t newer);
+  // kStatusNoMemory when there is no room for the thread.
+  uint32_t StartAutoCompact();
 
   const std::string path_;
   const StoreOptions options_;
@@ -120,8 +125,9 @@ class Store::Impl {
   uint32_t SearchBlocks(std::string_view key, std::shared_ptr<Block>* block, uint32_t* index);
 
   std::atomic<std::thread::id> bodyThread_{std::thread::id()};
-  std::shared_ptr<const BlockSet> lastSet_;   // guarded by the log's lock
-  std::unique_ptr<AutoCompact> autoCompact_;  // null when it is off; goes first
+  std::weak_ptr<const BlockSet> lastSet_;              // guarded by the log's lock
+  std::unordered_map<std::string, double> hiddenParts_;  // of blocks by name; for the thread of autoCompact_
+  std::unique_ptr<AutoCompact> autoCompact_;             // null when it is off; goes first
 };
 
 // Sees to it that a full disk, missing permission or another failure of the system has its reason told.

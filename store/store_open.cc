@@ -121,7 +121,9 @@ uint32_t Store::Open(const std::string& path, const StoreOptions& options, std::
     }
     auto impl = std::make_unique<Impl>(path, options, std::move(wal), std::move(manifest));
     if (const uint32_t status = GrowLog(impl->core_, options.logSize); status != kStatusOk) return status;
-    if (options.autoCompact) impl->StartAutoCompact();
+    if (options.autoCompact) {
+      if (const uint32_t status = impl->StartAutoCompact(); status != kStatusOk) return status;
+    }
     out->reset(new Store(std::move(impl)));
     return kStatusOk;
   });

@@ -1,6 +1,7 @@
 // Reading: single keys, the list of blocks, snapshots, figures.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <unordered_set>
@@ -14,9 +15,6 @@
 
 namespace Kestrun {
 namespace {
-
-// Of so many blocks the last set is kept for the next snapshot: more would take too many descriptors.
-constexpr size_t kMaxKeptSet = 64;
 
 // A list that another process keeps changing is read again so often.
 constexpr int kMaxListReads = 20;
@@ -131,15 +129,14 @@ uint32_t Store::Impl::OpenBlocks(std::shared_ptr<const BlockSet>* blocks) {
     ManifestListPointer list;
     if (const uint32_t status = manifest_->LoadUnlocked(&list); status != kStatusOk) return status;
     const BlockEntries& entries = list->entries;
-    const auto isSame = [&] {
-      if (lastSet_ == nullptr || lastSet_->size() != entries.size()) return false;
-      for (size_t i = 0; i < entries.size(); ++i) {
-        if ((*lastSet_)[i].entry != entries[i] || (*lastSet_)[i].block == nullptr) return false;
-      }
-      return true;
-    };
-    if (isSame()) {
-      *blocks = lastSet_;
+    const std::shared_ptr<const BlockSet> last = lastSet_.lock();
+    const bool isSame =
+        last != nullptr && std::equal(last->begin(), last->end(), entries.begin(), entries.end(),
+                                      [](const OpenBlock& open, const auto& entry) {
+                                        return open.entry == entry && open.block != nullptr;
+                                      });
+    if (isSame) {
+      *blocks = last;
       return kStatusOk;
     }
 
@@ -148,8 +145,8 @@ uint32_t Store::Impl::OpenBlocks(std::shared_ptr<const BlockSet>* blocks) {
     bool isComplete = true;
     for (const std::shared_ptr<BlockEntry>& entry : entries) {
       OpenBlock open = {entry, nullptr};
-      if (lastSet_ != nullptr) {
-        for (const OpenBlock& known : *lastSet_) {
+      if (last != nullptr) {
+        for (const OpenBlock& known : *last) {
           if (known.entry == entry) open.block = known.block;
         }
       }
@@ -168,7 +165,7 @@ uint32_t Store::Impl::OpenBlocks(std::shared_ptr<const BlockSet>* blocks) {
       if (again->entries != entries) continue;
     }
     *blocks = set;
-    lastSet_ = set->size() <= kMaxKeptSet ? set : nullptr;
+    lastSet_ = set;
     return kStatusOk;
   }
 }

@@ -20,7 +20,11 @@ uint32_t Store::Impl::PrepareLog() {
   if (wal_->ReplayedEnd() >= used) return kStatusOk;
   if (const uint32_t status = SaveUnreachable(core_, wal_->ReplayedEnd(), used); status != kStatusOk)
     return status;
-  return FlushLocked();
+  if (wal_->Index().KeyCount() != 0) return FlushLocked();
+  wal_->PrepareReset();
+  IgnoreStatus(wal_->Reset());  // always succeeds
+  wal_->SyncFirstPage();
+  return kStatusOk;
 }
 
 uint32_t Store::Impl::FlushLocked() {
