@@ -87,8 +87,8 @@ uint32_t RecordStore::Impl::Decode(std::string_view bytes, std::unique_ptr<Recor
   const auto size = static_cast<uint32_t>(bytes.size());
   uint16_t id = 0;
   std::memcpy(&id, bytes.data() + kRecordTypeOffset, sizeof(id));
-  const RecordMeta* meta = schema->FindRecordMeta(id);
-  if (meta == nullptr) return kStatusRecordTypeUnknown;
+  RecordMeta* meta = nullptr;
+  if (const uint32_t status = schema->FindUnlocked(id, &meta); status != kStatusOk) return status;
 
   std::unique_ptr<unsigned char, FreeMemory> copy(static_cast<unsigned char*>(std::malloc(size)));
   if (copy == nullptr) return kStatusNoMemory;

@@ -127,7 +127,9 @@ Schema::ReadResult Schema::Read() {
 }
 
 RecordMeta* Schema::GetOrCreateRecordMeta(const std::string& text) {
-  if (RecordMeta* known = metasByText_.Find(text)) return known;
+  if (!isUnsynced_) {
+    if (RecordMeta* known = metasByText_.Find(text)) return known;
+  }
 
   // The shared level, although a line may be written, and whether or not it is obtained: so do all others.
   const FileLockGuard lock(file_, LockLevel::Shared);
@@ -161,6 +163,7 @@ RecordMeta* Schema::Create(const std::string& text) {
 }
 
 RecordMeta* Schema::FindUnambiguous(const std::string& text) const {
+  if (isUnsynced_) return nullptr;
   RecordMeta* meta = metasByText_.Find(text);
   return meta != nullptr && metasById_.Find(meta->id) == meta ? meta : nullptr;
 }
@@ -197,6 +200,15 @@ uint32_t Schema::AppendNewType(const std::string& text) {
   while (id <= UINT16_MAX && metasById_.Find(static_cast<uint16_t>(id)) != nullptr) ++id;
   if (id > UINT16_MAX) return kStatusCreateFailed;
   return AppendLine(SchemaLine(id, text)) ? kStatusOk : kStatusCreateFailed;
+}
+
+uint32_t Schema::FindUnlocked(uint16_t id, RecordMeta** out) {
+  if ((*out = metasById_.Find(id)) != nullptr) return kStatusOk;
+
+  const FileLockGuard lock(file_, LockLevel::ThreadOnly);
+  const ReadResult result = Read();
+  if ((*out = metasById_.Find(id)) != nullptr) return kStatusOk;
+  return result == ReadResult::Complete ? kStatusRecordTypeUnknown : kStatusOpenFailed;
 }
 
 std::vector<std::string> Schema::Texts() {

@@ -13,6 +13,7 @@
 // Failure:   null where there is no record type; std::bad_alloc is thrown, locks are released.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -52,7 +53,8 @@ class Schema {
   // - the line could not be synced. It stays, since others may have seen it, and the next call tries once more.
   RecordMeta* GetOrCreateRecordMeta(const std::string& text);
 
-  // The record type of `text` when it is known and its number leads to it and to no other; or null. Takes no lock.
+  // The record type of `text` when it is known, its number leads to it and to no other, and every line that this handle
+  // has written is synced; or null. Takes no lock.
   RecordMeta* FindUnambiguous(const std::string& text) const;
 
   // The record type of `text`, which is one and holds no '#', line break or NUL. It is created when it is not known,
@@ -65,6 +67,13 @@ class Schema {
   // kStatusSyncFailed    the line could not be synced; the next call tries once more
   [[nodiscard]] uint32_t GetOrCreateUnambiguous(const std::string& text, unsigned int busyTimeout,
                                                 RecordMeta** out);
+
+  // The record type with the number `id`, after reading the file again when it is not known. Takes no lock against other
+  // processes, because lines are only added.
+  //
+  // kStatusRecordTypeUnknown  no line has this number
+  // kStatusOpenFailed         it is not known, and the file could not be read to its end
+  [[nodiscard]] uint32_t FindUnlocked(uint16_t id, RecordMeta** out);
 
   // The texts of the record types in the order of their numbers, after reading the file again.
   std::vector<std::string> Texts();
@@ -91,8 +100,9 @@ class Schema {
   RecordMetaPool metas_;  // goes before the file
   RecordMetaIndex<std::string> metasByText_;
   RecordMetaIndex<uint16_t> metasById_;
-  // Guarded by the file's mutex: a line, or the file's name with it, may not be on the disk yet.
-  bool isUnsynced_ = false;
+  // Changed under the file's mutex: a line, or the file's name with it, may not be on the disk yet. Until it is, no type
+  // is handed out by its text without a new attempt.
+  std::atomic<bool> isUnsynced_ = false;
   bool isNameUnsynced_ = false;
 };
 

@@ -52,15 +52,19 @@ class KESTRUN_EXPORT RecordStore {
   // kStatusInvalid  `type` is not the text of a record type, has an unknown token, a field of the token "*" that is
   //                 not the last, a '#' or a line break; the number of values is not that of the fields; a value
   //                 can't be converted to its field's type without loss; or the key or the `ttl` as in Store::Put
-  // kStatusSyncFailed, kStatusCreateFailed  the type could not be recorded
-  // The statuses of Store::Put.
+  // kStatusLockFailed    another process is recording a type, for longer than busyTimeout
+  // kStatusOpenFailed    the file of record types could not be read to its end
+  // kStatusCreateFailed  the type could not be recorded, for want of space perhaps or because 65,535 are
+  // kStatusSyncFailed    the type could not be synced; the next call tries once more
+  // After these, and after a kStatusInvalid, no record was stored. The statuses of Store::Put.
   [[nodiscard]] uint32_t Put(std::string_view key, const std::string& type, const std::vector<Value>& values,
                              unsigned int ttl = kTtlForever);
 
   // The record under `key`; null unless alive.
   //
   // kStatusInvalid            the stored bytes are no record, or the key as in Store::Put
-  // kStatusRecordTypeUnknown  its type is not in the schema
+  // kStatusRecordTypeUnknown  its type is not in the file of record types
+  // kStatusOpenFailed         its type is not known, and that file could not be read to its end
   // The statuses of Store::Get.
   [[nodiscard]] uint32_t Get(std::string_view key, std::unique_ptr<Record>* record);
 
@@ -69,7 +73,7 @@ class KESTRUN_EXPORT RecordStore {
                                     const std::vector<Value>& values, unsigned int ttl = kTtlForever);
 
   // Makes a record of the bytes of a value that was read through Raw(), a snapshot, a cursor or a transaction.
-  // kStatusInvalid for fewer than 3 bytes, kStatusRecordTypeUnknown, kStatusNoMemory.
+  // kStatusInvalid for fewer than 3 bytes; kStatusRecordTypeUnknown and kStatusOpenFailed as Get; kStatusNoMemory.
   [[nodiscard]] uint32_t Decode(std::string_view bytes, std::unique_ptr<Record>* record);
 
   // The texts of the record types, in the order of their numbers. May throw std::bad_alloc.

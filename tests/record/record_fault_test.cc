@@ -375,5 +375,110 @@ TEST_F(SeriesFaultTest, RunningOutOfMemoryIsAStatusAnywhere) {
   }
 }
 
+// A line whose sync failed may be read again by a lookup; that does not make it safe.
+TEST_F(SchemaFaultTest, TypeThatCouldNotBeSyncedIsNotHandedOutBecauseALookupHasReadIt) {
+  const auto schema = Open();
+  faults_.failSync = 1;
+  faults_.error = EIO;
+  EXPECT_EQ(schema->GetOrCreateRecordMeta("T a:%i4"), nullptr);
+  EXPECT_NE(schema->FindRecordMeta(1), nullptr);
+  faults_.failSync = 1;
+  EXPECT_EQ(schema->GetOrCreateRecordMeta("T a:%i4"), nullptr);
+  EXPECT_NE(schema->GetOrCreateRecordMeta("T a:%i4"), nullptr);
+}
+
+class RecordStoreFaultTest : public testing::Test {
+ protected:
+  RecordStoreFaultTest() : faults_(CurrentFaults()) {
+    ResetFaults();
+    EXPECT_EQ(RecordStore::Open(directory_.PathOf("store"), {}, &store_), kStatusOk);
+  }
+  ~RecordStoreFaultTest() override { ResetFaults(); }
+
+  std::string TypesFile() const { return ReadFile(directory_.PathOf("store") + "/meta_v5"); }
+
+  ScratchDirectory directory_;
+  Faults& faults_;
+  std::unique_ptr<RecordStore> store_;
+};
+
+TEST_F(RecordStoreFaultTest, NoTypeIsRecordedUnlessTheFileWasReadToItsEnd) {
+  faults_.failRead = 1;
+  faults_.error = EIO;
+  EXPECT_EQ(store_->Put("k", "T a:%i4", Values(7)), kStatusOpenFailed);
+  EXPECT_EQ(faults_.failRead, 0);
+  EXPECT_EQ(TypesFile(), "");
+  bool alive = true;
+  EXPECT_EQ(store_->Raw().Contains("k", &alive), kStatusOk);
+  EXPECT_FALSE(alive);
+  EXPECT_EQ(store_->Put("k", "T a:%i4", Values(7)), kStatusOk);
+}
+
+TEST_F(RecordStoreFaultTest, RecordIsNotStoredBeforeItsTypeIsSynced) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    faults_.failSync = 1;
+    faults_.error = EIO;
+    EXPECT_EQ(store_->Put("k", "T a:%i4", Values(7)), kStatusSyncFailed) << attempt;
+    std::unique_ptr<Record> record;
+    EXPECT_EQ(store_->Get("k", &record), kStatusOk);
+    EXPECT_EQ(record, nullptr);
+    // A lookup reads the file and with it the line that is not synced.
+    EXPECT_EQ(store_->Types(), std::vector<std::string>{"T a:%i4"});
+  }
+  EXPECT_EQ(store_->Put("k", "T a:%i4", Values(7)), kStatusOk);
+  EXPECT_EQ(TypesFile(), "1#T a:%i4\n");
+}
+
+TEST_F(RecordStoreFaultTest, UnknownTypeOfAFileThatCannotBeReadIsNotCalledUnknown) {
+  std::unique_ptr<RecordStore> other;
+  ASSERT_EQ(RecordStore::Open(directory_.PathOf("store"), {}, &other), kStatusOk);
+  ASSERT_EQ(other->Put("k", "T a:%i4", Values(7)), kStatusOk);
+  faults_.failRead = 1;
+  faults_.error = EIO;
+  std::unique_ptr<Record> record;
+  EXPECT_EQ(store_->Get("k", &record), kStatusOpenFailed);
+  EXPECT_EQ(record, nullptr);
+  ASSERT_EQ(store_->Get("k", &record), kStatusOk);
+  EXPECT_EQ(record->GetValue("a").numeric.i32, 7);
+}
+
+// Each allocation of a call fails once; the call is refused and has changed nothing, or succeeds.
+TEST_F(RecordStoreFaultTest, CallsThatRunOutOfMemoryAreRefusedAndNothingIsThrown) {
+  ASSERT_EQ(store_->Put("k", "T a:%s", Values("before")), kStatusOk);
+  const std::string text(100, 'x');
+  int refused = 0;
+  for (int allocation = 1;; ++allocation) {
+    const std::string type = "U a:%s";
+    const std::vector<Value> values = Values(text);
+    faults_.failNew = allocation;
+    const uint32_t status = store_->Put("k", type, values);
+    const bool failed = faults_.failNew == 0;
+    faults_.failNew = 0;
+    if (!failed) {
+      EXPECT_EQ(status, kStatusOk);
+      break;
+    }
+    if (status == kStatusOk) continue;
+    EXPECT_EQ(status, kStatusNoMemory) << allocation;
+    ++refused;
+    std::unique_ptr<Record> record;
+    ASSERT_EQ(store_->Get("k", &record), kStatusOk);
+    ASSERT_NE(record, nullptr);
+  }
+  EXPECT_GT(refused, 5);
+  for (int allocation = 1;; ++allocation) {
+    std::unique_ptr<Record> record;
+    faults_.failNew = allocation;
+    const uint32_t status = store_->Get("k", &record);
+    const bool failed = faults_.failNew == 0;
+    faults_.failNew = 0;
+    if (!failed) {
+      EXPECT_EQ(status, kStatusOk);
+      break;
+    }
+    EXPECT_TRUE(status == kStatusNoMemory || (status == kStatusOk && record != nullptr)) << allocation;
+  }
+}
+
 }  // namespace
 }  // namespace Kestrun
