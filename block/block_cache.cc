@@ -124,6 +124,24 @@ std::shared_ptr<Block> BlockCache::FindLocked(const std::string& name, const std
   return cached.block;
 }
 
+std::shared_ptr<Block> BlockCache::FindOwned(const std::string& name,
+                                             const std::shared_ptr<const void>& owner) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto found = index_.find(name);
+  if (found == index_.end() || found->second->owner != owner) return nullptr;
+  blocks_.splice(blocks_.begin(), blocks_, found->second);
+  return found->second->block;
+}
+
+std::optional<bool> BlockCache::AskFilter(const std::string& name, const BlockFilter::Probe& probe,
+                                          const std::shared_ptr<const void>& owner) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const Filtered* filtered = filters_.Find(name);
+  if (filtered == nullptr) return true;
+  if (filtered->owner != owner) return std::nullopt;
+  return filtered->filter->MayContain(probe);
+}
+
 bool BlockCache::MayContain(const std::string& name, const std::string& path, const BlockFilter::Probe& probe,
                             const std::shared_ptr<const void>& owner) {
   const std::lock_guard<std::mutex> lock(mutex_);
@@ -179,7 +197,7 @@ void BlockCache::Insert(Cached cached) {
     entry->second = node.begin();
   }
   blocks_.splice(blocks_.begin(), node);
-  while (index_.size() > kBlockCacheCapacity) {
+  while (index_.size() > capacity_) {
     const Cached& last = blocks_.back();
     if (last.stamp.id == last.block->FileId()) {
       const size_t bytes = last.block->Index()->MemoryUsed();

@@ -17,6 +17,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -31,6 +32,9 @@ inline constexpr size_t kMaxBlockFilterBytes = 32 * 1024 * 1024;
 
 class BlockCache {
  public:
+  // A cache of at most `capacity` blocks.
+  explicit BlockCache(size_t capacity = kBlockCacheCapacity) : capacity_(capacity) {}
+
   // Returns the block `name`, loaded from `path` on a miss, and makes it the most recent one. A failed load caches
   // nothing, so the next call tries again. `*failure`, when asked for, is the status of Block::Load, kStatusOk for a
   // block that is returned.
@@ -44,6 +48,11 @@ class BlockCache {
   // The block `name` if GetOrLoad would not have to look at its file, or null.
   std::shared_ptr<Block> Find(const std::string& name, const std::string& path,
                               const std::shared_ptr<const void>& owner);
+  // The same if that is known without looking at any path: the block was found through the same `owner` before.
+  std::shared_ptr<Block> FindOwned(const std::string& name, const std::shared_ptr<const void>& owner);
+  // What MayContain would answer, if that is known without looking at any path.
+  std::optional<bool> AskFilter(const std::string& name, const BlockFilter::Probe& probe,
+                                const std::shared_ptr<const void>& owner);
   // False when the block `name` is known to have no entry for a key. A block that the cache has never had may contain
   // anything. `path` and `owner` as above.
   bool MayContain(const std::string& name, const std::string& path, const BlockFilter::Probe& probe,
@@ -117,6 +126,7 @@ class BlockCache {
   void Remember(const Cached& cached, std::shared_ptr<const BlockFilter> filter);
 
   std::mutex mutex_;
+  const size_t capacity_;
   // Guarded by mutex_.
   Blocks blocks_;  // the most recent one is in front
   std::unordered_map<std::string, Blocks::iterator> index_;

@@ -50,13 +50,19 @@ uint32_t Core::RecordFlushedBlock(const std::string& name, const std::shared_ptr
   return status;
 }
 
+bool Core::MayContain(const std::shared_ptr<BlockEntry>& entry, const BlockFilter::Probe& probe) const {
+  if (const std::optional<bool> known = cache.AskFilter(entry->name, probe, entry); known.has_value())
+    return *known;
+  return cache.MayContain(entry->name, BlockPath(entry->name), probe, entry);
+}
+
 uint32_t Core::FindBlock(const Key& key, std::shared_ptr<Block>* found) const {
   const BlockEntries candidates = manifest.FindCandidates(key);
   const auto* bytes = reinterpret_cast<const char*>(key.Data());
   const BlockFilter::Probe probe({bytes, bytes == nullptr ? size_t{0} : key.Size()});
   for (auto entry = candidates.rbegin(); entry != candidates.rend(); ++entry) {
+    if (!MayContain(*entry, probe)) continue;
     const std::string blockPath = BlockPath((*entry)->name);
-    if (!cache.MayContain((*entry)->name, blockPath, probe, *entry)) continue;
     uint32_t failure = kStatusOk;
     std::shared_ptr<Block> block = LoadBlock(cache, (*entry)->name, blockPath, *entry, &failure);
     if (failure != kStatusOk) return failure;

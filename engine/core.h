@@ -48,6 +48,9 @@ struct Core {
   // LSDBImpl::ResetWal.
   uint32_t FlushLocked(uint64_t* blockBytes = nullptr) const;
 
+  // False when the block of a list's entry is known to have no entry for a key.
+  bool MayContain(const std::shared_ptr<BlockEntry>& entry, const BlockFilter::Probe& probe) const;
+
   // The newest block that holds `key`, tombstones and expired entries included; null when there is none. The manifest's
   // lock is held. A block that can't be read at the moment ends the search, because an older one may hold an older
   // value; a corrupt one is deleted and passed over (Compat: corrupt-block-deleted).

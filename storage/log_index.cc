@@ -11,25 +11,26 @@ constexpr size_t kMinChunk = 64 * 1024;
 constexpr size_t kMaxChunk = 1024 * 1024;
 constexpr size_t kNodeAlignment = 8;
 
-// The first eight bytes of a key as a number that orders as the bytes do; missing bytes count as zero.
-uint64_t PrefixOf(std::string_view key) {
-  uint64_t prefix = 0;
-  if (key.size() >= sizeof(prefix)) {
-    std::memcpy(&prefix, key.data(), sizeof(prefix));
-  } else {
-    // Byte by byte: a copy of a length that is not known costs a call.
-    uint8_t padded[sizeof(prefix)] = {};
-    for (size_t i = 0; i < key.size(); ++i) padded[i] = static_cast<uint8_t>(key[i]);
-    std::memcpy(&prefix, padded, sizeof(prefix));
-  }
-  return __builtin_bswap64(prefix);
+uint64_t LoadBigEndian(const char* bytes) {
+  uint64_t word = 0;
+  std::memcpy(&word, bytes, sizeof(word));
+  return __builtin_bswap64(word);
 }
 
 }  // namespace
 
+KeyPrefix KeyPrefix::Of(std::string_view key) {
+  constexpr size_t kHalf = sizeof(uint64_t);
+  if (key.size() >= 2 * kHalf) return {LoadBigEndian(key.data()), LoadBigEndian(key.data() + kHalf)};
+  // Byte by byte: a copy of a length that is not known costs a call.
+  char padded[2 * kHalf] = {};
+  for (size_t i = 0; i < key.size(); ++i) padded[i] = key[i];
+  return {LoadBigEndian(padded), LoadBigEndian(padded + kHalf)};
+}
+
 // The keys' bytes follow the `height` links.
 struct LogIndex::Node {
-  uint64_t prefix;
+  KeyPrefix prefix;
   uint64_t timestamp;
   uint32_t offset;
   uint32_t valueOffset;
@@ -79,7 +80,7 @@ void LogIndex::Arena::Clear() {
   used_ = 0;
 }
 
-LogIndex::Target::Target(std::string_view wanted) : key(wanted), prefix(PrefixOf(wanted)) {}
+LogIndex::Target::Target(std::string_view wanted) : key(wanted), prefix(KeyPrefix::Of(wanted)) {}
 
 LogIndex::LogIndex() {
   MakeHead();
@@ -113,10 +114,24 @@ std::string_view LogIndex::KeyOf(const Node& node) {
   return {reinterpret_cast<const char*>(&node.links[node.height]), node.keySize};
 }
 
+namespace {
+
+// Orders two keys that have the same prefix.
+int CompareRests(std::string_view left, std::string_view right) {
+  constexpr size_t kPrefix = sizeof(KeyPrefix);
+  if (left.size() <= kPrefix || right.size() <= kPrefix) {
+    return left.size() < right.size() ? -1 : static_cast<int>(left.size() > right.size());
+  }
+  return left.substr(kPrefix).compare(right.substr(kPrefix));
+}
+
+}  // namespace
+
 // Whether `node` stands before the version `offset` of the key: a smaller key, or a newer version of the same one.
 inline bool LogIndex::IsBefore(const Node& node, const Target& target, uint32_t offset) {
-  if (node.prefix != target.prefix) return node.prefix < target.prefix;
-  const int order = KeyOf(node).compare(target.key);
+  if (node.prefix.high != target.prefix.high) return node.prefix.high < target.prefix.high;
+  if (node.prefix.low != target.prefix.low) return node.prefix.low < target.prefix.low;
+  const int order = CompareRests(KeyOf(node), target.key);
   return order != 0 ? order < 0 : node.offset > offset;
 }
 

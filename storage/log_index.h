@@ -22,6 +22,19 @@
 
 namespace Kestrun {
 
+// The first 16 bytes of a key as two numbers that order as the bytes do; missing bytes count as zero. Keys of up to 16
+// bytes with the same prefix differ in their size only.
+struct KeyPrefix {
+  uint64_t high;
+  uint64_t low;
+
+  static KeyPrefix Of(std::string_view key);
+  bool operator==(const KeyPrefix& other) const { return high == other.high && low == other.low; }
+  bool operator<(const KeyPrefix& other) const {
+    return high != other.high ? high < other.high : low < other.low;
+  }
+};
+
 class LogIndex {
  public:
   // One record of the log.
@@ -75,7 +88,7 @@ class LogIndex {
   struct Target {
     explicit Target(std::string_view key);
     std::string_view key;
-    uint64_t prefix;
+    KeyPrefix prefix;
   };
 
   static bool IsBefore(const Node& node, const Target& target, uint32_t offset);

@@ -22,6 +22,9 @@ namespace {
 // So many records are sorted and put into an empty index in order, which is quicker than finding each its place.
 constexpr size_t kMinBulk = 256;
 
+// Bytes, for guessing how many records there are.
+constexpr size_t kUsualRecord = 128;
+
 DataEntry EntryOf(const WalRecord& record) {
   DataEntry entry = {};
   entry.valueOffset = record.valueOffset;
@@ -116,10 +119,11 @@ uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t v
   return kStatusOk;
 }
 
-// What an append checks: the header, and that `size` bytes fit after catching up.
+// What an append checks: the header, that every record can be replayed, and that `size` bytes fit.
 uint32_t Wal::BeginAppend(uint64_t size, WalHeader* header) {
   if (!ReadHeader(header) || header->used < WalHeaderOffset::kEnd) return kStatusWalChecksum;
   CatchUp(*header);
+  if (state_->staleness.ReplayedEnd() < header->used) return kStatusInvalid;
   return HasRoom(header->used + size) ? kStatusOk : kStatusWalFull;
 }
 
@@ -150,7 +154,6 @@ uint32_t Wal::AppendMarked(std::string_view key, uint32_t ttl, std::string_view 
   record.ttl = ttl;
   record.keySize = static_cast<uint16_t>(key.size());
   const auto end = static_cast<uint32_t>(header.used + size);
-  InvalidateRecord(state_->staleness.ReplayedEnd(), header.used);
   StoreMarked(record, header.used, key, value);
   PublishUsed(header, end);
   state_->staleness.OnAppended(Bytes(), header.used, header.used, end);
@@ -164,7 +167,6 @@ uint32_t Wal::AppendBatch(std::string_view records, size_t count) {
   ChooseEpoch();
 
   const uint64_t now = NowSeconds();
-  InvalidateRecord(state_->staleness.ReplayedEnd(), header.used);
   uint32_t last = header.used;
   for (size_t position = 0; position < records.size();) {
     WalRecord record;
@@ -238,8 +240,9 @@ void Wal::CatchUp(const WalHeader& header) {
 // when there is much of it.
 void Wal::Replay(uint32_t used) {
   struct Found {
-    std::string_view key;
-    LogIndex::Version version;
+    KeyPrefix prefix;
+    uint32_t offset;
+    uint16_t keySize;
   };
   const std::lock_guard<std::mutex> lock(state_->replayMutex);
   LogFilling& filling = *state_->filling;
@@ -250,28 +253,42 @@ void Wal::Replay(uint32_t used) {
   bool hasEpoch = filling.hasEpoch;
   uint32_t epoch = filling.epoch;
   std::vector<Found> found;
+  found.reserve((used - start) / kUsualRecord);
+  size_t keyBytes = 0;
   WalRecord record;
   while (log.ReadRecord(offset, used, &record) && IsContentSound(offset, record, &hasEpoch, &epoch)) {
-    found.push_back({KeyAt(log, offset, record), {static_cast<uint32_t>(offset), EntryOf(record)}});
+    found.push_back(
+        {KeyPrefix::Of(KeyAt(log, offset, record)), static_cast<uint32_t>(offset), record.keySize});
+    keyBytes += record.keySize;
     last = offset;
     offset += sizeof(record) + record.keySize + uint64_t{record.valueSize};
   }
   if (offset == start) return;
 
   if (found.size() >= kMinBulk && filling.index.KeyCount() == 0) {
-    std::sort(found.begin(), found.end(), [](const Found& left, const Found& right) {
-      const int order = left.key.compare(right.key);
-      return order != 0 ? order < 0 : left.version.offset > right.version.offset;
+    const auto key = [&log](const Found& one) {
+      return std::string_view(reinterpret_cast<const char*>(log.base + one.offset + sizeof(WalRecord)),
+                              one.keySize);
+    };
+    std::sort(found.begin(), found.end(), [&key](const Found& left, const Found& right) {
+      if (!(left.prefix == right.prefix)) return left.prefix < right.prefix;
+      const int order = left.keySize <= sizeof(KeyPrefix) && right.keySize <= sizeof(KeyPrefix)
+                            ? left.keySize - right.keySize
+                            : key(left).compare(key(right));
+      return order != 0 ? order < 0 : left.offset > right.offset;
     });
     // Nobody can ask for the state before this replay: the newest version of each key is enough.
     found.erase(std::unique(found.begin(), found.end(),
-                            [](const Found& left, const Found& right) { return left.key == right.key; }),
+                            [&key](const Found& left, const Found& right) {
+                              return left.prefix == right.prefix && key(left) == key(right);
+                            }),
                 found.end());
   }
-  size_t keyBytes = 0;
-  for (const Found& one : found) keyBytes += one.key.size();
   filling.index.Reserve(found.size(), keyBytes);
-  for (const Found& one : found) filling.index.Insert(one.key, one.version);
+  for (const Found& one : found) {
+    std::memcpy(&record, log.base + one.offset, sizeof(record));
+    filling.index.Insert(KeyAt(log, one.offset, record), {one.offset, EntryOf(record)});
+  }
   filling.hasEpoch = hasEpoch;
   filling.epoch = epoch;
   state_->staleness.OnReplayed(log, static_cast<uint32_t>(last), static_cast<uint32_t>(offset));
@@ -307,10 +324,11 @@ bool Wal::Lookup(const Key& key, DataEntry* entry) {
   return true;
 }
 
-bool Wal::Lookup(std::string_view key, LogIndex::Version* version) {
+bool Wal::Lookup(std::string_view key, LogIndex::Version* version, bool* isSound) {
   ClearIfRecreated();
   WalHeader header;
   const bool hasHeader = ReadHeader(&header);
+  if (isSound != nullptr) *isSound = hasHeader;
   if (hasHeader) CatchUp(header);
   if (!state_->filling->index.Find(key, LogIndex::kNoLimit, version)) return false;
   if (!hasHeader) return true;

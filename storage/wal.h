@@ -104,7 +104,11 @@ class Wal {
 
   // Appends `count` records that stand back to back in `records`, each with its deleted, ttl, keySize and valueSize
   // filled in; gives them their place, one common time, and content checksums. All of them are stored before the header
-  // shows them at once. kStatusWalChecksum, kStatusWalFull; without messages.
+  // shows them at once. Without messages.
+  //
+  // kStatusWalChecksum  as Append
+  // kStatusInvalid      a record that is not sound stands before the end of the log: nothing after it could be replayed
+  // kStatusWalFull      they do not fit
   uint32_t AppendBatch(std::string_view records, size_t count);
   // The same for one record; `value` is not null when `valueSize` is not 0.
   uint32_t AppendMarked(std::string_view key, uint32_t ttl, std::string_view value, bool deleted);
@@ -121,7 +125,8 @@ class Wal {
 
   // True with the newest entry of `key`, tombstones included. Catches up first.
   bool Lookup(const Key& key, DataEntry* entry);
-  bool Lookup(std::string_view key, LogIndex::Version* version);
+  // The same; `*isSound`, when asked for, is false when the header fails its checksum and nothing could be caught up.
+  bool Lookup(std::string_view key, LogIndex::Version* version, bool* isSound = nullptr);
   // Copies a value to a malloc buffer that the caller frees. kStatusInvalid and "wal boundary verification failed" when
   // the entry lies outside the mapping, kStatusNoMemory.
   uint32_t ReadValue(const DataEntry& entry, void** value);

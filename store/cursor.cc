@@ -237,7 +237,7 @@ uint32_t Cursor::Impl::ReadAhead(const BlockPlace& place, std::string_view* byte
                         begin <= bufferStart_ + bufferSize_ + kMaxReadAhead;
     const bool goesBack = bufferBlock_ == place.block && end <= bufferStart_ + bufferSize_ &&
                           end + kMaxReadAhead >= bufferStart_;
-    readAhead_ = goesOn || goesBack ? std::min(std::max(readAhead_ * 4, kMinReadAhead), kMaxReadAhead) : 0;
+    readAhead_ = goesOn || goesBack ? std::min(readAhead_ * 4, kMaxReadAhead) : kMinReadAhead;
     const uint64_t wanted = std::max<uint64_t>(entry_.valueSize, readAhead_);
     uint64_t start = begin;
     if (direction_ == Direction::Backward) start = end > wanted ? std::min(begin, end - wanted) : 0;

@@ -23,6 +23,9 @@
 
 namespace Kestrun {
 
+// Blocks that a store keeps loaded and open: as many as compaction that takes care of itself leaves, and more.
+inline constexpr size_t kMaxOpenBlocks = 64;
+
 // What GetStats counts.
 struct StoreCounters {
   std::atomic<uint64_t> flushes{0};
@@ -103,7 +106,7 @@ class Store::Impl {
   const StoreOptions options_;
   const std::unique_ptr<Wal> wal_;
   const std::unique_ptr<Manifest> manifest_;
-  BlockCache cache_;
+  BlockCache cache_{kMaxOpenBlocks};
   StoreCounters counters_;
   const Core core_;
 
@@ -125,7 +128,7 @@ class Store::Impl {
   uint32_t SearchBlocks(std::string_view key, std::shared_ptr<Block>* block, uint32_t* index);
 
   std::atomic<std::thread::id> bodyThread_{std::thread::id()};
-  std::weak_ptr<const BlockSet> lastSet_;              // guarded by the log's lock
+  std::weak_ptr<const BlockSet> lastSet_;                // guarded by the log's lock
   std::unordered_map<std::string, double> hiddenParts_;  // of blocks by name; for the thread of autoCompact_
   std::unique_ptr<AutoCompact> autoCompact_;             // null when it is off; goes first
 };
@@ -135,8 +138,11 @@ void TellReason(const Diagnostics& diagnostics, const char* what, const std::str
 
 template <typename AppendOnce>
 uint32_t Store::Impl::AppendOrFlush(uint64_t size, AppendOnce append) {
-  if (const uint32_t status = PrepareLog(); status != kStatusOk) return status;
   uint32_t status = append();
+  if (status == kStatusInvalid) {
+    if (status = PrepareLog(); status != kStatusOk) return status;
+    status = append();
+  }
   if (status != kStatusWalFull || size > wal_->MaxBatchSize()) return status;
   status = FlushLocked();
   return status == kStatusOk ? append() : status;

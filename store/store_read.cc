@@ -27,8 +27,9 @@ void TellReason(const Diagnostics& diagnostics, const char* what, const std::str
 
 // A file that is gone although it is listed is as good as damaged; its name may have been taken off the list since.
 uint32_t Store::Impl::LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::shared_ptr<Block>* block) {
-  const std::string path = core_.BlockPath(entry->name);
-  *block = cache_.Find(entry->name, path, entry);
+  *block = cache_.FindOwned(entry->name, entry);
+  const std::string path = *block != nullptr ? std::string() : core_.BlockPath(entry->name);
+  if (*block == nullptr) *block = cache_.Find(entry->name, path, entry);
   if (*block != nullptr) {
     ++counters_.blockHits;
     return kStatusOk;
@@ -64,8 +65,7 @@ uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>*
   for (int reads = 1;; ++reads) {
     uint32_t status = kStatusOk;
     for (auto entry = list->entries.rbegin(); entry != list->entries.rend() && status == kStatusOk; ++entry) {
-      if (!KeyFilterMayContain(hash, (*entry)->filter) ||
-          !cache_.MayContain((*entry)->name, core_.BlockPath((*entry)->name), probe, *entry)) {
+      if (!KeyFilterMayContain(hash, (*entry)->filter) || !core_.MayContain(*entry, probe)) {
         continue;
       }
       std::shared_ptr<Block> candidate;
@@ -87,7 +87,10 @@ uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>*
 
 uint32_t Store::Impl::GetLocked(std::string_view key, std::optional<std::string>* value) {
   LogIndex::Version version;
-  if (wal_->Lookup(key, &version)) {
+  bool isSound = false;
+  const bool isInLog = wal_->Lookup(key, &version, &isSound);
+  if (!isSound) return kStatusWalChecksum;
+  if (isInLog) {
     const DataEntry& entry = version.entry;
     if (entry.deleted || !IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
       value->reset();
@@ -118,9 +121,7 @@ uint32_t Store::Impl::GetLocked(std::string_view key, std::optional<std::string>
 
 uint32_t Store::Impl::Get(std::string_view key, std::optional<std::string>* value) {
   const LogSection section(core_, LockLevel::Shared);
-  if (section.Status() != kStatusOk) return section.Status();
-  if (!wal_->CatchUp()) return kStatusWalChecksum;
-  return GetLocked(key, value);
+  return section.Status() != kStatusOk ? section.Status() : GetLocked(key, value);
 }
 
 // Blocks of the last set are taken over, whatever has become of their files.
