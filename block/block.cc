@@ -1,6 +1,5 @@
 #include "block/block.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -74,9 +73,9 @@ uint32_t Block::Lookup(const Key& key, DataEntry* entry) const {
 }
 
 // Looks at the time to live before anything else: an expired tombstone has expired, too.
-uint32_t Block::ReadValue(const DataEntry& entry, void** value) const {
+uint32_t Block::ReadValue(const DataEntry& entry, void** value, const Diagnostics& diagnostics) const {
   if (!IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
-    std::printf("TTL verification failed");
+    diagnostics.Print("TTL verification failed");
     return kStatusInvalid;
   }
   if (entry.deleted || entry.valueSize == 0) {

@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/diagnostics.h"
 #include "block/block_index.h"
 #include "kestrun/data_entry.h"
 #include "kestrun/key.h"
@@ -75,12 +76,12 @@ class Block {
   // is cut off by the end of its file. A source whose keys are out of order is sorted; of equal keys in it the
   // last one counts. An entry that expires during the merge is left out with "TTL verification failed".
   // Statuses as WriteFromWal, except that an unwritten file header gives kStatusBlockWriteFailed, and so does a
-  // source that can't be read; an unopened file prints "Failed to open destination file: PATH".
+  // source that can't be read; an unopened file gives the message "Failed to open destination file: PATH".
   static uint32_t WriteFromBlocks(const std::string& path, const std::vector<BlockSource>& sources,
-                                  Block** out);
+                                  Block** out, const Diagnostics& diagnostics = Diagnostics::Printing());
   // The same from files.
   static uint32_t WriteFromBlocks(const std::string& path, const std::vector<std::string>& sources,
-                                  Block** out);
+                                  Block** out, const Diagnostics& diagnostics = Diagnostics::Printing());
 
   // Merges `sources`, oldest first, as WriteFromBlocks does, except that nothing is left out for any other reason than
   // its being deleted or expired when the merge begins: a value that its file does not hold gives kStatusBlockCorrupt.
@@ -118,7 +119,8 @@ class Block {
   // kStatusInvalid         the entry has expired; "TTL verification failed"
   // kStatusBlockShortRead  the file ends before the value does, or the system could not read
   // kStatusNoMemory        the buffer could not be allocated
-  uint32_t ReadValue(const DataEntry& entry, void** value) const;
+  uint32_t ReadValue(const DataEntry& entry, void** value,
+                     const Diagnostics& diagnostics = Diagnostics::Printing()) const;
   // Calls `visit` for the keys in [from, to) in ascending order until it returns true. An empty `visit` with
   // a key in the range aborts the process.
   void ForEachInRange(const Key& from, const Key& to, const std::function<bool(const Key&)>& visit) const;

@@ -1,5 +1,4 @@
 // How new block files come about in the older face: from the log, and from other blocks.
-#include <cstdio>
 #include <utility>
 
 #include "block/block.h"
@@ -20,23 +19,23 @@ uint32_t Block::WriteFromWal(const std::string& path, Wal& wal, Block** out) {
   return status;
 }
 
-uint32_t Block::WriteFromBlocks(const std::string& path, const std::vector<std::string>& sources,
-                                Block** out) {
+uint32_t Block::WriteFromBlocks(const std::string& path, const std::vector<std::string>& sources, Block** out,
+                                const Diagnostics& diagnostics) {
   std::vector<BlockSource> files;
   for (const std::string& source : sources) files.push_back({source, nullptr});
-  return WriteFromBlocks(path, files, out);
+  return WriteFromBlocks(path, files, out, diagnostics);
 }
 
-uint32_t Block::WriteFromBlocks(const std::string& path, const std::vector<BlockSource>& sources,
-                                Block** out) {
+uint32_t Block::WriteFromBlocks(const std::string& path, const std::vector<BlockSource>& sources, Block** out,
+                                const Diagnostics& diagnostics) {
   MergeCursor cursor(sources);
   BlockWriteOptions options;
-  options.onExpired = [] { std::printf("TTL verification failed"); };
+  options.onExpired = [&diagnostics] { diagnostics.Print("TTL verification failed"); };
   BlockWriter writer(cursor, std::move(options));
   if (const uint32_t status = writer.Measure(); status != kStatusOk) return status;
   std::shared_ptr<OsFile> file;
   if (const uint32_t status = OsFile::Open(path, kOpenReadWrite, &file); status != kStatusOk) {
-    std::printf("Failed to open destination file: %s", path.c_str());
+    diagnostics.Printf("Failed to open destination file: %s", path.c_str());
     return status;
   }
   std::unique_ptr<Block> block;

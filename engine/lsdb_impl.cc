@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "base/catch_bad_alloc.h"
@@ -40,7 +39,7 @@ LSDBImpl::~LSDBImpl() = default;
 uint32_t LSDBImpl::Open(const std::string& path, const LSDBConfig& config, LSDBImpl** out) {
   return CatchBadAlloc([&]() -> uint32_t {
     if (!EnsureDirectory(path)) {
-      std::printf("Failed to create directory: %s", path.c_str());
+      Diagnostics::Printing().Printf("Failed to create directory: %s", path.c_str());
       return kStatusDirectoryFailed;
     }
     auto engine = std::make_unique<LSDBImpl>(path, config);

@@ -16,6 +16,7 @@
 #include "storage/directory.h"
 
 namespace Kestrun {
+
 uint32_t LSDBImpl::ForceCompact() {
   if (!IsOpen()) return kStatusWalOpenFailed;
   return CatchBadAlloc([&] { return Compact(); });
@@ -48,7 +49,8 @@ uint32_t LSDBImpl::Compact() {
   if (const uint32_t status = file.Create(path_, manifest_->ExternalChanges() != 0); status != kStatusOk)
     return status;
   Block* merged = nullptr;
-  if (const uint32_t status = Block::WriteFromBlocks(file.Path(), sources, &merged); status != kStatusOk) {
+  if (const uint32_t status = Block::WriteFromBlocks(file.Path(), sources, &merged, core.diagnostics);
+      status != kStatusOk) {
     // Where others have compacted or cleared the store meanwhile, its files are gone for a good reason.
     const ManifestSection manifest(core, LockLevel::Shared);
     if (manifest.Status() != kStatusOk) return manifest.Status();

@@ -49,16 +49,16 @@ std::shared_ptr<Block> LSDBImpl::FindBlock(const Key& key) {
 
 namespace {
 
-uint32_t GetFromLog(Wal& wal, const DataEntry& entry, const void** value, unsigned int* size) {
+uint32_t GetFromLog(const Core& core, const DataEntry& entry, const void** value, unsigned int* size) {
   if (!entry.deleted && !IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
-    Diagnostics::Printing().Print("TTL verification failed");
+    core.diagnostics.Print("TTL verification failed");
     return kStatusExpired;
   }
   *value = nullptr;
   *size = 0;
   if (entry.deleted || entry.valueSize == 0) return kStatusOk;
   void* copy = nullptr;
-  const uint32_t status = wal.ReadValue(entry, &copy);
+  const uint32_t status = core.wal.ReadValue(entry, &copy);
   if (status != kStatusOk) return status;
   *value = copy;
   *size = entry.valueSize;
@@ -66,7 +66,8 @@ uint32_t GetFromLog(Wal& wal, const DataEntry& entry, const void** value, unsign
 }
 
 // The size is set before the value is read; callers see it even where reading fails.
-uint32_t GetFromBlock(const Block& block, const Key& key, const void** value, unsigned int* size) {
+uint32_t GetFromBlock(const Core& core, const Block& block, const Key& key, const void** value,
+                      unsigned int* size) {
   DataEntry entry = {};
   if (const uint32_t status = block.Lookup(key, &entry); status != kStatusOk) {
     *value = nullptr;
@@ -75,7 +76,7 @@ uint32_t GetFromBlock(const Block& block, const Key& key, const void** value, un
   }
   *size = entry.valueSize;
   void* copy = nullptr;
-  const uint32_t status = block.ReadValue(entry, &copy);
+  const uint32_t status = block.ReadValue(entry, &copy, core.diagnostics);
   if (status == kStatusOk) *value = copy;
   return status;
 }
@@ -90,13 +91,13 @@ uint32_t LSDBImpl::Get(const Key& key, const void** value, unsigned int* size) {
     const LogSection log(core, LockLevel::Shared);
     if (log.Status() != kStatusOk) return log.Status();
     DataEntry entry = {};
-    if (wal_->Lookup(key, &entry)) return GetFromLog(*wal_, entry, value, size);
+    if (wal_->Lookup(key, &entry)) return GetFromLog(core, entry, value, size);
 
     const ManifestSection manifest(core, LockLevel::Shared);
     if (manifest.Status() != kStatusOk) return manifest.Status();
     std::shared_ptr<Block> block;
     if (const uint32_t status = core.FindBlock(key, &block); status != kStatusOk) return status;
-    if (block != nullptr) return GetFromBlock(*block, key, value, size);
+    if (block != nullptr) return GetFromBlock(core, *block, key, value, size);
     *value = nullptr;
     *size = 0;
     return kStatusOk;
