@@ -1,6 +1,7 @@
 #include "format/byte_window.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace Kestrun {
 
@@ -21,6 +22,14 @@ ByteWindow::Result ByteWindow::View(uint64_t offset, size_t length, const uint8_
   }
   *bytes = buffer_.data() + (offset - start_);
   return Result::Ok;
+}
+
+bool ByteWindow::Copy(uint64_t offset, void* buffer, size_t length) {
+  const uint8_t* bytes = nullptr;
+  if (length == 0) return true;
+  if (View(offset, length, &bytes) != Result::Ok) return false;
+  std::memcpy(buffer, bytes, length);
+  return true;
 }
 
 void ByteWindow::Release() {

@@ -28,6 +28,8 @@ class ByteWindow {
   void LimitTo(uint64_t size);
   // Shows `length` bytes at `offset`. A stretch longer than the capacity makes the window grow.
   Result View(uint64_t offset, size_t length, const uint8_t** bytes);
+  // Copies exactly `length` bytes from `offset` on; false when there are fewer or they can't be read.
+  bool Copy(uint64_t offset, void* buffer, size_t length);
   // Gives up the window's memory until the next View.
   void Release();
 

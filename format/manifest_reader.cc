@@ -12,15 +12,6 @@ namespace {
 
 constexpr size_t kWindow = 64 << 10;
 
-// Copies exactly `length` bytes from `offset` on; false when there are fewer or they can't be read.
-bool CopyFrom(ByteWindow* window, uint64_t offset, void* buffer, size_t length) {
-  const uint8_t* bytes = nullptr;
-  if (length == 0) return true;
-  if (window->View(offset, length, &bytes) != ByteWindow::Result::Ok) return false;
-  std::memcpy(buffer, bytes, length);
-  return true;
-}
-
 constexpr uint64_t kMaxJournal = uint64_t{1} << 30;  // a manifest is far shorter
 
 uint64_t HashOf(const ManifestJournalHeader& header, const uint8_t* entries, size_t size) {
@@ -62,7 +53,7 @@ bool ManifestReader::Next(bool acceptAnyName) {
 ManifestEnd ManifestReader::Examine(bool acceptAnyName) {
   uint8_t bytes[sizeof(ManifestEntry)];
   if (size_ - offset_ < sizeof(bytes)) return ManifestEnd::CutEntry;
-  if (!CopyFrom(&window_, offset_, bytes, sizeof(bytes))) return ManifestEnd::Unreadable;
+  if (!window_.Copy(offset_, bytes, sizeof(bytes))) return ManifestEnd::Unreadable;
   ManifestEntry& entry = entry_.entry;
   std::memcpy(&entry, bytes, sizeof(entry));
   if (entry.checksum != StoreChecksum(bytes, ManifestEntryOffset::kChecksum)) return ManifestEnd::BadChecksum;
@@ -86,7 +77,7 @@ bool ManifestReader::ReadFilter(std::vector<uint8_t>* filter, uint64_t most) {
   filter->clear();
   if (entry_.entry.filterSize > most) return false;
   filter->resize(entry_.entry.filterSize);
-  return CopyFrom(&window_, entry_.FilterOffset(), filter->data(), filter->size());
+  return window_.Copy(entry_.FilterOffset(), filter->data(), filter->size());
 }
 
 uint64_t ManifestJournalHash(const void* data, size_t size, uint64_t begun) {

@@ -12,15 +12,6 @@ namespace {
 
 constexpr size_t kWindow = 64 << 10;
 
-// Copies exactly `length` bytes from `offset` on; false when there are fewer or they can't be read.
-bool CopyFrom(ByteWindow* window, uint64_t offset, void* buffer, size_t length) {
-  const uint8_t* bytes = nullptr;
-  if (length == 0) return true;
-  if (window->View(offset, length, &bytes) != ByteWindow::Result::Ok) return false;
-  std::memcpy(buffer, bytes, length);
-  return true;
-}
-
 }  // namespace
 
 WalHeaderView ReadWalHeader(ByteSource& source) {
@@ -67,7 +58,7 @@ bool WalReader::Next() {
 // epoch, content.
 WalEnd WalReader::Examine() {
   uint8_t bytes[sizeof(WalRecord)];
-  if (!CopyFrom(&window_, offset_, bytes, sizeof(bytes))) return WalEnd::Unreadable;
+  if (!window_.Copy(offset_, bytes, sizeof(bytes))) return WalEnd::Unreadable;
   WalRecord& header = record_.header;
   const WalEnd verdict = CheckWalRecord(bytes, offset_, used_, fileSize_, &header);
   record_.offset = offset_;
@@ -77,7 +68,7 @@ WalEnd WalReader::Examine() {
   if (verdict != WalEnd::Complete) return verdict;
 
   record_.key.resize(header.keySize);
-  if (!CopyFrom(&window_, offset_ + sizeof(header), record_.key.data(), record_.key.size())) {
+  if (!window_.Copy(offset_ + sizeof(header), record_.key.data(), record_.key.size())) {
     return WalEnd::Unreadable;
   }
   if (!IsMarked(header)) return WalEnd::Complete;
@@ -92,7 +83,7 @@ bool WalReader::ContentMatches() {
   uint32_t crc = Crc32c(record_.key.data(), record_.key.size());
   for (uint64_t at = record_.valueOffset; at < record_.end;) {
     const auto size = static_cast<size_t>(std::min<uint64_t>(sizeof(piece), record_.end - at));
-    if (!CopyFrom(&window_, at, piece, size)) return false;
+    if (!window_.Copy(at, piece, size)) return false;
     crc = Crc32c(piece, size, crc);
     at += size;
   }
@@ -101,7 +92,7 @@ bool WalReader::ContentMatches() {
 
 bool WalReader::ReadValue(std::string* value) {
   value->resize(record_.header.valueSize);
-  return CopyFrom(&window_, record_.valueOffset, value->data(), value->size());
+  return window_.Copy(record_.valueOffset, value->data(), value->size());
 }
 
 uint64_t FindNextWalRecord(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start) {
@@ -109,7 +100,7 @@ uint64_t FindNextWalRecord(ByteSource& source, uint64_t used, uint64_t fileSize,
   const uint64_t limit = std::min(used, fileSize);
   for (uint64_t offset = start + 1; WalRecordFits(offset, limit, limit); ++offset) {
     uint8_t bytes[sizeof(WalRecord)];
-    if (!CopyFrom(&window, offset, bytes, sizeof(bytes))) return 0;
+    if (!window.Copy(offset, bytes, sizeof(bytes))) return 0;
     // The record's own place stands in it, which no value is likely to have: it is looked at first.
     WalRecord record;
     std::memcpy(&record, bytes, sizeof(record));

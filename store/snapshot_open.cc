@@ -10,12 +10,12 @@
 #include "base/catch_bad_alloc.h"
 #include "base/clock.h"
 #include "format/block_format.h"
-#include "format/byte_source.h"
 #include "format/file_magic.h"
 #include "format/manifest_reader.h"
 #include "format/wal_reader.h"
 #include "kestrun/status.h"
 #include "storage/os_file.h"
+#include "storage/os_file_source.h"
 #include "store/snapshot_impl.h"
 #include "store/store_directory.h"
 #include "store/store_impl.h"
@@ -25,19 +25,6 @@ namespace {
 
 constexpr unsigned int kLockMilliseconds = 5000;
 constexpr int kMaxListReads = 20;
-
-// What an OsFile holds.
-class FileSource final : public ByteSource {
- public:
-  explicit FileSource(OsFile& file) : file_(file) {}
-  ssize_t ReadAt(uint64_t offset, void* buffer, size_t length) override {
-    return file_.PReadFully(buffer, length, static_cast<int64_t>(offset));
-  }
-  bool Size(uint64_t* size) override { return file_.Size(size) == 0; }
-
- private:
-  OsFile& file_;
-};
 
 uint32_t OpenToRead(const std::string& path, uint32_t otherwise, std::shared_ptr<OsFile>* file) {
   errno = 0;
@@ -70,7 +57,7 @@ class ReadSection {
 
 // Copies the used bytes of the log and indexes the records that a replay would find.
 uint32_t ReadLog(OsFile& file, LogView* view) {
-  FileSource source(file);
+  OsFileSource source(file);
   const WalHeaderView header = ReadWalHeader(source);
   if (!header.complete || !header.checksumMatches) return kStatusWalChecksum;
   if (!header.magicMatches) return kStatusBadMagic;
@@ -122,7 +109,7 @@ uint32_t ReadManifest(const std::string& path, BlockEntries* entries) {
     return status;
   const ReadSection section(file);
   if (section.Status() != kStatusOk) return section.Status();
-  FileSource source(*file);
+  OsFileSource source(*file);
   const ManifestHeaderView header = ReadManifestHeader(source);
   if (!header.complete || !header.checksumMatches) return kStatusManifestChecksum;
   if (!header.magicMatches) return kStatusBadMagic;
@@ -132,7 +119,7 @@ uint32_t ReadManifest(const std::string& path, BlockEntries* entries) {
   ManifestJournal journal;
   std::shared_ptr<OsFile> journalFile;
   if (OsFile::Open(path + kManifestJournalSuffix, kOpenReadOnly, &journalFile) == kStatusOk) {
-    FileSource journalSource(*journalFile);
+    OsFileSource journalSource(*journalFile);
     const JournalState state = ReadManifestJournal(journalSource, &journal);
     if (state == JournalState::Unreadable) return kStatusManifestUnreadable;
     std::vector<uint8_t> bytes(static_cast<size_t>(size - sizeof(ManifestHeader)));
