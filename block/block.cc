@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/clock.h"
+#include "base/key_bytes.h"
 #include "base/page_size.h"
 #include "format/block_reader.h"
 #include "kestrun/status.h"
@@ -14,18 +15,7 @@ namespace {
 
 constexpr size_t kVerifyWindow = 256 * 1024;
 
-// Check the file's size before allocating more: a damaged entry may claim 4 GiB.
 constexpr uint32_t kMaxUncheckedValue = 64 * 1024;
-
-std::string_view BytesOf(const Key& key) {
-  const unsigned char* data = key.Data();
-  if (data == nullptr) return {};
-  return {reinterpret_cast<const char*>(data), key.Size()};
-}
-
-Key ToKey(std::string_view bytes) {
-  return Key(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned short>(bytes.size()));
-}
 
 }  // namespace
 
@@ -72,6 +62,12 @@ uint32_t Block::Lookup(const Key& key, DataEntry* entry) const {
   return kStatusOk;
 }
 
+bool Block::MayHoldValue(const DataEntry& entry) const {
+  uint64_t size = 0;
+  return entry.valueSize <= kMaxUncheckedValue || file_->Size(&size) != 0 ||
+         uint64_t{entry.valueOffset} + entry.valueSize <= size;
+}
+
 // Looks at the time to live before anything else: an expired tombstone has expired, too.
 uint32_t Block::ReadValue(const DataEntry& entry, void** value, const Diagnostics& diagnostics) const {
   if (!IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
@@ -82,10 +78,7 @@ uint32_t Block::ReadValue(const DataEntry& entry, void** value, const Diagnostic
     *value = nullptr;
     return kStatusOk;
   }
-  uint64_t size = 0;
-  const uint64_t end = uint64_t{entry.valueOffset} + entry.valueSize;
-  if (entry.valueSize > kMaxUncheckedValue && file_->Size(&size) == 0 && end > size)
-    return kStatusBlockShortRead;
+  if (!MayHoldValue(entry)) return kStatusBlockShortRead;
   std::unique_ptr<void, decltype(&std::free)> buffer(std::malloc(entry.valueSize), &std::free);
   if (buffer == nullptr) return kStatusNoMemory;
   const ssize_t read = file_->PReadFully(buffer.get(), entry.valueSize, entry.valueOffset);

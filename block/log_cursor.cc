@@ -2,9 +2,10 @@
 
 #include <cstring>
 
+#include "base/key_bytes.h"
 #include "format/checksum.h"
 #include "format/scan_range.h"
-#include "format/wal_format.h"
+#include "format/wal_reader.h"
 #include "kestrun/key.h"
 #include "kestrun/status.h"
 
@@ -17,7 +18,7 @@ std::optional<uint32_t> MarkedChecksum(const uint8_t* bytes) {
   WalRecord record;
   std::memcpy(&record, bytes, sizeof(record));
   const bool sound = StoreChecksum(&record, WalRecordOffset::kChecksum) == record.checksum;
-  return sound && record.mark == kChecksummedMark ? std::optional<uint32_t>(record.crc) : std::nullopt;
+  return sound && IsMarked(record) ? std::optional<uint32_t>(record.crc) : std::nullopt;
 }
 
 }  // namespace
@@ -26,8 +27,7 @@ std::optional<uint32_t> MarkedChecksum(const uint8_t* bytes) {
 uint32_t LogCursor::Start() {
   IgnoreStatus(wal_.CatchUp());  // with a damaged header the log is what was read before
   position_ = LogIndex::Iterator(wal_.Index());
-  const Kestrun::Key& first = Kestrun::Key::MinKey();
-  position_.Seek({reinterpret_cast<const char*>(first.Data()), first.Size()});
+  position_.Seek(BytesOf(Kestrun::Key::MinKey()));
   started_ = false;
   return kStatusOk;
 }

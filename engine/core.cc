@@ -1,5 +1,6 @@
 #include "engine/core.h"
 
+#include "base/key_bytes.h"
 #include "engine/block_filter.h"
 #include "engine/listed_block.h"
 #include "engine/load_block.h"
@@ -58,8 +59,7 @@ bool Core::MayContain(const std::shared_ptr<BlockEntry>& entry, const BlockFilte
 
 uint32_t Core::FindBlock(const Key& key, std::shared_ptr<Block>* found) const {
   const BlockEntries candidates = manifest.FindCandidates(key);
-  const auto* bytes = reinterpret_cast<const char*>(key.Data());
-  const BlockFilter::Probe probe({bytes, bytes == nullptr ? size_t{0} : key.Size()});
+  const BlockFilter::Probe probe(BytesOf(key));
   for (auto entry = candidates.rbegin(); entry != candidates.rend(); ++entry) {
     if (!MayContain(*entry, probe)) continue;
     const std::string blockPath = BlockPath((*entry)->name);

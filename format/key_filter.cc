@@ -13,7 +13,7 @@ constexpr uint8_t kProbes = 5;
 constexpr uint8_t kMaxProbes = 30;  // more are read as a filter of some other kind, which holds everything
 constexpr size_t kBitsPerKey = 8;
 constexpr size_t kMinBits = 64;
-constexpr size_t kMaxBits = 32768;
+constexpr size_t kMaxBits = (kMaxKeyFilterSize - 1) * 8;
 
 uint32_t ProbeStep(uint32_t hash) {
   return (hash >> 17) | (hash << 15);
@@ -43,11 +43,6 @@ uint32_t FilterHash(const uint8_t* data, size_t size, uint32_t seed) {
 
 uint32_t KeyHash(std::string_view key) {
   return FilterHash(reinterpret_cast<const uint8_t*>(key.data()), key.size(), kChecksumSeed);
-}
-
-uint32_t KeyHash(const Key& key) {
-  const uint8_t* data = key.Data();
-  return FilterHash(data, data == nullptr ? 0 : key.Size(), kChecksumSeed);
 }
 
 std::vector<uint8_t> BuildKeyFilter(const std::vector<uint32_t>& hashes) {

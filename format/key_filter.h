@@ -10,16 +10,16 @@
 #include <string_view>
 #include <vector>
 
-#include "kestrun/key.h"
-
 namespace Kestrun {
 
 // A 32-bit hash of `size` bytes. The filters on disk depend on every bit of it.
 uint32_t FilterHash(const uint8_t* data, size_t size, uint32_t seed);
 
 // The hash under which filters know a key.
-uint32_t KeyHash(const Key& key);
 uint32_t KeyHash(std::string_view key);
+
+// The longest filter: 32768 bits and the number of probes.
+inline constexpr size_t kMaxKeyFilterSize = 32768 / 8 + 1;
 
 // The filter over keys with these hashes: 8 bits per key, at least 64 bits and at most 32768, and 5 probes.
 // May throw std::bad_alloc.

@@ -8,10 +8,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "format/key_filter.h"
+#include "format/manifest_format.h"
+
 namespace Kestrun {
 
 // No entry that this store writes is longer.
-inline constexpr size_t kMaxManifestEntry = 56 + 4097;
+inline constexpr size_t kMaxManifestEntry = sizeof(ManifestEntry) + kMaxKeyFilterSize;
 
 // Whether the `size` bytes from file offset `offset` on, which do not begin with a sound entry, are what is
 // left of one that was being appended: they are no longer than one entry, a sector that holds part of the

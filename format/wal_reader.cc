@@ -42,6 +42,16 @@ uint32_t EpochOf(const WalRecord& record) {
   return epoch;
 }
 
+DataEntry ToDataEntry(const WalRecord& record) {
+  DataEntry entry = {};
+  entry.valueOffset = record.valueOffset;
+  entry.valueSize = record.valueSize;
+  entry.deleted = record.deleted != 0;
+  entry.timestamp = record.timestamp;
+  entry.ttl = record.ttl;
+  return entry;
+}
+
 WalReader::WalReader(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start)
     : source_(source), window_(source, kWindow), used_(used), fileSize_(fileSize), offset_(start) {}
 

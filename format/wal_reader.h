@@ -14,6 +14,7 @@
 #include "format/byte_source.h"
 #include "format/byte_window.h"
 #include "format/wal_format.h"
+#include "kestrun/data_entry.h"
 
 namespace Kestrun {
 
@@ -55,6 +56,9 @@ inline bool IsMarked(const WalRecord& record) {
   return record.mark == kChecksummedMark;
 }
 uint32_t EpochOf(const WalRecord& record);
+
+// The part of a record that callers see; its valueOffset counts from the start of the log.
+DataEntry ToDataEntry(const WalRecord& record);
 
 struct WalRecordView {
   WalRecord header = {};

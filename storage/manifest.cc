@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "base/key_bytes.h"
 #include "format/checksum.h"
 #include "format/file_magic.h"
 #include "format/key_filter.h"
@@ -286,7 +287,7 @@ BlockEntries Manifest::Entries() {
 BlockEntries Manifest::FindCandidates(const Key& key) {
   ManifestListPointer list;
   IgnoreStatus(Load(&list));  // as above
-  const uint32_t hash = KeyHash(key);
+  const uint32_t hash = KeyHash(BytesOf(key));
   BlockEntries candidates;
   for (const std::shared_ptr<BlockEntry>& entry : list->entries) {
     if (KeyFilterMayContain(hash, entry->filter)) candidates.push_back(entry);

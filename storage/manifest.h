@@ -31,7 +31,7 @@ namespace Kestrun {
 
 struct BlockEntry {
   std::string name;             // of the block; its file is the name and ".blk_v5"
-  std::vector<uint8_t> filter;  // storage/key_filter.h
+  std::vector<uint8_t> filter;  // format/key_filter.h
 };
 using BlockEntries = std::vector<std::shared_ptr<BlockEntry>>;
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/clock.h"
+#include "base/key_bytes.h"
 #include "base/page_size.h"
 #include "format/checksum.h"
 #include "format/crc32c.h"
@@ -24,24 +25,6 @@ constexpr size_t kMinBulk = 256;
 
 // Bytes, for guessing how many records there are.
 constexpr size_t kUsualRecord = 128;
-
-DataEntry EntryOf(const WalRecord& record) {
-  DataEntry entry = {};
-  entry.valueOffset = record.valueOffset;
-  entry.valueSize = record.valueSize;
-  entry.deleted = record.deleted != 0;
-  entry.timestamp = record.timestamp;
-  entry.ttl = record.ttl;
-  return entry;
-}
-
-std::string_view View(const Key& key) {
-  return {reinterpret_cast<const char*>(key.Data()), key.Data() == nullptr ? size_t{0} : key.Size()};
-}
-
-Key ToKey(std::string_view key) {
-  return Key(reinterpret_cast<const unsigned char*>(key.data()), static_cast<unsigned short>(key.size()));
-}
 
 std::string_view KeyAt(const LogBytes& log, uint64_t offset, const WalRecord& record) {
   return {reinterpret_cast<const char*>(log.base + offset + sizeof(record)), record.keySize};
@@ -80,7 +63,7 @@ uint32_t Wal::Delete(const Key& key) {
 // it, the only step that can fail; stores its bytes; and publishes them last, so that a process killed on the way
 // leaves no half record.
 uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t valueSize, bool deleted) {
-  const std::string_view keyBytes = View(key);
+  const std::string_view keyBytes = BytesOf(key);
   if (keyBytes.empty()) {
     diagnostics_.Print("Invalid key");
     return kStatusInvalid;
@@ -108,7 +91,7 @@ uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t v
   record.ttl = ttl;
   record.keySize = static_cast<uint16_t>(keyBytes.size());
   record.checksum = StoreChecksum(&record, WalRecordOffset::kChecksum);
-  state_->filling->index.Insert(keyBytes, {offset, EntryOf(record)});
+  state_->filling->index.Insert(keyBytes, {offset, ToDataEntry(record)});
 
   InvalidateRecord(state_->staleness.ReplayedEnd(), offset);
   std::memcpy(base_ + offset, &record, sizeof(record));
@@ -137,7 +120,7 @@ void Wal::StoreMarked(WalRecord record, uint32_t offset, std::string_view key, s
   std::memcpy(base_ + offset, &record, sizeof(record));
   std::memcpy(base_ + offset + sizeof(record), key.data(), key.size());
   if (!value.empty()) std::memcpy(base_ + record.valueOffset, value.data(), value.size());
-  state_->filling->index.Insert(key, {offset, EntryOf(record)});
+  state_->filling->index.Insert(key, {offset, ToDataEntry(record)});
 }
 
 uint32_t Wal::AppendMarked(std::string_view key, uint32_t ttl, std::string_view value, bool deleted) {
@@ -287,7 +270,7 @@ void Wal::Replay(uint32_t used) {
   filling.index.Reserve(found.size(), keyBytes);
   for (const Found& one : found) {
     std::memcpy(&record, log.base + one.offset, sizeof(record));
-    filling.index.Insert(KeyAt(log, one.offset, record), {one.offset, EntryOf(record)});
+    filling.index.Insert(KeyAt(log, one.offset, record), {one.offset, ToDataEntry(record)});
   }
   filling.hasEpoch = hasEpoch;
   filling.epoch = epoch;
@@ -319,7 +302,7 @@ void Wal::InvalidateRecord(uint32_t offset, uint32_t used) {
 
 bool Wal::Lookup(const Key& key, DataEntry* entry) {
   LogIndex::Version version;
-  if (!Lookup(View(key), &version)) return false;
+  if (!Lookup(BytesOf(key), &version)) return false;
   *entry = version.entry;
   return true;
 }
@@ -367,14 +350,14 @@ void Wal::Enumerate(const Key& from, const Key& to, const std::function<bool(con
   CatchUp();
   std::shared_ptr<LogFilling> filling = state_->filling;
   LogIndex::Iterator position(filling->index);
-  for (position.Seek(View(from)); position.Valid();) {
+  for (position.Seek(BytesOf(from)); position.Valid();) {
     const Key key = ToKey(position.Key());
     if (!(key < to) || visit(key)) return;
     if (filling != state_->filling) {
       filling = state_->filling;
       position = LogIndex::Iterator(filling->index);
-      position.Seek(View(key));
-      if (!position.Valid() || position.Key() != View(key)) continue;
+      position.Seek(BytesOf(key));
+      if (!position.Valid() || position.Key() != BytesOf(key)) continue;
     }
     position.Next();
   }
@@ -384,7 +367,7 @@ void Wal::ForEachEntry(const Key& from, const Key& to,
                        const std::function<bool(const Key&, const DataEntry&)>& visit) {
   CatchUp();
   LogIndex::Iterator position(state_->filling->index);
-  for (position.Seek(View(from)); position.Valid(); position.Next()) {
+  for (position.Seek(BytesOf(from)); position.Valid(); position.Next()) {
     const Key key = ToKey(position.Key());
     if (!(key < to) || visit(key, position.Get().entry)) return;
   }

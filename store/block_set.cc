@@ -6,20 +6,9 @@
 #include "store/key_rules.h"
 
 namespace Kestrun {
-namespace {
-
-// Check the file size before allocating more: a damaged entry may claim 4 GiB.
-constexpr uint32_t kMaxUncheckedValue = 64 * 1024;
-
-}  // namespace
-
 uint32_t ReadBlockValue(const Block& block, uint32_t i, std::string_view key, std::string* value) {
   const DataEntry entry = block.EntryAt(i);
-  uint64_t size = 0;
-  if (entry.valueSize > kMaxUncheckedValue && block.File()->Size(&size) == 0 &&
-      uint64_t{entry.valueOffset} + entry.valueSize > size) {
-    return kStatusBlockCorrupt;
-  }
+  if (!block.MayHoldValue(entry)) return kStatusBlockCorrupt;
   value->resize(entry.valueSize);
   const ssize_t read = block.File()->PReadFully(value->data(), value->size(), entry.valueOffset);
   if (read < 0) return kStatusBlockShortRead;

@@ -13,7 +13,7 @@ namespace Kestrun {
 namespace {
 
 constexpr int kMaxCopies = 1000;
-constexpr char kCopySuffix[] = "wal_v5.damaged-";
+constexpr char kCopySuffix[] = ".damaged-";
 
 }  // namespace
 
@@ -23,7 +23,7 @@ uint32_t SaveUnreachable(const Core& core, uint32_t begin, uint32_t end) {
   if (std::all_of(log.base + begin, log.base + end, [](uint8_t byte) { return byte == 0; })) return kStatusOk;
 
   for (int number = 1; number <= kMaxCopies; ++number) {
-    const std::string path = core.path + "/" + kCopySuffix + std::to_string(number);
+    const std::string path = core.path + "/" + kWalFileName + kCopySuffix + std::to_string(number);
     errno = 0;
     if (!CreateExclusive(path)) continue;
     std::shared_ptr<OsFile> file;

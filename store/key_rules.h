@@ -1,10 +1,8 @@
 // store/key_rules.h: what the safe face takes as a key, a value and a time to live.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string_view>
-
-#include "kestrun/key.h"
 
 namespace Kestrun {
 
@@ -15,7 +13,5 @@ bool IsValidKey(std::string_view key);
 
 // Values have sizes of 32 bits.
 bool IsValidValue(std::string_view value);
-
-Key ToKey(std::string_view key);
 
 }  // namespace Kestrun

@@ -79,13 +79,7 @@ uint32_t ReadLog(OsFile& file, LogView* view) {
   WalReader records(copied, header.header.used, size);
   while (records.Next()) {
     const WalRecordView& record = records.Record();
-    DataEntry entry = {};
-    entry.valueOffset = record.header.valueOffset;
-    entry.valueSize = record.header.valueSize;
-    entry.deleted = record.header.deleted != 0;
-    entry.timestamp = record.header.timestamp;
-    entry.ttl = record.header.ttl;
-    filling->index.Insert(record.key, {static_cast<uint32_t>(record.offset), entry});
+    filling->index.Insert(record.key, {static_cast<uint32_t>(record.offset), ToDataEntry(record.header)});
   }
   *view = {filling, filling->copy, used};
   return kStatusOk;

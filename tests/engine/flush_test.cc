@@ -16,7 +16,7 @@ class FlushTest : public StoreTest {
  protected:
   bool FilterAccepts(size_t block, const std::string& key) const {
     const std::string filter = Filter(block);
-    return KeyFilterMayContain(KeyHash(Key(key)), std::vector<uint8_t>(filter.begin(), filter.end()));
+    return KeyFilterMayContain(KeyHash(key), std::vector<uint8_t>(filter.begin(), filter.end()));
   }
 
   std::unique_ptr<LSDBImpl> engine_ = Open();

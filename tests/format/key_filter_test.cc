@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/key_bytes.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/random_run.h"
 
@@ -102,11 +103,11 @@ TEST(FilterHashTest, BytesAreUnsigned) {
 
 TEST(KeyHashTest, IsTheHashOfTheKeysBytesUnderTheSeedOfTheStore) {
   for (const char* key : {"", "k", "user-42", "a key that is longer than what fits into it"}) {
-    EXPECT_EQ(KeyHash(Key(key)), HashOf(key)) << key;
+    EXPECT_EQ(KeyHash(BytesOf(Key(key))), HashOf(key)) << key;
   }
   Key moved("a key that is longer than what fits into it");
   const Key taken = std::move(moved);
-  EXPECT_EQ(KeyHash(moved), HashOf(""));
+  EXPECT_EQ(KeyHash(BytesOf(moved)), HashOf(""));
 }
 
 TEST(BuildKeyFilterTest, HasEightBitsForEachKeyWithinItsBounds) {

@@ -54,7 +54,7 @@ TEST_F(LogPageTest, TheLogWithOneRecordCanBeRead) {
 
 class ManifestPageTest : public ManifestTest {
  protected:
-  const std::vector<uint8_t> filter_ = BuildKeyFilter({KeyHash(Key("k"))});
+  const std::vector<uint8_t> filter_ = BuildKeyFilter({KeyHash("k")});
 };
 
 TEST_F(ManifestPageTest, TheEmptyManifestIsTheOneThatOpeningMakes) {
