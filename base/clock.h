@@ -7,7 +7,7 @@ namespace Kestrun {
 
 // Seconds since the Unix epoch.
 uint64_t NowSeconds();
-// Whole seconds times 1000: the part below a second is dropped, and callers rely on it.
+// Whole seconds times 1000: the part below a second is dropped.
 uint64_t NowMilliseconds();
 uint64_t NowMicroseconds();
 

@@ -45,7 +45,7 @@ class HeapArray {
   void Reserve(size_t capacity) {
     if (capacity > capacity_) Reallocate(capacity);
   }
-  // Room for `count` more at the end, which belong to the array from now on.
+  // Space for `count` more at the end, which belong to the array from now on.
   T* Extend(size_t count) {
     if (count > capacity_ - size_) Reallocate(size_ + count + capacity_ / 2);
     size_ += count;

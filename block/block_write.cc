@@ -1,4 +1,4 @@
-// How new block files come about in the older face: from the log, and from other blocks.
+// Writes new block files from the log and from other blocks.
 #include <utility>
 
 #include "block/block.h"

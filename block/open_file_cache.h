@@ -1,6 +1,6 @@
 // block/open_file_cache.h: reads many files with few descriptors.
 //
-// Ownership: the pool keeps the files used last open; whoever got one keeps it open meanwhile.
+// Ownership: the cache keeps the files used last open; a caller keeps the one that it got open.
 // Threads:   one thread at a time.
 // Failure:   a null file, when it can't be opened. May throw std::bad_alloc.
 #pragma once

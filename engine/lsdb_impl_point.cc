@@ -121,7 +121,7 @@ uint32_t LSDBImpl::FindEntry(const Key& key, DataEntry* entry, std::shared_ptr<B
   return (*block)->Lookup(key, entry);
 }
 
-// What can't be found out counts as present; callers rely on it.
+// What can't be found out counts as present. Compat: contains-unsure-is-true
 bool LSDBImpl::Contains(const Key& key) {
   if (!IsOpen()) return false;
   DataEntry entry = {};
@@ -133,7 +133,7 @@ bool LSDBImpl::Contains(const Key& key) {
   return status != kStatusOk || (found && !entry.deleted);
 }
 
-// A deletion marker in the log is not copied, one in a block is; callers rely on both.
+// A tombstone in the log is not copied, one in a block is. Compat: entry-left-alone
 uint32_t LSDBImpl::GetDataEntry(const Key& key, DataEntry& entry) {
   if (!IsOpen()) return kStatusWalOpenFailed;
   return CatchBadAlloc([&] {

@@ -8,8 +8,8 @@
 
 namespace Kestrun {
 
-// What each source's scan ends with is not looked at: an answer of true ends that scan only, and callers rely
-// on being asked again by the next source. A block that can't be opened is passed over in silence.
+// An answer of true ends the scan of one source only (Compat: enumerate-reports-sources). A block that can't be opened is
+// passed over in silence.
 uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
                                  const std::function<bool(const Key&)>& visit) {
   if (!IsOpen()) return kStatusWalOpenFailed;
@@ -33,10 +33,10 @@ uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
   });
 }
 
-// Collects first and deletes when the enumeration has let go of its locks; no status is looked at. A key that
-// several sources hold gets several deletion markers.
+// Collects first and deletes when the enumeration has released its locks. A key that several sources hold gets several
+// tombstones.
 uint32_t LSDBImpl::DeleteByRange(const Key& from, const Key& to) {
-  // Callers rely on success whatever happens, a lack of memory included.
+  // Success whatever happens, a lack of memory included. Compat: delete-range-always-ok
   IgnoreStatus(CatchBadAlloc([&] {
     std::vector<Key> keys;
     const auto collect = [&keys](const Key& key) {

@@ -1,8 +1,8 @@
 // format/block_format.h: the bytes of a block file, <name>.blk_v5. docs/internals/format/block.md shows a whole file.
 //
 //   0    file header (128 bytes)
-//   128  data section: the values, one behind the other
-//   O2   key table: the keys, one behind the other; O2 is the next page boundary
+//   128  data section: the values, one after the other
+//   O2   key table: the keys, one after the other; O2 is the next page boundary
 //   O3   entry table: one BlockDataEntry per key; O3 is the next page boundary
 //
 // Each section begins with a 28-byte header whose size counts the whole section. All three list the keys in
@@ -90,7 +90,7 @@ inline constexpr size_t kEnd = 48;
 struct BlockDataEntry {
   uint32_t valueOffset;  // file offset of the value
   uint32_t valueSize;
-  uint8_t deleted;  // nonzero: a deletion marker
+  uint8_t deleted;  // nonzero: a tombstone
   uint8_t padding0[7];
   uint64_t timestamp;  // seconds since the Unix epoch at which the entry was first written
   uint32_t ttl;        // seconds

@@ -23,7 +23,7 @@ class ByteSource {
   virtual ~ByteSource() = default;
 
   // Copies up to `length` bytes from `offset` on to `buffer` and returns how many: fewer only where the source ends,
-  // 0 behind its end, -1 when the system can't read them.
+  // 0 after its end, -1 when the system can't read them.
   virtual ssize_t ReadAt(uint64_t offset, void* buffer, size_t length) = 0;
   // The size of the source; false when it can't be found out.
   virtual bool Size(uint64_t* size) = 0;

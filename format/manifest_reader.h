@@ -107,8 +107,8 @@ enum class JournalState {
 };
 JournalState ReadManifestJournal(ByteSource& source, ManifestJournal* journal);
 
-// What a complete journal says of a manifest. Whoever recovers finishes a rewrite that is Pending, and
-// removes the journal in every case.
+// What a complete journal says of a manifest. A recovery finishes a rewrite that is Pending, and removes the
+// journal in every case.
 enum class RewriteState {
   OtherList,   // the journal's generation is neither the manifest's nor the next one
   NotBegun,    // the generation is not published, and the manifest's entries are the old ones

@@ -2,7 +2,7 @@
 //
 //   0    header (24 bytes)
 //   24   unused, zero in a new file
-//   128  records, one behind the other without gaps, up to the header's `used`
+//   128  records, one after the other without gaps, up to the header's `used`
 //
 // A record is its 40-byte header, the key's bytes and the value's bytes. Integers are little-endian.
 #pragma once

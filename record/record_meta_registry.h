@@ -6,7 +6,7 @@
 //
 // A file is told by its device and inode number while a handle is open on it. Once none is, the number may come to
 // belong to another file, so a set is only taken up again by a file that nobody has changed since: its size and times
-// are those that the last handle left behind. Any other file starts a new set.
+// are those that the last handle left. Any other file starts a new set.
 #pragma once
 
 #include <cstdint>

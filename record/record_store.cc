@@ -54,7 +54,7 @@ class RecordStore::Impl {
 };
 
 // The bytes of the record. A type that is not known is recorded last of all, when nothing else can be refused any
-// more: what was refused must not leave a type behind.
+// more: what was refused must not leave a type.
 uint32_t RecordStore::Impl::Encode(std::string_view key, const std::string& type,
                                    const std::vector<Value>& values, unsigned int ttl, std::string* bytes) {
   std::unique_ptr<RecordMeta> parsed;

@@ -1,4 +1,4 @@
-// storage/file_creation.h: how files come into being when several processes make them at the same moment.
+// storage/file_creation.h: creates files that several processes may be creating at the same moment.
 #pragma once
 
 #include <cstddef>

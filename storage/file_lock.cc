@@ -92,7 +92,7 @@ bool TryLockByteRanges(int descriptor, LockLevel level) {
          SetByteLock(descriptor, F_UNLCK, kGateByte, kGateLength);
 }
 
-// Whoever holds a lock mostly gives it up within microseconds: the processor is handed over first, then slept.
+// Most locks are held for microseconds: the processor is handed over first, and only then slept.
 void PauseBeforeTry(int tries) {
   constexpr int kYields = 64;
   constexpr int kMinSleepMicros = 20;

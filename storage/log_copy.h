@@ -5,7 +5,7 @@
 //
 // Ownership: shared; it lives as long as a snapshot reads from it.
 // Threads:   one thread at a time may call Extend, with the log's lock held. Bytes before a size that Extend has
-//            reached may be read beside it, by whoever was handed that size afterwards.
+//            reached may be read beside it, by threads that were handed that size afterwards.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ namespace Kestrun {
 class LogCopy {
  public:
   // An empty copy with room for `capacity` bytes, of which only those that are copied take memory. Null when the
-  // system has no room. May throw std::bad_alloc.
+  // system has no memory. May throw std::bad_alloc.
   static std::shared_ptr<LogCopy> Create(uint32_t capacity);
 
   ~LogCopy();

@@ -218,7 +218,7 @@ void LogIndex::Insert(std::string_view key, const Version& version) {
   std::memcpy(static_cast<void*>(&node->links[height]), key.data(), key.size());
 
   if (height > height_.load(std::memory_order_relaxed)) height_.store(height, std::memory_order_relaxed);
-  // From the bottom up: whoever finds the node on one level finds it on those below.
+  // From the bottom up: a reader that finds the node on one level finds it on those below.
   for (int level = 0; level < height; ++level) {
     before[level]->links[level].store(node, std::memory_order_release);
     if (before[level] == last_[level]) last_[level] = node;

@@ -39,7 +39,7 @@ class LogIndex {
  public:
   // One record of the log.
   struct Version {
-    uint32_t offset;  // of the record; what its valueOffset says need not lie behind it
+    uint32_t offset;  // of the record; what its valueOffset says need not lie after it
     DataEntry entry;
   };
 

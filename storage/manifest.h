@@ -11,8 +11,8 @@
 // Bytes:     storage/manifest_format.h.
 //
 // The header's generation, which changes with every recorded block, tells each process whether its list is
-// current. Truncate leaves it alone: other processes keep their lists until the next Append (Compat:
-// truncate-keeps-generation).
+// current. Truncate leaves it alone: other processes keep their lists until the next Append.
+// Compat: clear-unnoticed.
 #pragma once
 
 #include <atomic>
@@ -89,7 +89,7 @@ class Manifest {
   // kStatusBadMagic            "Invalid wal magic"
   // The statuses of Load       Load's message and "Failed to load block entries"
   //
-  // Compat: manifest-messages-say-wal. Two of the messages have the log's wording.
+  // Compat: manifest-speaks-of-wal. Two of the messages have the log's wording.
   static uint32_t Open(const std::string& path, Manifest** out,
                        const Diagnostics& diagnostics = Diagnostics::Printing());
 

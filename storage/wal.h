@@ -157,10 +157,10 @@ class Wal {
   // Empties the log. The bytes of the records stay until they are overwritten. Always kStatusOk. May throw
   // std::bad_alloc unless PrepareReset came before.
   uint32_t Reset();
-  // Brings the log's first page to the disk, so that no loss of power undoes a Reset. Without a status: what is lost
-  // with a failure is only that assurance.
+  // Syncs the log's first page, so that no loss of power undoes a Reset. Without a status: a failure takes nothing but
+  // that assurance.
   void SyncFirstPage();
-  // Brings the used bytes to the disk. False when the system reports a failure.
+  // Syncs the used bytes. False when the system reports a failure.
   [[nodiscard]] bool SyncUsed();
 
   // Makes the file at least `size` bytes long, in place, for every process. kStatusCreateFailed when there is no space.

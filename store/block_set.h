@@ -23,8 +23,8 @@ struct OpenBlock {
 // Oldest first.
 using BlockSet = std::vector<OpenBlock>;
 
-// Reads the value of an entry of `block`, which stands under `key`, to `*value`, and compares it with its checksum when
-// `crc` is not null.
+// Reads the value of an entry of `block`, which stands under `key`, to `*value`, and compares it with the checksum that the
+// entry may carry.
 //
 // kStatusBlockShortRead  the system could not read
 // kStatusBlockCorrupt    the file ends before the value does, or the checksum differs

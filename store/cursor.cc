@@ -128,7 +128,7 @@ void Cursor::Impl::Settle() {
       entry_ = {};
       return;
     }
-    // Older versions of the key are behind it now.
+    // Older versions of the key come after it now.
     for (size_t i = 0; i < blocks_.size() && i < best; ++i) {
       if (blocks_[i].isValid && blocks_[i].key == bestKey) Step(i);
     }

@@ -29,8 +29,8 @@ class Snapshot::Impl {
   const uint64_t seconds;  // what is alive is judged by this second
 };
 
-// Compares what a marked record of a log promises with what stands there. `record` points to its 40 bytes, `content` to
-// its key and value. True also for a record without the mark.
+// Compares the checksum that a marked record of a log carries with its key and value. `record` points to its 40 bytes.
+// True also for a record without the mark.
 bool IsRecordContentSound(const uint8_t* record, std::string_view key, std::string_view value);
 
 }  // namespace Kestrun

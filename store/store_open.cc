@@ -24,8 +24,8 @@ namespace {
 
 uint32_t MakeDirectory(const std::string& path, const Diagnostics& diagnostics) {
   if (mkdir(path.c_str(), 0700) == 0) {
-    IgnoreStatus(SyncDirectory(
-        DirectoryOf(path)));  // only a loss of power could tell, and the parent need not be ours
+    // Only a loss of power could tell, and the parent need not be ours to sync.
+    IgnoreStatus(SyncDirectory(DirectoryOf(path)));
     return kStatusOk;
   }
   struct stat info = {};

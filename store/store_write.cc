@@ -10,7 +10,7 @@
 namespace Kestrun {
 
 // Appending after a record that is not sound would make an entry that no other process ever sees. What the replay can't
-// reach is put aside, the rest becomes a block, and the log begins anew.
+// reach is put aside, the rest becomes a block, and the log is reset.
 uint32_t Store::Impl::PrepareLog() {
   if (!wal_->CatchUp()) {
     core_.diagnostics.Print("Invalid wal checksum");
@@ -103,7 +103,7 @@ uint32_t Store::Impl::Clear() {
   lastSet_.reset();
   IgnoreStatus(wal_->Reset());  // always succeeds
   wal_->SyncFirstPage();
-  // Files that no list names any more: whoever has them open goes on reading them.
+  // Files that no list names any more: readers that have them open go on reading them.
   for (const std::shared_ptr<BlockEntry>& entry : entries) {
     IgnoreStatus(std::remove(core_.BlockPath(entry->name).c_str()));  // an orphan only takes up space
   }

@@ -21,7 +21,7 @@ struct LogImage {
   // An empty log of `size` bytes.
   explicit LogImage(size_t size);
 
-  // Puts a record behind the last one and shows it in the header. Returns where it begins.
+  // Puts a record after the last one and shows it in the header. Returns where it begins.
   size_t Append(const LogImageRecord& record);
   // The header's end of the used area, with the checksum that fits.
   void SetUsed(uint32_t offset);

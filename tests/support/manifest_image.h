@@ -1,4 +1,4 @@
-// A whole manifest file, manifest_v5, and its side file, put together by the tests themselves.
+// A whole manifest file, manifest_v5, and its journal, put together by the tests themselves.
 #pragma once
 
 #include <cstddef>
@@ -26,13 +26,13 @@ struct ManifestImage {
   void SealEntry(size_t offset);
 
   const std::string& Bytes() const { return file.Bytes(); }
-  // What stands behind the header.
+  // What stands after the header.
   std::string Entries() const { return file.Bytes().substr(128); }
 
   FileImage file;
 };
 
-// The side file manifest_v5.next: `entries` are to take the place of `oldEntries`.
+// The journal, manifest_v5.next: `entries` are to take the place of `oldEntries`.
 std::string SideFileBytes(uint32_t generation, const std::string& oldEntries, const std::string& entries);
 
 }  // namespace Kestrun::Testing

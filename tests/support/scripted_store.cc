@@ -178,8 +178,8 @@ uint32_t ScriptedStore::Append(int number, const Step& step) {
   });
 }
 
-// A deletion marker has no time to live: a second later a block that holds it answers as for any expired
-// entry. The key is gone in any case. Where the entry is no marker, its writer may have put a value there
+// A tombstone has no time to live: a second later a block that holds it answers as for any expired
+// entry. The key is gone in any case. Where the entry is no tombstone, its writer may have put a value there
 // between the two calls; then the value can be read, or the key has been deleted once more.
 uint32_t ScriptedStore::Find(int key, int* found) {
   constexpr int kTries = 100;
