@@ -1,9 +1,8 @@
 #include "engine/core.h"
 
 #include "base/key_bytes.h"
-#include "engine/block_filter.h"
-#include "engine/listed_block.h"
 #include "engine/load_block.h"
+#include "engine/manifest_filter.h"
 #include "engine/pending_block_file.h"
 #include "format/block_format.h"
 #include "kestrun/status.h"
@@ -40,13 +39,13 @@ uint32_t Core::FlushLocked(uint64_t* blockBytes) const {
 
 // A block that is recorded but could not be synced is used like any other; the log keeps its entries then.
 uint32_t Core::RecordFlushedBlock(const std::string& name, const std::shared_ptr<Block>& block) const {
-  const std::vector<uint8_t> filter = BuildBlockFilter(*block);
+  const std::vector<uint8_t> filter = BuildManifestFilter(*block);
   const ManifestSection section(*this, LockLevel::Exclusive);
   if (section.Status() != kStatusOk) return section.Status();
   const uint32_t status = manifest.Append(name, filter);
   if (status != kStatusOk) diagnostics.Print("Failed to update manifest");
   if (status == kStatusOk || status == kStatusSyncFailed) {
-    cache.Put(name, block, FindListedBlock(manifest, name));
+    cache.Put(name, block, manifest.FindEntry(name));
   }
   return status;
 }

@@ -1,7 +1,6 @@
-// engine/core.h: what both faces do with an open store: the steps under a lock, and what they have in common.
+// engine/core.h: the steps that both faces take with an open store, under its locks.
 //
-// A core says nothing by itself and hides no status: it is given a Diagnostics to speak to, and the face decides what a
-// caller sees.
+// A core prints nothing by itself and hides no status: it is given a Diagnostics, and the face decides what a caller sees.
 //
 // Ownership: a core refers to the parts of a handle, which must outlive it.
 // Threads:   as the parts: a section's operations run while the section is open.
@@ -40,8 +39,8 @@ struct Core {
 
   // Writes the log's entries to a new block, records it, publishes it in the cache and resets the log. The log's lock is
   // held at Exclusive. The reset comes last, so that at every moment each entry can be reached through the log or
-  // through a recorded block; an earlier failure leaves the log whole. Its emptiness is synced before anything is
-  // appended: the records of a log that was flushed twice since must not come back over newer blocks.
+  // through a recorded block; an earlier failure leaves the log whole. The empty log is synced before anything is
+  // appended: old records must not come back after a loss of power and hide newer blocks.
   //
   // `*blockBytes`, when asked for, is the size of the block's file. "Failed to dump wal file" when the block can't be
   // written, "Failed lock manifest", "Failed to update manifest" when it can't be recorded; statuses as
@@ -53,7 +52,7 @@ struct Core {
 
   // The newest block that holds `key`, tombstones and expired entries included; null when there is none. The manifest's
   // lock is held. A block that can't be read at the moment ends the search, because an older one may hold an older
-  // value; a corrupt one is deleted and passed over (Compat: corrupt-block-deleted).
+  // value; a corrupt one is deleted and passed over. Compat: corrupt-block-deleted
   uint32_t FindBlock(const Key& key, std::shared_ptr<Block>* found) const;
 
  private:
@@ -74,7 +73,7 @@ class [[nodiscard]] LogSection {
   std::shared_ptr<OsFile> file_;  // outlives the unlock
   LockLevel level_;
   uint32_t status_;
-  bool isEntered_;  // the older face enters a section also when it fails to lock
+  bool isEntered_;  // also after a failed lock of the older face (Compat: failed-lock-keeps-mutex)
 };
 
 // The manifest locked for a scope. "Failed lock manifest" when it can't be locked.
@@ -90,7 +89,7 @@ class [[nodiscard]] ManifestSection {
   std::shared_ptr<OsFile> file_;
   LockLevel level_;
   uint32_t status_;
-  bool isEntered_;  // the older face enters a section also when it fails to lock
+  bool isEntered_;  // as above
 };
 
 // Locks `file` as `patience` says. Unlock must follow if `*isEntered`.

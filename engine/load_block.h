@@ -1,4 +1,7 @@
-// engine/load_block.h: how the older face takes what can't be loaded.
+// engine/load_block.h: loads blocks for the older face, which passes over what is gone or corrupt.
+//
+// Threads: safe.
+// Failure: statuses; may throw std::bad_alloc.
 #pragma once
 
 #include <cstdint>
@@ -9,11 +12,12 @@
 
 namespace Kestrun {
 
-// What a load that failed with `status` means for later ones: kStatusOk when trying again is of no use, because the
-// file is gone, or was corrupt and is removed here; `status` otherwise. Compat: corrupt-block-deleted
+// What a caller does about a load that failed with `status`. kStatusOk: pass over the block, because its file is gone, or
+// was corrupt and is deleted here. `status` otherwise: a later load may succeed. Compat: corrupt-block-deleted,
+// missing-block-passed-over
 uint32_t ClassifyLoadFailure(uint32_t status, const std::string& path);
 
-// BlockCache::GetOrLoad; `*failure` is what ClassifyLoadFailure makes of it.
+// BlockCache::GetOrLoad; null when the block can't be loaded, with what ClassifyLoadFailure makes of that as `*failure`.
 std::shared_ptr<Block> LoadBlock(BlockCache& cache, const std::string& name, const std::string& path,
                                  const std::shared_ptr<const void>& owner, uint32_t* failure);
 

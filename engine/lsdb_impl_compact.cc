@@ -5,10 +5,9 @@
 #include <vector>
 
 #include "base/catch_bad_alloc.h"
-#include "engine/block_filter.h"
 #include "engine/core.h"
-#include "engine/listed_block.h"
 #include "engine/load_block.h"
+#include "engine/manifest_filter.h"
 #include "engine/pending_block_file.h"
 #include "format/block_format.h"
 #include "format/file_names.h"
@@ -58,7 +57,7 @@ uint32_t LSDBImpl::Compact() {
   }
   const std::shared_ptr<Block> block(merged);
   file.Commit();
-  const std::vector<uint8_t> filter = BuildBlockFilter(*block);
+  const std::vector<uint8_t> filter = BuildManifestFilter(*block);
   {
     const ManifestSection manifest(core, LockLevel::Exclusive);
     if (manifest.Status() != kStatusOk) return manifest.Status();
@@ -66,7 +65,7 @@ uint32_t LSDBImpl::Compact() {
     const uint32_t status = manifest_->Replace(old, file.Name(), filter, &replaced);
     if (replaced) {
       for (const std::shared_ptr<BlockEntry>& entry : old) cache_->Erase(entry->name);
-      cache_->Put(file.Name(), block, FindListedBlock(*manifest_, file.Name()));
+      cache_->Put(file.Name(), block, manifest_->FindEntry(file.Name()));
     }
     if (status != kStatusOk) {
       core.diagnostics.Print("Failed to update manifest");

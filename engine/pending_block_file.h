@@ -6,7 +6,7 @@
 
 namespace Kestrun {
 
-// Removes the file again unless it is kept: a block that was not written whole can never be read and only
+// Removes the file again unless it is committed: a block that was not written whole can never be read and only
 // takes up space. Operations may throw std::bad_alloc.
 class PendingBlockFile {
  public:

@@ -284,6 +284,13 @@ BlockEntries Manifest::Entries() {
   return list->entries;
 }
 
+std::shared_ptr<const BlockEntry> Manifest::FindEntry(const std::string& name) {
+  for (const std::shared_ptr<BlockEntry>& entry : Entries()) {
+    if (entry->name == name) return entry;
+  }
+  return nullptr;
+}
+
 BlockEntries Manifest::FindCandidates(const Key& key) {
   ManifestListPointer list;
   IgnoreStatus(Load(&list));  // as above

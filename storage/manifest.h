@@ -139,6 +139,8 @@ class Manifest {
 
   // The whole list, after Load, whose status is ignored.
   BlockEntries Entries();
+  // The entry of the block `name`, or null, after Load, whose status is ignored.
+  std::shared_ptr<const BlockEntry> FindEntry(const std::string& name);
   // The entries whose filter may contain `key`, after Load, whose status is ignored.
   BlockEntries FindCandidates(const Key& key);
 

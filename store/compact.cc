@@ -2,8 +2,7 @@
 #include <algorithm>
 
 #include "base/clock.h"
-#include "engine/block_filter.h"
-#include "engine/listed_block.h"
+#include "engine/manifest_filter.h"
 #include "engine/pending_block_file.h"
 #include "kestrun/status.h"
 #include "store/auto_compact.h"
@@ -50,7 +49,7 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
     return status == kStatusBlockWriteFailed ? ExplainFailedMerge(run, stop) : status;
   }
   const std::shared_ptr<Block> block(written);
-  const std::vector<uint8_t> filter = BuildBlockFilter(*block);
+  const std::vector<uint8_t> filter = BuildManifestFilter(*block);
   {
     const ManifestSection section(core_, LockLevel::Exclusive);
     if (section.Status() != kStatusOk) return section.Status();
@@ -58,7 +57,7 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
     if (*done) {
       file.Commit();
       for (const std::shared_ptr<BlockEntry>& entry : run) cache_.Erase(entry->name);
-      cache_.Put(file.Name(), block, FindListedBlock(*manifest_, file.Name()));
+      cache_.Put(file.Name(), block, manifest_->FindEntry(file.Name()));
     }
     if (status != kStatusOk) {
       file.Commit();  // the journal may still bring it into the list

@@ -1,4 +1,4 @@
-// engine/block_filter.h: the key filter that the manifest keeps for a block.
+// engine/manifest_filter.h: the key filter that the manifest keeps for a block.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +11,6 @@ namespace Kestrun {
 // A filter over the keys of `block` in [MinKey, MaxKey) and over the primary of each key that has one of its
 // own, so that a search for a primary finds the blocks that hold any of its keys. A primary counts once for
 // each of its keys. May throw std::bad_alloc.
-std::vector<uint8_t> BuildBlockFilter(const Block& block);
+std::vector<uint8_t> BuildManifestFilter(const Block& block);
 
 }  // namespace Kestrun

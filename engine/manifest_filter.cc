@@ -1,4 +1,4 @@
-#include "engine/block_filter.h"
+#include "engine/manifest_filter.h"
 
 #include <string_view>
 
@@ -16,7 +16,7 @@ std::string_view PrimaryOf(std::string_view key) {
 
 }  // namespace
 
-std::vector<uint8_t> BuildBlockFilter(const Block& block) {
+std::vector<uint8_t> BuildManifestFilter(const Block& block) {
   std::vector<uint32_t> hashes;
   hashes.reserve(size_t{block.Count()} * 2);
   for (uint32_t i = 0; i < block.Count(); ++i) {
