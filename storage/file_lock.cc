@@ -128,7 +128,9 @@ uint32_t InodeInfo::WaitFor(LockLevel target, int descriptor, unsigned int milli
   bool hasGate = false;
   for (int tries = 0;; ++tries) {
     const bool isLast = std::chrono::steady_clock::now() >= deadline;
-    if (TryEnter()) {
+    // The gate byte is given back in any case, and only by a thread that is inside.
+    const bool isInside = isLast && hasGate ? (Enter(), true) : TryEnter();
+    if (isInside) {
       if (level >= target || TryLockByteRanges(descriptor, target)) {
         level = std::max(level, target);
         return kStatusOk;

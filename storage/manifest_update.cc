@@ -165,6 +165,18 @@ bool Manifest::StillLists(const BlockEntries& entries) {
   return size >= EndOf(*list) && ListsAll(list->entries, entries);
 }
 
+uint32_t Manifest::FollowTruncation() {
+  ManifestListPointer list;
+  if (const uint32_t status = Load(&list); status != kStatusOk) return status;
+  uint64_t size = 0;
+  ManifestHeader header;
+  if (file_->Size(&size) != 0 || size >= EndOf(*list) || !ReadHeader(&header)) return kStatusOk;
+  Reading reading = ReadList(header);
+  if (const uint32_t status = StatusOf(reading); status != kStatusOk) return status;
+  state_->SetList(std::move(reading.list));
+  return kStatusOk;
+}
+
 uint32_t Manifest::Truncate() {
   const std::string journalPath = JournalPath(file_->Path());
   // Before the entries go: what it would bring back must stay dropped.

@@ -125,6 +125,7 @@ class Store::Impl {
     bool isOurs_;
   };
 
+  uint32_t ListAgain(ManifestListPointer* list);
   uint32_t SearchBlocks(std::string_view key, std::shared_ptr<Block>* block, uint32_t* index);
 
   std::atomic<std::thread::id> bodyThread_{std::thread::id()};

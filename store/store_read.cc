@@ -54,6 +54,16 @@ uint32_t Store::Impl::LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::s
   return status == kStatusOpenFailed && (error == EACCES || error == EPERM) ? kStatusNoPermission : status;
 }
 
+// The list after a block of it was not to be had: others may have changed it, and even without a new generation.
+uint32_t Store::Impl::ListAgain(ManifestListPointer* list) {
+  {
+    const ManifestSection section(core_, LockLevel::Shared);
+    if (section.Status() != kStatusOk) return section.Status();
+    if (const uint32_t status = manifest_->FollowTruncation(); status != kStatusOk) return status;
+  }
+  return manifest_->LoadUnlocked(list);
+}
+
 // Newest first; the first block that has the key decides. One that is gone may have been merged meanwhile: the list is
 // read again then, and only a block that is still listed is damaged.
 uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>* block, uint32_t* index) {
@@ -79,7 +89,7 @@ uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>*
     }
     if (status != kStatusBlockCorrupt) return status;
     ManifestListPointer again;
-    if (const uint32_t listed = manifest_->LoadUnlocked(&again); listed != kStatusOk) return listed;
+    if (const uint32_t listed = ListAgain(&again); listed != kStatusOk) return listed;
     if (again->entries == list->entries || reads == kMaxListReads) return status;
     list = std::move(again);
   }
@@ -162,7 +172,7 @@ uint32_t Store::Impl::OpenBlocks(std::shared_ptr<const BlockSet>* blocks) {
     }
     if (!isComplete && reads < kMaxListReads) {
       ManifestListPointer again;
-      if (const uint32_t status = manifest_->LoadUnlocked(&again); status != kStatusOk) return status;
+      if (const uint32_t status = ListAgain(&again); status != kStatusOk) return status;
       if (again->entries != entries) continue;
     }
     *blocks = set;

@@ -25,13 +25,13 @@ class KESTRUN_EXPORT Snapshot {
  public:
   // Reads the files of the store in the directory `path` without being able to change anything: creates, writes and
   // deletes nothing, works on read-only media and on stores that were written with another page size. The store may
-  // be in use, in this process or in others.
+  // be in use, in this process or in others. A block that is damaged, or whose file is gone, is named by the
+  // diagnostic, and only the reads that need it answer kStatusBlockCorrupt.
   //
   // kStatusStoreMissing  there is no such directory, or it is empty
   // kStatusNotAStore     `path` is a file, or a directory without a whole store
   // kStatusNoPermission  the system does not allow to read it
   // kStatusLockFailed    another process kept it locked for five seconds
-  // kStatusBlockCorrupt  a block is damaged or its file is gone; the diagnostic names it
   // kStatusWalChecksum, kStatusManifestChecksum, kStatusManifestUnreadable, kStatusBadMagic  the log or the manifest
   //                      is damaged
   // kStatusOpenFailed, kStatusStatFailed, kStatusBlockShortRead, kStatusMapFailed, kStatusNoMemory  the system could
