@@ -13,7 +13,8 @@ using Kestrun::Testing::ScratchDirectory;
 
 template <typename Exception>
 uint32_t PutAndThrow(kestrun_transaction* transaction, void* exception) {
-  EXPECT_EQ(kestrun_transaction_put(transaction, "key", 3, KESTRUN_TTL_FOREVER, "value", 5), KESTRUN_STATUS_OK);
+  EXPECT_EQ(kestrun_transaction_put(transaction, "key", 3, KESTRUN_TTL_FOREVER, "value", 5),
+            KESTRUN_STATUS_OK);
   throw *static_cast<Exception*>(exception);
 }
 
