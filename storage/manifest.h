@@ -89,7 +89,7 @@ class Manifest {
   // kStatusBadMagic            "Invalid wal magic"
   // The statuses of Load       Load's message and "Failed to load block entries"
   //
-  // Compat: manifest-speaks-of-wal. Two of the messages have the log's wording.
+  // Compat: manifest-messages-say-wal. Two of the messages have the log's wording.
   static uint32_t Open(const std::string& path, Manifest** out,
                        const Diagnostics& diagnostics = Diagnostics::Printing());
 
