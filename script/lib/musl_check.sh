@@ -29,12 +29,23 @@ EOF
 
 flags=(-nostdinc++ -nostdlibinc -isystem "$libcxx" -isystem "$musl" -D_LIBCPP_HAS_MUSL_LIBC -D__MUSL__
   -funsigned-char -fPIC -Wall -Wextra -Wpedantic -Wconversion -Werror -Werror=format-security
-  -include "$work/no_glibc.h" -Iinclude -I. -fsyntax-only)
+  -include "$work/no_glibc.h" -Iinclude -I. -isystem "$work/include" -DKESTRUN_OHOS -fsyntax-only)
 
 # The platform's own triple, and the plain musl one of this machine: they differ in va_list, wchar_t and char.
 targets=(aarch64-linux-ohos "$(uname -m)-linux-musl")
 
-sources=$(find engine storage block record napi bindings/c -name '*.cc' | sort)
+sources=$(find base format storage block engine store record napi bindings/c bindings/node/src -name '*.cc' | sort)
+
+# The platform's Node-API header has the declarations of Node's, under another name.
+node=$(readlink -f "$(command -v node)")
+for node_api in "$(dirname "$node")/../include/node/node_api.h" /usr/include/node/node_api.h; do
+  [ ! -e "$node_api" ] || break
+done
+[ -e "$node_api" ] || { echo "musl_check: no node_api.h (it comes with Node.js or with libnode-dev)" >&2; exit 2; }
+mkdir -p "$work/include/napi"
+cp "$(dirname "$node_api")"/{node_api,node_api_types,js_native_api,js_native_api_types}.h "$work/include/napi/"
+echo '#include "node_api.h"' >"$work/include/napi/native_api.h"
+
 for header in include/kestrun/*.h; do
   echo "#include \"kestrun/$(basename "$header")\"" >"$work/header_$(basename "$header" .h).cc"
 done
