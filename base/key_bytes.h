@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "kestrun/key.h"
@@ -17,6 +19,20 @@ inline std::string_view BytesOf(const Key& key) {
 // The key of at most 65,535 `bytes`. May throw std::bad_alloc.
 inline Key ToKey(std::string_view bytes) {
   return Key(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned short>(bytes.size()));
+}
+
+// The first eight bytes of a key as a number that orders as the bytes do; missing bytes count as zero.
+inline uint64_t PrefixOf(std::string_view key) {
+  uint64_t prefix = 0;
+  if (key.size() >= sizeof(prefix)) {
+    std::memcpy(&prefix, key.data(), sizeof(prefix));
+  } else {
+    // Byte by byte: a copy of a length that is not known costs a call.
+    uint8_t padded[sizeof(prefix)] = {};
+    for (size_t i = 0; i < key.size(); ++i) padded[i] = static_cast<uint8_t>(key[i]);
+    std::memcpy(&prefix, padded, sizeof(prefix));
+  }
+  return __builtin_bswap64(prefix);
 }
 
 }  // namespace Kestrun

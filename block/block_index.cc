@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/key_bytes.h"
 #include "format/block_reader.h"
 #include "kestrun/status.h"
 
@@ -12,17 +13,6 @@ namespace {
 
 // Large enough to make few calls, small enough to stay in the cache until its entries are checked.
 constexpr size_t kReadSize = 5376 * sizeof(BlockDataEntry);  // 252 KiB
-
-// Up to eight bytes, the first one most significant, zeros after the end.
-uint64_t PrefixOf(std::string_view bytes) {
-  uint64_t word = 0;
-  if (bytes.size() >= sizeof(word)) {
-    std::memcpy(&word, bytes.data(), sizeof(word));
-    return __builtin_bswap64(word);
-  }
-  if (!bytes.empty()) std::memcpy(&word, bytes.data(), bytes.size());
-  return __builtin_bswap64(word);
-}
 
 size_t CommonPrefix(std::string_view left, std::string_view right) {
   const size_t most = std::min(left.size(), right.size());

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/clock.h"
+#include "base/key_bytes.h"
 #include "base/page_size.h"
 #include "format/block_reader.h"
 #include "format/scan_range.h"
@@ -50,15 +51,6 @@ class SourceFile final : public ByteSource {
   std::string path_;
   std::shared_ptr<OsFile> file_;
 };
-
-// The first eight bytes, which decide most comparisons.
-uint64_t PrefixOf(std::string_view key) {
-  uint64_t prefix = 0;
-  for (size_t i = 0; i < std::min<size_t>(key.size(), 8); ++i) {
-    prefix |= uint64_t{static_cast<unsigned char>(key[i])} << (56 - 8 * i);
-  }
-  return prefix;
-}
 
 // The positions of a block's entries in the order of their keys; of equal keys only the last one.
 std::vector<uint32_t> SortedPositions(const BlockIndex& index) {

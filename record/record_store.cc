@@ -8,6 +8,7 @@
 
 #include "base/catch_bad_alloc.h"
 #include "kestrun/write_batch.h"
+#include "record/free_memory.h"
 #include "record/record_format.h"
 #include "record/record_meta_parser.h"
 #include "record/schema.h"
@@ -16,10 +17,6 @@
 
 namespace Kestrun {
 namespace {
-
-struct FreeMemory {
-  void operator()(void* memory) const { std::free(memory); }
-};
 
 uint32_t ConvertAll(const std::vector<Field*>& fields, const std::vector<Value>& values,
                     std::vector<Value>* converted) {

@@ -8,6 +8,7 @@
 #include "base/catch_bad_alloc.h"
 #include "base/diagnostics.h"
 #include "kestrun/status.h"
+#include "record/free_memory.h"
 #include "record/record_format.h"
 #include "record/schema.h"
 #include "record/schema_format.h"
@@ -18,9 +19,6 @@ namespace {
 // Records of up to this many bytes are encoded on the stack.
 constexpr size_t kStackCapacity = 64;
 
-struct FreeMemory {
-  void operator()(void* memory) const { std::free(memory); }
-};
 using MallocBytes = std::unique_ptr<unsigned char, FreeMemory>;
 
 uint32_t RefuseMissingMeta() {

@@ -24,7 +24,6 @@ namespace Kestrun {
 namespace {
 
 constexpr unsigned int kLockMilliseconds = 5000;
-constexpr int kMaxListReads = 20;
 
 uint32_t OpenToRead(const std::string& path, uint32_t otherwise, std::shared_ptr<OsFile>* file) {
   errno = 0;

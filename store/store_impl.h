@@ -23,6 +23,9 @@
 
 namespace Kestrun {
 
+// A list that another process keeps changing is read again so often.
+inline constexpr int kMaxListReads = 20;
+
 // Blocks that a store keeps loaded and open: as many as compaction that takes care of itself leaves, and more.
 inline constexpr size_t kMaxOpenBlocks = 64;
 

@@ -14,12 +14,6 @@
 #include "store/store_impl.h"
 
 namespace Kestrun {
-namespace {
-
-// A list that another process keeps changing is read again so often.
-constexpr int kMaxListReads = 20;
-
-}  // namespace
 
 void TellReason(const Diagnostics& diagnostics, const char* what, const std::string& path, int error) {
   diagnostics.Printf("%s %s: %s\n", what, path.c_str(), std::strerror(error));

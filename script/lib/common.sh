@@ -20,14 +20,37 @@ quietly() {
   return "$status"
 }
 
-# build PRESET [TARGET...]: configures once and builds below build/PRESET.
+# configure PRESET [OPTION...]: makes build/PRESET as the preset says. An existing one is configured again where the
+# presets have changed since or options are given.
+configure() {
+  local preset=$1
+  shift
+  if [ $# -gt 0 ] || [ ! -e "build/$preset/build.ninja" ] || [ CMakePresets.json -nt "build/$preset/build.ninja" ]; then
+    quietly cmake --preset "$preset" "$@"
+  fi
+}
+
+# build PRESET [TARGET...]: configures where necessary and builds below build/PRESET.
 build() {
   local preset=$1
   shift
-  [ -e "build/$preset/CMakeCache.txt" ] || quietly cmake --preset "$preset" ${configure_options:-}
+  configure "$preset"
   if [ $# -eq 0 ]; then
     quietly cmake --build --preset "$preset"
   else
     quietly cmake --build --preset "$preset" --target "$@"
   fi
+}
+
+# run_ctest PRESET [CTEST ARGUMENT...]: prints the failures and ctest's closing lines; all of it goes to
+# build/PRESET/ctest.log.
+run_ctest() {
+  local preset=$1
+  shift
+  local log=build/$preset/ctest.log
+  ctest --test-dir "build/$preset" --output-on-failure "$@" >"$log" 2>&1 || {
+    grep -vE '^ *[0-9]+/[0-9]+ Test .* Passed|^ +Start ' "$log" | tail -n 200
+    return 1
+  }
+  grep -E '^[0-9]+% tests passed|^Total Test time' "$log"
 }

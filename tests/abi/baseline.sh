@@ -4,7 +4,7 @@
 #   baseline.sh check LIBRARY     status 0 when the library's interface is the baseline's
 #   baseline.sh update LIBRARY    makes a new baseline of it
 #
-# LIBRARY is BUILD/tests/abi/with_debug_information/libKestrun2.so, which every native preset makes.
+# LIBRARY is BUILD/tests/abi/with_debug_information/libKestrun2.so, which the target abi_library makes.
 #
 # A function that is new is no danger, but makes a new baseline necessary. Anything that changed or is gone breaks
 # programs that are compiled already: it takes a new major version.

@@ -36,7 +36,7 @@ using Testing::WriteFile;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-std::string BytesOf(const Value& value) {
+std::string PayloadOf(const Value& value) {
   return {static_cast<const char*>(value.binary), value.binarySize};
 }
 
@@ -57,7 +57,7 @@ bool Same(const Value& a, const Value& b) {
     case ValueType::String:
       return a.str == b.str;
     default:
-      return BytesOf(a) == BytesOf(b);
+      return PayloadOf(a) == PayloadOf(b);
   }
 }
 
@@ -286,13 +286,13 @@ TEST_F(RecordStoreTest, TextsAndBytesOfAnyContentAndLengthComeBack) {
     const auto record = Get("k");
     EXPECT_EQ(record->GetValue("a").str, text);
     EXPECT_EQ(record->GetValue("b").str, text);
-    EXPECT_EQ(BytesOf(record->GetValue("c")), text);
+    EXPECT_EQ(PayloadOf(record->GetValue("c")), text);
   }
 }
 
 TEST_F(RecordStoreTest, TextInABinaryFieldComesBackAsItsBytes) {
   ASSERT_EQ(store_->Put("k", "T a:*", Values("bytes")), kStatusOk);
-  EXPECT_EQ(BytesOf(Get("k")->GetValue("a")), "bytes");
+  EXPECT_EQ(PayloadOf(Get("k")->GetValue("a")), "bytes");
 }
 
 TEST_F(RecordStoreTest, KeyAndTimeToLiveAreThoseOfAStore) {
@@ -339,7 +339,7 @@ TEST_F(RecordStoreTest, DecodeReadsWhatOtherWaysOfReadingGave) {
   ASSERT_EQ(store_->Decode(*bytes, &record), kStatusOk);
   bytes.reset();  // the record has bytes of its own
   EXPECT_EQ(record->GetValue("a").numeric.i32, 7);
-  EXPECT_EQ(BytesOf(record->GetValue("b")), "bytes");
+  EXPECT_EQ(PayloadOf(record->GetValue("b")), "bytes");
 }
 
 TEST_F(RecordStoreTest, BytesThatAreNoRecordAreRefusedAndLeaveTheArgument) {
