@@ -53,7 +53,7 @@ DataEntry ToDataEntry(const WalRecord& record) {
 }
 
 WalReader::WalReader(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start)
-    : source_(source), window_(source, kWindow), used_(used), fileSize_(fileSize), offset_(start) {}
+    : window_(source, kWindow), used_(used), fileSize_(fileSize), offset_(start) {}
 
 bool WalReader::Next() {
   if (!WalRecordFits(offset_, used_, fileSize_)) return false;

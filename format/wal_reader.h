@@ -91,7 +91,6 @@ class WalReader {
   WalEnd Examine();
   bool ContentMatches();
 
-  ByteSource& source_;
   ByteWindow window_;
   uint64_t used_;
   uint64_t fileSize_;

@@ -1,6 +1,7 @@
 // A consistent copy of a store in use.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -138,6 +139,12 @@ bool CopySchema(const std::string& from, const std::string& to) {
   return copy.Descriptor() >= 0 && CopyBytes(*file, size, copy) && copy.Sync();
 }
 
+// rename that replaces nothing. Not every C library has a function for it.
+int RenameToNew(const std::string& from, const std::string& to) {
+  constexpr unsigned int kNoReplace = 1;
+  return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), kNoReplace));
+}
+
 }  // namespace
 
 // Everything is on the disk before the directory gets its name.
@@ -187,7 +194,7 @@ uint32_t Store::Impl::FillCheckpoint(const Snapshot::Impl& snapshot, const std::
     return fail(kStatusCreateFailed);
   }
   if (!SyncDirectory(partial)) return fail(kStatusSyncFailed);
-  if (renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) != 0) {
+  if (RenameToNew(partial, target) != 0) {
     if (errno == EEXIST || errno == ENOTEMPTY) return kStatusStoreExists;
     const bool isUnknown = errno == EINVAL || errno == ENOSYS;
     struct stat info = {};
