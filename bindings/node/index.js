@@ -54,7 +54,9 @@ class KestrunLevel extends AbstractLevel {
     return native.close(this.#database)
   }
 
-  async _get (key, options) {
+  // The private functions below are called by async ones of abstract-level, which turn what is thrown into a rejection.
+
+  _get (key, options) {
     return native.get(this.#database, key, form(options.valueEncoding), handleOf(options.snapshot))
   }
 
@@ -62,27 +64,27 @@ class KestrunLevel extends AbstractLevel {
     return native.getSync(this.#database, key, form(options.valueEncoding), handleOf(options.snapshot))
   }
 
-  async _getMany (keys, options) {
+  _getMany (keys, options) {
     return native.getMany(this.#database, keys, form(options.valueEncoding), handleOf(options.snapshot))
   }
 
-  async _has (key, options) {
+  _has (key, options) {
     return native.has(this.#database, key, handleOf(options.snapshot))
   }
 
-  async _hasMany (keys, options) {
+  _hasMany (keys, options) {
     return native.getMany(this.#database, keys, form(null), handleOf(options.snapshot))
   }
 
-  async _put (key, value, options) {
+  _put (key, value, options) {
     return native.put(this.#database, key, value, ttlOf(options))
   }
 
-  async _del (key, options) {
+  _del (key, options) {
     return native.del(this.#database, key)
   }
 
-  async _batch (operations, options) {
+  _batch (operations, options) {
     const flat = new Array(operations.length * 3)
     let i = 0
     for (const operation of operations) {
@@ -97,7 +99,7 @@ class KestrunLevel extends AbstractLevel {
     return native.batch(this.#database, flat)
   }
 
-  async _clear (options) {
+  _clear (options) {
     const { lower, lowerInclusive, upper, upperInclusive } = range(options)
     return native.clear(this.#database, lower, lowerInclusive, upper, upperInclusive, options.reverse, options.limit,
       handleOf(options.snapshot), this.#logSize)

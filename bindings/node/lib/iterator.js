@@ -69,15 +69,20 @@ class Reader {
     this.#toItems = toItems
   }
 
-  async next () {
-    if (this.#next === this.#ahead.length) {
-      if (this.#ended) return undefined
-      const count = Math.min(this.#count, this.#limit - this.#handedOut)
-      this.#count = Math.min(this.#count * 10, maxCount)
-      this.#ahead = await this.#read(count, maxBytes)
-      this.#next = 0
-      if (this.#ahead.length === 0) return undefined
-    }
+  // Most items were read ahead: they cost a promise and nothing more.
+  next () {
+    if (this.#next === this.#ahead.length) return this.#nextRead()
+    this.#handedOut++
+    return Promise.resolve(this.#ahead[this.#next++])
+  }
+
+  async #nextRead () {
+    if (this.#ended) return undefined
+    const count = Math.min(this.#count, this.#limit - this.#handedOut)
+    this.#count = Math.min(this.#count * 10, maxCount)
+    this.#ahead = await this.#read(count, maxBytes)
+    this.#next = 0
+    if (this.#ahead.length === 0) return undefined
     this.#handedOut++
     return this.#ahead[this.#next++]
   }
@@ -171,11 +176,11 @@ class EntryIterator extends AbstractIterator {
     this.#reader = reader
   }
 
-  async _next () { return this.#reader.next() }
-  async _nextv (size) { return this.#reader.nextv(size) }
-  async _all () { return this.#reader.all() }
+  _next () { return this.#reader.next() }
+  _nextv (size) { return this.#reader.nextv(size) }
+  _all () { return this.#reader.all() }
   _seek (target) { this.#reader.seek(target) }
-  async _close () { return this.#reader.close() }
+  _close () { return this.#reader.close() }
 }
 
 class KeyIterator extends AbstractKeyIterator {
@@ -187,11 +192,11 @@ class KeyIterator extends AbstractKeyIterator {
     this.#reader = reader
   }
 
-  async _next () { return this.#reader.next() }
-  async _nextv (size) { return this.#reader.nextv(size) }
-  async _all () { return this.#reader.all() }
+  _next () { return this.#reader.next() }
+  _nextv (size) { return this.#reader.nextv(size) }
+  _all () { return this.#reader.all() }
   _seek (target) { this.#reader.seek(target) }
-  async _close () { return this.#reader.close() }
+  _close () { return this.#reader.close() }
 }
 
 class ValueIterator extends AbstractValueIterator {
@@ -203,11 +208,11 @@ class ValueIterator extends AbstractValueIterator {
     this.#reader = reader
   }
 
-  async _next () { return this.#reader.next() }
-  async _nextv (size) { return this.#reader.nextv(size) }
-  async _all () { return this.#reader.all() }
+  _next () { return this.#reader.next() }
+  _nextv (size) { return this.#reader.nextv(size) }
+  _all () { return this.#reader.all() }
   _seek (target) { this.#reader.seek(target) }
-  async _close () { return this.#reader.close() }
+  _close () { return this.#reader.close() }
 }
 
 exports.EntryIterator = EntryIterator
