@@ -113,8 +113,8 @@ class Block {
   bool Contains(const Key& key) const;
   // kStatusOk with the key's entry, kStatusInvalid without one.
   uint32_t Lookup(const Key& key, DataEntry* entry) const;
-  // False when a long value of this block surely is cut off: a damaged entry may claim 4 GiB, for which no memory is to
-  // be taken.
+  // False when a long value of this block surely is cut off: a damaged entry may claim 4 GiB, and no memory is
+  // taken for that.
   bool MayHoldValue(const DataEntry& entry) const;
   // Reads the value of an entry from Lookup to a malloc buffer that the caller frees; null for a tombstone or
   // an empty value.

@@ -12,12 +12,12 @@
 
 namespace Kestrun {
 
-// What a caller does about a load that failed with `status`. kStatusOk: pass over the block, because its file is gone, or
-// was corrupt and is deleted here. `status` otherwise: a later load may succeed. Compat: corrupt-block-deleted,
-// missing-block-passed-over
+// What a caller does about a load that failed with `status`. kStatusOk: pass over the block, because its file is
+// gone, or was corrupt and is deleted here. `status` otherwise: a later load may succeed.
+// Compat: corrupt-block-deleted, missing-block-passed-over
 uint32_t ClassifyLoadFailure(uint32_t status, const std::string& path);
 
-// BlockCache::GetOrLoad; null when the block can't be loaded, with what ClassifyLoadFailure makes of that as `*failure`.
+// BlockCache::GetOrLoad; null when loading fails, with what ClassifyLoadFailure makes of it as `*failure`.
 std::shared_ptr<Block> LoadBlock(BlockCache& cache, const std::string& name, const std::string& path,
                                  const std::shared_ptr<const void>& owner, uint32_t* failure);
 
