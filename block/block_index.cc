@@ -168,14 +168,7 @@ bool BlockIndex::BuildPrefixes(size_t common) {
 }
 
 DataEntry BlockIndex::EntryAt(uint32_t index) const {
-  const Record& record = records_[index];
-  DataEntry entry = {};
-  entry.valueOffset = record.valueOffset;
-  entry.valueSize = record.valueSize;
-  entry.deleted = record.deleted;
-  entry.timestamp = record.timestamp;
-  entry.ttl = record.ttl;
-  return entry;
+  return ToDataEntry(records_[index]);
 }
 
 int BlockIndex::Compare(uint32_t index, uint64_t prefix, std::string_view key) const {

@@ -91,16 +91,6 @@ bool DecodeBlockEntry(const uint8_t* bytes, size_t held, uint64_t keyTableSize, 
          uint64_t{entry->keyOffset} + entry->keySize <= keyTableSize;
 }
 
-DataEntry ToDataEntry(const BlockDataEntry& entry) {
-  DataEntry result = {};
-  result.valueOffset = entry.valueOffset;
-  result.valueSize = entry.valueSize;
-  result.deleted = entry.deleted != 0;
-  result.timestamp = entry.timestamp;
-  result.ttl = entry.ttl;
-  return result;
-}
-
 BlockReader::BlockReader(ByteSource& source, uint64_t pageSize, size_t windowSize)
     : source_(source), pageSize_(pageSize), entries_(source, windowSize), keys_(source, windowSize) {}
 

@@ -17,7 +17,7 @@
 #include "format/block_format.h"
 #include "format/byte_source.h"
 #include "format/byte_window.h"
-#include "kestrun/data_entry.h"
+#include "format/to_data_entry.h"
 
 namespace Kestrun {
 
@@ -51,9 +51,6 @@ uint32_t DetectBlockPageSize(ByteSource& source, uint64_t* pageSize);
 // Takes the entry of `held` bytes, 48 or, at the end of the file, up to 4 fewer; what is missing reads as
 // zeros. False when it fails its checksum or its key lies outside the key table.
 bool DecodeBlockEntry(const uint8_t* bytes, size_t held, uint64_t keyTableSize, BlockDataEntry* entry);
-
-// The part of an entry that callers see; its valueOffset counts from the start of the block file.
-DataEntry ToDataEntry(const BlockDataEntry& entry);
 
 // Walks the entries of a block file forward, through windows.
 class BlockReader {

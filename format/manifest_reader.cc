@@ -21,14 +21,7 @@ uint64_t HashOf(const ManifestJournalHeader& header, const uint8_t* entries, siz
 }  // namespace
 
 ManifestHeaderView ReadManifestHeader(ByteSource& source) {
-  ManifestHeaderView view;
-  uint8_t bytes[sizeof(ManifestHeader)];
-  if (!ReadExactly(source, 0, bytes, sizeof(bytes))) return view;
-  std::memcpy(&view.header, bytes, sizeof(bytes));
-  view.complete = true;
-  view.checksumMatches = view.header.checksum == StoreChecksum(bytes, ManifestHeaderOffset::kChecksum);
-  view.magicMatches = std::memcmp(bytes, kFileMagic, kMagicSize) == 0;
-  return view;
+  return ReadFileHeader<ManifestHeader>(source, ManifestHeaderOffset::kChecksum);
 }
 
 bool IsBlockName(const std::string& name) {

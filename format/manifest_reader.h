@@ -14,20 +14,12 @@
 
 #include "format/byte_source.h"
 #include "format/byte_window.h"
+#include "format/file_header.h"
 #include "format/manifest_format.h"
 
 namespace Kestrun {
 
-struct ManifestHeaderView {
-  ManifestHeader header = {};
-  bool complete = false;  // the source holds all of it; otherwise nothing else is set
-  bool checksumMatches = false;
-  bool magicMatches = false;
-
-  // A store opens this manifest as far as its header goes.
-  bool Usable() const { return complete && checksumMatches && magicMatches; }
-};
-
+using ManifestHeaderView = FileHeaderView<ManifestHeader>;
 ManifestHeaderView ReadManifestHeader(ByteSource& source);
 
 enum class ManifestEnd {

@@ -5,7 +5,6 @@
 
 #include "format/checksum.h"
 #include "format/crc32c.h"
-#include "format/file_magic.h"
 
 namespace Kestrun {
 namespace {
@@ -15,14 +14,7 @@ constexpr size_t kWindow = 64 << 10;
 }  // namespace
 
 WalHeaderView ReadWalHeader(ByteSource& source) {
-  WalHeaderView view;
-  uint8_t bytes[sizeof(WalHeader)];
-  if (!ReadExactly(source, 0, bytes, sizeof(bytes))) return view;
-  std::memcpy(&view.header, bytes, sizeof(bytes));
-  view.complete = true;
-  view.checksumMatches = view.header.checksum == StoreChecksum(bytes, WalHeaderOffset::kChecksum);
-  view.magicMatches = std::memcmp(bytes, kFileMagic, kMagicSize) == 0;
-  return view;
+  return ReadFileHeader<WalHeader>(source, WalHeaderOffset::kChecksum);
 }
 
 // A record that reaches beyond the used area is not followed: what is appended next would lie inside it.
@@ -40,16 +32,6 @@ uint32_t EpochOf(const WalRecord& record) {
   uint32_t epoch = 0;
   std::memcpy(&epoch, record.epoch, sizeof(epoch));
   return epoch;
-}
-
-DataEntry ToDataEntry(const WalRecord& record) {
-  DataEntry entry = {};
-  entry.valueOffset = record.valueOffset;
-  entry.valueSize = record.valueSize;
-  entry.deleted = record.deleted != 0;
-  entry.timestamp = record.timestamp;
-  entry.ttl = record.ttl;
-  return entry;
 }
 
 WalReader::WalReader(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start)

@@ -13,21 +13,13 @@
 
 #include "format/byte_source.h"
 #include "format/byte_window.h"
+#include "format/file_header.h"
+#include "format/to_data_entry.h"
 #include "format/wal_format.h"
-#include "kestrun/data_entry.h"
 
 namespace Kestrun {
 
-struct WalHeaderView {
-  WalHeader header = {};
-  bool complete = false;  // the source holds all of it; otherwise nothing else is set
-  bool checksumMatches = false;
-  bool magicMatches = false;
-
-  // A store opens this log.
-  bool Usable() const { return complete && checksumMatches && magicMatches; }
-};
-
+using WalHeaderView = FileHeaderView<WalHeader>;
 WalHeaderView ReadWalHeader(ByteSource& source);
 
 // The log is walked from its first record on, and a walk ends where a replay of the log does.
@@ -56,9 +48,6 @@ inline bool IsMarked(const WalRecord& record) {
   return record.mark == kChecksummedMark;
 }
 uint32_t EpochOf(const WalRecord& record);
-
-// The part of a record that callers see; its valueOffset counts from the start of the log.
-DataEntry ToDataEntry(const WalRecord& record);
 
 struct WalRecordView {
   WalRecord header = {};
