@@ -73,9 +73,23 @@ uint32_t Core::FindBlock(const Key& key, std::shared_ptr<Block>* found) const {
   return kStatusOk;
 }
 
+namespace {
+
+// Whoever calls the store from inside another section of the file, as from the body of a transaction on another handle,
+// has one lock for both. The older face gives up its part of it and leaves the gate byte locked
+// (Compat: unlock-shared-keeps-gate), which would keep other processes out for as long as this one does nothing.
+void UnlockWholly(OsFile& file, LockLevel level, const LockPatience& patience) {
+  InodeInfo& inode = *file.Inode();
+  if (!patience.isOlderFace && inode.level != level) inode.DropAll(file.Descriptor());
+  IgnoreStatus(file.Unlock(level));  // nobody is left to tell
+}
+
+}  // namespace
+
 LogSection::LogSection(const Core& core, LockLevel level)
     : file_(core.wal.File()),
       level_(level),
+      patience_(core.patience),
       status_(LockPatiently(*file_, level, core.patience, &isEntered_)) {
   if (status_ == kStatusOk) {
     core.NoticeManifestChanges();
@@ -85,18 +99,19 @@ LogSection::LogSection(const Core& core, LockLevel level)
 }
 
 LogSection::~LogSection() {
-  if (isEntered_) IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
+  if (isEntered_) UnlockWholly(*file_, level_, patience_);
 }
 
 ManifestSection::ManifestSection(const Core& core, LockLevel level)
     : file_(core.manifest.File()),
       level_(level),
+      patience_(core.patience),
       status_(LockPatiently(*file_, level, core.patience, &isEntered_)) {
   if (status_ != kStatusOk) core.diagnostics.Print("Failed lock manifest");
 }
 
 ManifestSection::~ManifestSection() {
-  if (isEntered_) IgnoreStatus(file_->Unlock(level_));  // nobody is left to tell
+  if (isEntered_) UnlockWholly(*file_, level_, patience_);
 }
 
 uint32_t LockPatiently(OsFile& file, LockLevel level, const LockPatience& patience, bool* isEntered) {

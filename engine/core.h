@@ -72,6 +72,7 @@ class [[nodiscard]] LogSection {
  private:
   std::shared_ptr<OsFile> file_;  // outlives the unlock
   LockLevel level_;
+  LockPatience patience_;
   uint32_t status_;
   bool isEntered_;  // also after a failed lock of the older face (Compat: failed-lock-keeps-mutex)
 };
@@ -88,6 +89,7 @@ class [[nodiscard]] ManifestSection {
  private:
   std::shared_ptr<OsFile> file_;
   LockLevel level_;
+  LockPatience patience_;
   uint32_t status_;
   bool isEntered_;  // as above
 };

@@ -158,6 +158,12 @@ uint32_t InodeInfo::DropFrom(LockLevel held, int descriptor) {
   return kStatusOk;
 }
 
+void InodeInfo::DropAll(int descriptor) {
+  ++dropCount_;
+  level = LockLevel::None;
+  static_cast<void>(SetByteLock(descriptor, F_UNLCK, kBothStart, kBothLength));
+}
+
 void InodeInfo::Enter() {
   mutex.lock();
   if (depth_++ == 0) owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);

@@ -66,10 +66,16 @@ struct WalSharedState {
   void Clear();
 };
 
+// What Wal::Open does with a log that is shorter than asked for.
+enum class ShortLog {
+  Recreate,  // initializes it again; its records are given up
+  Keep,      // takes it as it is, if it is longer than its header
+};
+
 class Wal {
  public:
-  // Opens the log, creating it with `config.walSize` bytes when it is missing. One that is shorter is initialized again
-  // and its records are given up; one that is longer is taken as it is. On success `*out` is a Wal that the caller
+  // Opens the log, creating it with `config.walSize` bytes when it is missing. What becomes of one that is shorter,
+  // `shortLog` says; one that is longer is taken as it is. On success `*out` is a Wal that the caller
   // deletes. A log whose size can't be asked, whose disk space can't be reserved or that can't be mapped gives
   // kStatusOk and leaves `*out` as it was (Compat: wal-open-without-handle).
   //
@@ -81,7 +87,8 @@ class Wal {
   // kStatusBadMagic       the file does not begin with the magic; "Invalid wal magic"
   // With kStatusOk: "Failed to get file size: PATH", "Failed to map wal: PATH".
   static uint32_t Open(const std::string& path, const LSDBConfig& config, Wal** out,
-                       const Diagnostics& diagnostics = Diagnostics::Printing());
+                       const Diagnostics& diagnostics = Diagnostics::Printing(),
+                       ShortLog shortLog = ShortLog::Recreate);
 
   ~Wal();
   Wal(const Wal&) = delete;

@@ -39,11 +39,15 @@ uint32_t InitializeInPlace(OsFile& file, uint32_t walSize) {
   return file.PWriteFully(&zero, 1, walSize - 1) == 1 ? kStatusOk : kStatusCreateFailed;
 }
 
+bool IsLongEnough(uint64_t size, uint32_t walSize, ShortLog shortLog) {
+  return size >= walSize || (shortLog == ShortLog::Keep && size > kWalFirstRecord);
+}
+
 // Recreates a short log unless another process has done so meanwhile.
-uint32_t GrowTo(OsFile& file, uint32_t walSize, uint64_t* size, bool* isNewFile) {
+uint32_t GrowTo(OsFile& file, uint32_t walSize, ShortLog shortLog, uint64_t* size, bool* isNewFile) {
   const DirectoryCreationLock guard(DirectoryOf(file.Path()));
   if (file.Size(size) != 0) return kStatusCreateFailed;
-  if (*size >= walSize) return kStatusOk;
+  if (IsLongEnough(*size, walSize, shortLog)) return kStatusOk;
   if (const uint32_t status = InitializeInPlace(file, walSize); status != kStatusOk) return status;
   *size = walSize;
   *isNewFile = true;
@@ -56,7 +60,7 @@ uint32_t GrowTo(OsFile& file, uint32_t walSize, uint64_t* size, bool* isNewFile)
 // disk space, mapped and verified, in this order; the index that the process has for the file starts over
 // when the log is new.
 uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
-                   const Diagnostics& diagnostics) {
+                   const Diagnostics& diagnostics, ShortLog shortLog) {
   bool isNewFile = false;
   if (config.walSize > kWalFirstRecord && access(path.c_str(), F_OK) != 0) {
     const WalHeader header = EmptyLogHeader();
@@ -81,9 +85,11 @@ uint32_t Wal::Open(const std::string& path, const LSDBConfig& config, Wal** out,
   const TryFileLockGuard threadLock(file, LockLevel::ThreadOnly);
   // A log of 4 GiB or more can't be addressed by its own offsets.
   const bool mappable = size <= std::numeric_limits<uint32_t>::max();
-  if (size < config.walSize) {
-    if (const uint32_t status = GrowTo(*file, config.walSize, &size, &isNewFile); status != kStatusOk)
+  if (!IsLongEnough(size, config.walSize, shortLog)) {
+    if (const uint32_t status = GrowTo(*file, config.walSize, shortLog, &size, &isNewFile);
+        status != kStatusOk) {
       return status;
+    }
   } else if (mappable && !file->Reserve(size)) {
     if (isNewFile) return kStatusCreateFailed;
     diagnostics.Printf("Failed to map wal: %s", path.c_str());

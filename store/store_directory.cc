@@ -52,6 +52,7 @@ uint32_t List(const std::string& path, const Diagnostics& diagnostics, Contents*
       // A link that leads nowhere is something of that name.
       if (lstat(path.c_str(), &info) != 0) return kStatusOk;
       *isMissing = false;
+      if (S_ISDIR(info.st_mode)) return List(path, diagnostics, contents, isMissing);  // made at this moment
     }
     if (error == ENOTDIR || error == ENOENT) {
       diagnostics.Printf("%s is not a directory\n", path.c_str());

@@ -63,17 +63,11 @@ uint32_t OpenParts(const std::string& path, uint32_t logSize, const Diagnostics&
   if (status != kStatusOk) return NameRefusal(status, path, diagnostics);
   manifest->reset(openedManifest);
 
-  // A log that is there keeps its length for now: it is extended under its lock, and loses nothing.
-  const std::string logPath = path + "/" + kWalFileName;
-  struct stat info = {};
-  uint32_t size = logSize;
-  if (stat(logPath.c_str(), &info) == 0 && info.st_size > static_cast<off_t>(kWalFirstRecord) &&
-      info.st_size < static_cast<off_t>(size)) {
-    size = static_cast<uint32_t>(info.st_size);
-  }
+  // A log that is there keeps its length for now: it is extended under its lock, and loses nothing. Looking at its
+  // length before would not do, because another process may be making it, with another length, at this moment.
   Wal* openedWal = nullptr;
   errno = 0;
-  status = Wal::Open(logPath, {size, 0}, &openedWal, diagnostics);
+  status = Wal::Open(path + "/" + kWalFileName, {logSize, 0}, &openedWal, diagnostics, ShortLog::Keep);
   if (status != kStatusOk) return NameRefusal(status, path, diagnostics);
   if (openedWal == nullptr) return NameRefusal(kStatusWalOpenFailed, path, diagnostics);
   wal->reset(openedWal);

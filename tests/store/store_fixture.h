@@ -77,7 +77,7 @@ class StoreTest : public testing::Test {
     return snapshot;
   }
 
-  ScratchDirectory directory_;
+  ScratchDirectory directory_{ScratchDirectory::Place::Memory};
   const std::string path_ = directory_.PathOf("store");
 };
 
