@@ -13,6 +13,9 @@ inline constexpr char kBlockFileSuffix[] = ".blk_v5";
 // The manifest's journal is the manifest's name and this ending.
 inline constexpr char kManifestJournalSuffix[] = ".next";
 
+// What a store has put aside of a log that was damaged is the log's name, this mark and a number.
+inline constexpr char kDamagedLogMark[] = ".damaged-";
+
 // Files of an earlier format, which a compaction removes: the log, and whatever has the mark in its name.
 inline constexpr char kLegacyWalFileName[] = "wal_v3";
 inline constexpr char kLegacyBlockFileMark[] = ".blk_v3";

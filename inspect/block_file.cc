@@ -1,12 +1,24 @@
 #include "inspect/block_file.h"
 
+#include <algorithm>
 #include <cstring>
 
+#include "base/page_size.h"
 #include "format/checksum.h"
+#include "format/crc32c.h"
 #include "format/file_magic.h"
+#include "format/wal_format.h"
 
 namespace Kestrun::Inspect {
 namespace {
+
+constexpr size_t kWindow = 16 << 10;
+constexpr uint64_t kPageSizes[] = {4096, 16384, 65536};
+
+// Whether the header names this section, whatever its checksum says.
+bool IsNamed(const SectionHeader& header, const char* name) {
+  return std::strncmp(header.name, name, sizeof(header.name)) == 0;
+}
 
 // Returns whether the entry's checksum is right.
 bool DecodeEntry(const uint8_t* bytes, BlockDataEntry* entry) {
@@ -17,13 +29,27 @@ bool DecodeEntry(const uint8_t* bytes, BlockDataEntry* entry) {
 }  // namespace
 
 BlockFile::BlockFile(const ReadOnlyFile& file, uint64_t pageSize)
-    : file_(file), entryWindow_(file), keyWindow_(file) {
+    : file_(file), entryWindow_(file, kWindow), keyWindow_(file, kWindow), valueWindow_(file, kWindow) {
   uint8_t bytes[sizeof(BlockFileHeader)];
   if (!file.ReadAt(0, bytes, sizeof(bytes))) return;
   std::memcpy(&header_, bytes, sizeof(bytes));
   headerComplete_ = true;
   headerChecksumMatches_ = header_.checksum == StoreChecksum(bytes, BlockFileHeaderOffset::kChecksum);
 
+  if (pageSize != 0) {
+    ReadSections(pageSize);
+    return;
+  }
+  for (const uint64_t candidate : kPageSizes) {
+    ReadSections(candidate);
+    if (Usable()) return;
+  }
+  // A damaged block is shown as this machine would read it.
+  ReadSections(PageSize());
+}
+
+void BlockFile::ReadSections(uint64_t pageSize) {
+  keyTable_ = entryTable_ = SectionView();
   data_ = ReadSection(kDataSectionOffset);
   if (!data_.Usable()) return;
   keyTable_ = ReadSection(RoundUpToPage(data_.End(), pageSize));
@@ -51,6 +77,46 @@ bool BlockFile::Usable() const {
   return headerComplete_ && headerChecksumMatches_ && data_.Usable() && keyTable_.Usable() &&
          entryTable_.Usable() &&
          (entryTable_.header.size - sizeof(SectionHeader)) % sizeof(BlockDataEntry) == 0;
+}
+
+// Sections begin at page boundaries, of 4 KiB at least. A table whose header is damaged is known by its name, or as the
+// only thing between two others; it then reaches as far as the next one.
+bool BlockFile::FindTables() {
+  SectionView keys;
+  SectionView entries;
+  for (uint64_t offset = kPageSizes[0]; offset + sizeof(SectionHeader) <= file_.Size();
+       offset += kPageSizes[0]) {
+    const SectionView section = ReadSection(offset);
+    const bool isKeys = IsNamed(section.header, kKeyTableName);
+    const bool isEntries = IsNamed(section.header, kEntryTableName);
+    if (isKeys && (!keys.complete || section.checksumMatches)) keys = section;
+    if (isEntries && (!entries.complete || section.checksumMatches)) entries = section;
+  }
+  // Of a table of entries each entry can be told by its checksum.
+  BlockDataEntry entry;
+  uint8_t bytes[sizeof(BlockDataEntry)];
+  for (uint64_t offset = kPageSizes[0]; !entries.complete && offset < file_.Size(); offset += kPageSizes[0]) {
+    if (file_.ReadAt(offset + sizeof(SectionHeader), bytes, sizeof(bytes)) && DecodeEntry(bytes, &entry)) {
+      entries = ReadSection(offset);
+    }
+  }
+  if (!entries.complete || !keys.complete || keys.offset >= entries.offset) return false;
+  if (!entries.Usable()) entries.header.size = static_cast<uint32_t>(file_.Size() - entries.offset);
+  if (!keys.Usable()) keys.header.size = static_cast<uint32_t>(entries.offset - keys.offset);
+  entries.checksumMatches = entries.fits = keys.checksumMatches = keys.fits = true;
+  keyTable_ = keys;
+  entryTable_ = entries;
+  return true;
+}
+
+bool BlockFile::ValueFits(const BlockDataEntry& entry) const {
+  return entry.valueOffset >= kFirstValueOffset &&
+         uint64_t{entry.valueOffset} + entry.valueSize <= keyTable_.offset;
+}
+
+bool BlockFile::ReadValue(const BlockDataEntry& entry, std::string* value, uint64_t most) {
+  value->resize(static_cast<size_t>(std::min<uint64_t>(entry.valueSize, most)));
+  return ValueFits(entry) && valueWindow_.ReadAt(entry.valueOffset, value->data(), value->size());
 }
 
 uint64_t BlockFile::EntryCount() const {
@@ -107,8 +173,16 @@ std::optional<BlockDataEntry> BlockFile::Find(const std::string& key) {
   return std::nullopt;
 }
 
+bool IsMarked(const BlockDataEntry& entry) {
+  return entry.mark == kChecksummedMark;
+}
+
+bool ContentMatches(const BlockDataEntry& entry, const std::string& key, const std::string& value) {
+  return !IsMarked(entry) || Crc32c(value.data(), value.size(), Crc32c(key.data(), key.size())) == entry.crc;
+}
+
 uint64_t OtherPageSize(const ReadOnlyFile& file, uint64_t pageSize) {
-  for (const uint64_t other : {uint64_t{4096}, uint64_t{16384}, uint64_t{65536}}) {
+  for (const uint64_t other : kPageSizes) {
     if (other != pageSize && BlockFile(file, other).Usable()) return other;
   }
   return 0;

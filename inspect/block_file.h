@@ -30,7 +30,7 @@ struct SectionView {
 
 class BlockFile {
  public:
-  // Reads the headers. `pageSize` is that of the machine that wrote the file; it must not be 0.
+  // Reads the headers. `pageSize` is that of the machine that wrote the file; 0 finds it out.
   BlockFile(const ReadOnlyFile& file, uint64_t pageSize);
 
   const BlockFileHeader& Header() const { return header_; }
@@ -45,6 +45,10 @@ class BlockFile {
 
   // Header and sections are such that a store reads the entries.
   bool Usable() const;
+  // Looks for the tables of a block that is not usable, at every place where they can begin, by their headers or what
+  // is left of them. True when entries and keys can be read then.
+  bool FindTables();
+
   // Whole entries in the entry table; 0 unless the table is usable.
   uint64_t EntryCount() const;
   uint64_t EntryOffset(uint64_t index) const;
@@ -52,17 +56,23 @@ class BlockFile {
   // Whether the entry's key lies within the key table.
   bool KeyFits(const BlockDataEntry& entry) const;
   bool ReadKey(const BlockDataEntry& entry, std::string* key);
+  // Whether the entry's value lies before the key table.
+  bool ValueFits(const BlockDataEntry& entry) const;
+  // Reads the value, up to `most` bytes of it. Values that follow each other are read with few system calls.
+  bool ReadValue(const BlockDataEntry& entry, std::string* value, uint64_t most = UINT64_MAX);
 
   // Searches an entry table that is in order for `key`. Empty when the key is not there, or when the search
   // meets bytes that can't be read or are wrong.
   std::optional<BlockDataEntry> Find(const std::string& key);
 
  private:
+  void ReadSections(uint64_t pageSize);
   SectionView ReadSection(uint64_t offset) const;
 
   const ReadOnlyFile& file_;
   FileWindow entryWindow_;
   FileWindow keyWindow_;
+  FileWindow valueWindow_;
   BlockFileHeader header_ = {};
   bool headerComplete_ = false;
   bool headerChecksumMatches_ = false;
@@ -70,6 +80,11 @@ class BlockFile {
   SectionView keyTable_;
   SectionView entryTable_;
 };
+
+// A marked entry carries the checksum of its key and value, as a record of the log does.
+bool IsMarked(const BlockDataEntry& entry);
+// Whether an entry that is marked promises this key and value; true for one that is not.
+bool ContentMatches(const BlockDataEntry& entry, const std::string& key, const std::string& value);
 
 // The page size for which the sections of a block lie where their headers are, when it is not `pageSize` but
 // another that machines use; 0 when there is none.

@@ -56,10 +56,18 @@ void DumpEntry(const BlockDataEntry& entry, uint64_t index, FieldWriter* writer)
   writer->Field(7, "padding");
   writer->Field(8, "timestamp", TimeMeaning(entry.timestamp));
   writer->Field(4, "ttl", std::to_string(entry.ttl));
-  writer->Field(4, "padding");
+  if (IsMarked(entry)) {
+    writer->Field(4, "crc");
+  } else {
+    writer->Field(4, "padding");
+  }
   writer->Field(4, "keyOffset", std::to_string(entry.keyOffset));
   writer->Field(2, "keySize", std::to_string(entry.keySize));
-  writer->Field(2, "padding");
+  if (IsMarked(entry)) {
+    writer->Field(2, "mark", "key and value have a checksum");
+  } else {
+    writer->Field(2, "padding");
+  }
   writer->Field(4, "checksum",
                 ChecksumMeaning(entry.checksum, StoreChecksum(&entry, BlockDataEntryOffset::kChecksum)));
   writer->Field(4, "padding");

@@ -45,7 +45,7 @@ std::vector<std::string> ListedBlocks(const std::string& directory) {
 
 }  // namespace
 
-std::optional<EntryPlace> LocateKey(const std::string& directory, uint64_t pageSize, const std::string& key) {
+std::optional<EntryPlace> LocateKey(const std::string& directory, const std::string& key, uint64_t pageSize) {
   if (auto place = FindInLog(directory, key)) return place;
   const std::vector<std::string> names = ListedBlocks(directory);
   for (auto name = names.rbegin(); name != names.rend(); ++name) {

@@ -11,11 +11,6 @@
 #include <utility>
 
 namespace Kestrun::Inspect {
-namespace {
-
-constexpr size_t kWindowSize = size_t{64} << 10;
-
-}  // namespace
 
 std::optional<ReadOnlyFile> ReadOnlyFile::Open(const std::string& path, std::string* why) {
   // Without O_NONBLOCK a named pipe would wait for a writer.
@@ -84,13 +79,13 @@ bool FileSource::Size(uint64_t* size) {
 }
 
 bool FileWindow::ReadAt(uint64_t offset, void* out, size_t size) {
-  if (size > kWindowSize) return file_.ReadAt(offset, out, size);
+  if (size > windowSize_) return file_.ReadAt(offset, out, size);
   if (offset > file_.Size() || size > file_.Size() - offset) return false;
 
   const bool held = offset >= start_ && offset - start_ <= bytes_.size() &&
                     size <= bytes_.size() - static_cast<size_t>(offset - start_);
   if (!held) {
-    bytes_.resize(static_cast<size_t>(std::min<uint64_t>(kWindowSize, file_.Size() - offset)));
+    bytes_.resize(static_cast<size_t>(std::min<uint64_t>(windowSize_, file_.Size() - offset)));
     start_ = offset;
     if (!file_.ReadAt(offset, bytes_.data(), bytes_.size())) {
       // The file has shrunk: what is asked for may still be there.

@@ -58,13 +58,15 @@ class FileSource final : public ByteSource {
 // Reads a file that is mostly walked forward in small pieces with few system calls.
 class FileWindow {
  public:
-  explicit FileWindow(const ReadOnlyFile& file) : file_(file) {}
+  explicit FileWindow(const ReadOnlyFile& file, size_t size = size_t{64} << 10)
+      : file_(file), windowSize_(size) {}
 
   // As ReadOnlyFile::ReadAt.
   bool ReadAt(uint64_t offset, void* out, size_t size);
 
  private:
   const ReadOnlyFile& file_;
+  size_t windowSize_;
   uint64_t start_ = 0;
   std::vector<uint8_t> bytes_;
 };

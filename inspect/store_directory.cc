@@ -24,6 +24,8 @@ void Sort(const std::string& name, StoreDirectory* directory) {
     directory->hasUnfinishedManifest = true;
   } else if (name.size() > suffixSize && name.ends_with(kBlockFileSuffix)) {
     directory->blocks.push_back(name.substr(0, name.size() - suffixSize));
+  } else if (name.starts_with(std::string(kWalFileName) + kDamagedLogMark)) {
+    directory->damagedLogs.push_back(name);
   } else if (name == kLegacyWalFileName || name.find(kLegacyBlockFileMark) != std::string::npos) {
     directory->legacy.push_back(name);
   } else {
@@ -51,7 +53,8 @@ std::optional<StoreDirectory> ListStore(const std::string& directory, std::strin
     *why = std::strerror(errno);
     return std::nullopt;
   }
-  for (auto* names : {&found.blocks, &found.legacy, &found.others}) std::sort(names->begin(), names->end());
+  for (auto* names : {&found.blocks, &found.damagedLogs, &found.legacy, &found.others})
+    std::sort(names->begin(), names->end());
   return found;
 }
 

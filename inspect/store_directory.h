@@ -17,8 +17,9 @@ struct StoreDirectory {
   bool hasManifest = false;
   bool hasSchema = false;
   bool hasUnfinishedManifest = false;
-  std::vector<std::string> blocks;  // names of blocks: file names without their suffix
-  std::vector<std::string> legacy;  // files of an earlier format, which a compaction removes
+  std::vector<std::string> blocks;       // names of blocks: file names without their suffix
+  std::vector<std::string> damagedLogs;  // files with what a store put aside of a damaged log
+  std::vector<std::string> legacy;       // files of an earlier format, which a compaction removes
   std::vector<std::string> others;
 
   // A store can be opened without making it anew.

@@ -90,6 +90,7 @@ void StatManifest(const std::string& path, StoreStat* stat, std::set<std::string
     BlockStat block;
     block.name = reader.Entry().name;
     block.listed = true;
+    block.filterBytes = reader.Entry().entry.filterSize;
     if (!IsBlockName(block.name)) block.damage = "not the name of a block";
     if (!listed->insert(block.name).second) block.damage = "listed twice";
     stat->blocks.push_back(block);

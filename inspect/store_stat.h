@@ -34,6 +34,7 @@ struct BlockStat {
   bool listed = false;   // in the manifest
   bool present = false;  // as a file
   uint64_t fileSize = 0;
+  uint64_t filterBytes = 0;  // in the manifest
   EntryCounts counts;
   std::string damage;
 };

@@ -3,6 +3,7 @@
 #include <optional>
 #include <set>
 
+#include "base/clock.h"
 #include "format/block_format.h"
 #include "format/file_magic.h"
 #include "format/manifest_reader.h"
@@ -10,6 +11,8 @@
 #include "inspect/escape.h"
 #include "inspect/orphan_block.h"
 #include "inspect/store_directory.h"
+#include "inspect/store_versions.h"
+#include "inspect/type_guess.h"
 #include "inspect/verify_file.h"
 
 namespace Kestrun::Inspect {
@@ -18,6 +21,9 @@ namespace {
 // A filter of a store has at most 4097 bytes. Larger ones are read up to this size.
 constexpr uint64_t kMaxFilter = uint64_t{16} << 20;
 
+// Larger values are not looked at for what they may be.
+constexpr uint32_t kMaxRecordLookedAt = 64 << 10;
+
 class StoreVerifier {
  public:
   StoreVerifier(const std::string& directory, const StoreDirectory& files, uint64_t pageSize, uint64_t now,
@@ -25,6 +31,7 @@ class StoreVerifier {
       : directory_(directory),
         files_(files),
         pageSize_(pageSize),
+        now_(now),
         report_(report),
         present_(files.blocks.begin(), files.blocks.end()),
         leftovers_(directory, pageSize, now) {}
@@ -41,6 +48,12 @@ class StoreVerifier {
       if (const auto file = Open(SchemaPath(directory_), kSchemaFileName)) {
         VerifySchema(*file, kSchemaFileName, report_);
       }
+    }
+    RecordTypes();
+    for (const std::string& name : files_.damagedLogs) {
+      report_->Note(
+          name, 0,
+          "what the store put aside of a log that was damaged; 'kestrun recover --all-blocks' reads it");
     }
     for (const std::string& name : files_.legacy) {
       report_->Note(name, 0, "a file of an earlier format, which the next compaction removes");
@@ -169,9 +182,43 @@ class StoreVerifier {
     while (reader.Next()) leftovers_.AddLogEntry(reader.Record().key, reader.Record().header.timestamp);
   }
 
+  // Records whose type nobody can tell are unreachable as records. That values are records is a guess, which texts in
+  // them make a sure one.
+  void RecordTypes() {
+    std::string damage;
+    std::set<uint16_t> known;
+    for (const auto& [id, text] : ReadRecordTypeTexts(directory_, &damage)) known.insert(id);
+    TypeGuess guess(known);
+    std::string why;
+    VersionOptions options;
+    options.pageSize = pageSize_;
+    const auto versions = StoreVersions::Open(directory_, options, &why);
+    if (versions == nullptr) return;
+    std::vector<VersionView> group;
+    std::string value;
+    while (versions->NextKey(&group)) {
+      if (group.front().deleted || !IsAlive(group.front().timestamp, group.front().ttl, now_)) continue;
+      const bool looked =
+          group.front().valueSize <= kMaxRecordLookedAt && versions->ReadValue(group.front(), &value);
+      guess.Add(looked ? value : std::string());
+    }
+    for (const GuessedType& type : guess.Guess()) {
+      if (type.text.empty()) continue;
+      const std::string text =
+          std::to_string(type.values) + " values look like records of the type " + std::to_string(type.id) +
+          ", which the file does not hold; 'kestrun recover' guesses '" + type.text + "'";
+      if (TypeGuess::HasText(type)) {
+        report_->Damage(kSchemaFileName, 0, text);
+      } else if (guess.IsLikely(type) && (!files_.hasSchema || !damage.empty())) {
+        report_->Note(kSchemaFileName, 0, text);
+      }
+    }
+  }
+
   const std::string& directory_;
   const StoreDirectory& files_;
   uint64_t pageSize_;
+  uint64_t now_;
   VerifyReport* report_;
   std::set<std::string> present_;
   std::set<std::string> listed_;

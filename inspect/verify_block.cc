@@ -169,9 +169,21 @@ class BlockVerifier {
                          "\" in the order of keys");
     }
     VerifyFilter(offset);
+    VerifyContent(entry, offset, what);
     lastKey_.swap(key_);
     hasLastKey_ = true;
     return true;
+  }
+
+  // Entries that are not marked have nothing to compare with.
+  void VerifyContent(const BlockDataEntry& entry, uint64_t offset, const std::string& what) {
+    if (!IsMarked(entry) || !block_.ValueFits(entry)) return;
+    if (!block_.ReadValue(entry, &value_)) {
+      Damage(offset, "the value of " + what + " can't be read");
+    } else if (!ContentMatches(entry, key_, value_)) {
+      Damage(offset, "the key and the value of " + what + ", \"" + Printable(key_) +
+                         "\", are not those that were written");
+    }
   }
 
   void VerifyFilter(uint64_t offset) {
@@ -191,6 +203,7 @@ class BlockVerifier {
   VerifyReport* report_;
   BlockFile block_;
   std::string key_;
+  std::string value_;
   std::string lastKey_;
   bool hasLastKey_ = false;
   bool broken_ = false;  // the last entry was damaged, so where the next key should begin is not known

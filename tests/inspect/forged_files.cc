@@ -133,9 +133,11 @@ std::string ForgedBlock(const std::vector<ForgedEntry>& entries, size_t pageSize
     Append32(&record, static_cast<uint32_t>(entry.value.size()));
     Append64(&record, entry.deleted ? 1 : 0);
     Append64(&record, entry.timestamp);
-    Append64(&record, entry.ttl);
+    Append32(&record, entry.ttl);
+    Append32(&record, entry.epoch ? ForgedCrc(entry.key + entry.value) : 0);
     Append32(&record, static_cast<uint32_t>(28 + keys.size()));
-    Append32(&record, static_cast<uint16_t>(entry.key.size()));
+    Append16(&record, static_cast<uint16_t>(entry.key.size()));
+    Append16(&record, entry.epoch ? 0x4B43 : 0);
     Append32(&record, ForgedChecksum(record, 0, 40));
     Append32(&record, 0);
     table += record;

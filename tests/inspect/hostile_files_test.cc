@@ -6,6 +6,7 @@
 
 #include "inspect/dump.h"
 #include "inspect/locate.h"
+#include "inspect/space_stat.h"
 #include "inspect/store_stat.h"
 #include "inspect/store_verify.h"
 #include "tests/inspect/store_fixture.h"
@@ -35,8 +36,10 @@ class HostileFilesTest : public ForgedStore {
     EXPECT_TRUE(CollectStat(Path(), kPage, kNow, &stat, &why)) << why;
     VerifyReport report;
     EXPECT_TRUE(VerifyStore(Path(), kPage, kNow, &report, &why)) << why;
-    LocateKey(Path(), kPage, "user-2");
-    LocateKey(Path(), kPage, std::string(65535, 'x'));
+    SpaceStat space;
+    EXPECT_TRUE(CollectSpace(Path(), 0, kNow, &space, &why)) << why;
+    LocateKey(Path(), "user-2", kPage);
+    LocateKey(Path(), std::string(65535, 'x'), kPage);
     for (const auto& [name, bytes] : files_) {
       const auto file = ReadOnlyFile::Open(scratch_.PathOf(name), &why);
       CountingSink sink;
