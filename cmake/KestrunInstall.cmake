@@ -33,12 +33,16 @@ endif()
 configure_file(cmake/kestrun2.pc.in ${PROJECT_BINARY_DIR}/kestrun2.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kestrun2.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# The command-line program, which finds the library beside itself, and its manual.
+# The command-line program, which finds the library beside itself, its manual and its completions.
 if(TARGET kestrun)
   file(RELATIVE_PATH library_from_program "/${CMAKE_INSTALL_BINDIR}" "/${CMAKE_INSTALL_LIBDIR}")
   set_target_properties(kestrun PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_program}")
   install(TARGETS kestrun RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES docs/man/kestrun.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES tools/completions/kestrun.bash RENAME kestrun
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+  install(FILES tools/completions/_kestrun DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/zsh/site-functions)
+  install(FILES tools/completions/kestrun.fish DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/fish/vendor_completions.d)
 endif()
 
 # The documents and the examples, side by side as here: their links lead to each other. An app takes none of it along.

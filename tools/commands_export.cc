@@ -1,231 +1,218 @@
-#include <cerrno>
-#include <cstring>
+// export.
+#include <algorithm>
+#include <map>
+#include <set>
 
 #include "inspect/escape.h"
 #include "kestrun/status.h"
-#include "tools/commands.h"
-#include "tools/csv_rows.h"
+#include "tools/bytes_text.h"
 #include "tools/failure.h"
-#include "tools/field_value.h"
-#include "tools/import_rows.h"
-#include "tools/json_bytes.h"
-#include "tools/key_range.h"
+#include "tools/input.h"
+#include "tools/interrupt.h"
+#include "tools/json_writer.h"
+#include "tools/output_file.h"
 #include "tools/progress.h"
+#include "tools/quantities.h"
 #include "tools/record_type.h"
-#include "tools/store.h"
+#include "tools/row_writer.h"
+#include "tools/store_access.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {
 namespace {
 
-struct ExportOptions : CommonOptions {
-  std::string file = kStandardInput;  // "-" is standard output here
-  std::string format;
-  std::optional<std::string> type;
-  std::string keyColumn = kKeyColumn;
-  bool raw = false;
-
-  bool ToStandardOutput() const { return file == kStandardInput; }
-};
-
-using RecordTypes = std::map<uint16_t, std::unique_ptr<RecordMeta>>;
-
-// Where the rows go.
-class Output {
- public:
-  explicit Output(const ExportOptions& options) : name_(Inspect::Printable(options.file)) {
-    if (options.ToStandardOutput()) return;
-    file_ = std::fopen(options.file.c_str(), "wbe");
-    if (file_ == nullptr) throw InputError(name_ + " can't be written: " + std::strerror(errno));
-  }
-  ~Output() {
-    if (file_ != nullptr) std::fclose(file_);
-  }
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
-
-  void Write(const std::string& bytes) {
-    if (file_ == nullptr) {
-      WriteData(bytes);
-    } else if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size()) {
-      Fail();
-    }
-  }
-  void Finish() {
-    if (file_ != nullptr && std::fflush(file_) != 0) Fail();
-  }
-
- private:
-  [[noreturn]] void Fail() { throw SystemFailure(name_ + " can't be written: " + std::strerror(errno)); }
-
-  std::string name_;
-  FILE* file_ = nullptr;
-};
-
 [[noreturn]] void RefuseType(const RecordTypes& types, const std::string& why) {
   std::string list;
-  for (const auto& [id, meta] : types) {
+  for (const auto& [id, meta] : types)
     list += (list.empty() ? "" : ", ") + ("'" + Inspect::Printable(meta->text) + "'");
-  }
   throw UsageError(
       why + "; " +
       (list.empty() ? "the store has no record types" : "the record types of the store are: " + list));
 }
 
-// The record type to export, null for raw values. A store with one record type is exported as its records
-// unless raw values are asked for.
-const RecordMeta* ChooseType(const ExportOptions& options, RowFormat format, const RecordTypes& types) {
-  if (options.raw) {
-    if (format == RowFormat::Csv || options.type)
-      throw UsageError("--raw writes JSON Lines and takes no --type");
-    return nullptr;
-  }
-  if (!options.type) {
-    if (types.size() == 1) return types.begin()->second.get();
-    if (!types.empty()) RefuseType(types, "--type tells which records to export, --raw exports all as bytes");
-    if (format == RowFormat::Csv) RefuseType(types, "CSV holds typed records only; give --format jsonl");
-    return nullptr;
-  }
+const RecordMeta* FindType(const RecordTypes& types, const std::string& wanted) {
   const RecordMeta* found = nullptr;
   for (const auto& [id, meta] : types) {
-    if (meta->text == *options.type) return meta.get();
-    if (meta->name != *options.type) continue;
-    if (found != nullptr)
+    if (meta->text == wanted) return meta.get();
+    if (meta->name != wanted) continue;
+    if (found != nullptr) {
       RefuseType(types, "more than one record type has this name; give its whole text to --type");
+    }
     found = meta.get();
   }
-  if (found == nullptr) {
-    RefuseType(types, "there is no record type \"" + Inspect::Printable(*options.type) + "\"");
-  }
+  if (found == nullptr) RefuseType(types, "there is no record type \"" + Inspect::Printable(wanted) + "\"");
   return found;
 }
 
-// Writes the rows of one type.
-class RecordWriter {
+class Exporter {
  public:
-  RecordWriter(const RecordMeta& meta, const RecordTypes& types, RowFormat format,
-               const std::string& keyColumn)
-      : meta_(meta), types_(types), format_(format), keyColumn_(keyColumn) {
-    bool isUtf8 = Inspect::IsUtf8(keyColumn);
-    for (const Field* field : meta.fields) isUtf8 = isUtf8 && Inspect::IsUtf8(field->name);
-    if (format == RowFormat::JsonLines && !isUtf8) {
-      throw UsageError("JSON can't hold a column name that is not UTF-8; give --format csv");
-    }
-    for (const Field* field : meta.fields) {
-      if (field->name != keyColumn) continue;
-      throw UsageError("the record type has a field \"" + Inspect::Printable(keyColumn) +
-                       "\"; choose another column for the keys with --key-column");
-    }
-  }
+  explicit Exporter(const Invocation& line)
+      : line_(line), path_(line.positionals.size() > 1 ? line.positionals[1] : kStandardInput) {}
 
-  std::string Header() const {
-    std::string text;
-    if (format_ != RowFormat::Csv) return text;
-    std::vector<std::string> names = {keyColumn_};
-    for (const Field* field : meta_.fields) names.push_back(field->name);
-    AppendCsvRow(names, &text);
-    return text;
-  }
+  int Run() {
+    const Range range = RangeOf(line_);
+    const uint64_t limit = NumberOf(line_, "--limit", UINT64_MAX);
+    const bool toFile = path_ != kStandardInput;
+    options_.format = FormatOf(line_, path_);
+    options_.delimiter = DelimiterOf(line_, options_.format);
+    options_.hex = IsHex(line_);
+    options_.withEntry = line_.Has("--with-entry");
+    if (const std::string* name = line_.Find("--key-column")) options_.keyColumn = *name;
+    if (const std::string* name = line_.Find("--table")) options_.table = *name;
+    if (line_.Has("--table") && options_.format != RowFormat::Sqlite)
+      throw UsageError("--table is for SQLite only");
+    if (options_.format == RowFormat::Sqlite && !toFile) throw UsageError("SQLite is written to a FILE only");
 
-  // False when the value is no record of the type.
-  bool Row(const std::string& key, StoredValue value, std::string* text) const {
-    if (!IsOfType(value.Bytes())) return false;
-    const auto size = static_cast<unsigned int>(value.Bytes().size());
-    const Record record(&meta_, static_cast<unsigned char*>(value.Release()), size);
-    const std::vector<Value> values = FieldValues(meta_, record);
-    for (size_t i = 0; i < values.size(); ++i) {
-      if (values[i].type != meta_.fields[i]->type) return false;
-    }
-    text->clear();
-    if (format_ == RowFormat::Csv) {
-      std::vector<std::string> fields = {key};
-      for (const Value& field : values) fields.push_back(TextOf(field));
-      AppendCsvRow(fields, text);
+    const auto snapshot = OpenSnapshot(line_.Store());
+    types_ = ReadRecordTypes(line_.Store());
+    ChooseTypes();
+    CheckNames();
+    const InterruptGuard guard;
+    std::optional<OutputFile> file;
+    if (toFile) file.emplace(path_);
+    if (options_.format == RowFormat::Sqlite) {
+      writer_ = MakeSqliteWriter(options_, file->PartialPath());
+    } else if (toFile) {
+      writer_ = MakeTextWriter(options_, [&file](std::string_view text) { file->Write(text); });
     } else {
-      Json json = {{keyColumn_, JsonOfBytes(key)}};
-      for (size_t i = 0; i < values.size(); ++i) json[meta_.fields[i]->name] = JsonOf(values[i]);
-      *text = json.dump() + "\n";
+      writer_ = MakeTextWriter(options_, [](std::string_view text) { WriteData(text); });
     }
-    return true;
+    Walk(*snapshot, range, limit);
+    writer_->Finish();
+    if (WasInterrupted()) {
+      throw Interrupted("interrupted; " + (toFile ? ShownPath(path_) + " was not written"
+                                                  : Counted(rows_, "row was", "rows were") + " written"));
+    }
+    if (file) file->Commit();
+    TellAccount(toFile);
+    return kExitDone;
   }
 
  private:
-  bool IsOfType(std::string_view bytes) const {
-    if (bytes.size() <= kRecordIdSize) return false;
-    const auto id = static_cast<uint16_t>(static_cast<unsigned char>(bytes[0]) |
-                                          static_cast<unsigned char>(bytes[1]) << 8);
-    const auto type = types_.find(id);
-    return type != types_.end() && *type->second == meta_;
-  }
-
-  const RecordMeta& meta_;
-  const RecordTypes& types_;
-  RowFormat format_;
-  const std::string& keyColumn_;
-};
-
-std::string RawRow(const std::string& key, const StoredValue& value) {
-  const Json json = {{kKeyColumn, JsonOfBytes(key)}, {kValueColumn, JsonOfBytes(value.Bytes())}};
-  return json.dump() + "\n";
-}
-
-int Export(const ExportOptions& options) {
-  const RowFormat format = ChooseFormat(options.format, options.file);
-  const auto store = OpenStore(options, Access::Existing);
-  const RecordTypes types = ReadRecordTypes(options.store);
-  const RecordMeta* type = ChooseType(options, format, types);
-  std::optional<RecordWriter> writer;
-  if (type != nullptr) writer.emplace(*type, types, format, options.keyColumn);
-
-  Output output(options);
-  if (writer) output.Write(writer->Header());
-  const std::vector<Key> keys = ListKeys(*store, KeyRange());
-  Progress progress("exporting", options.ToStandardOutput() ? 0 : keys.size());
-  uint64_t rows = 0;
-  uint64_t others = 0;
-  uint64_t done = 0;
-  for (const Key& key : keys) {
-    StoredValue value;
-    if (!options.ToStandardOutput()) progress.Update(++done, rows);
-    if (ReadValue(*store, key, &value) != EntryState::Live) continue;
-    const std::string keyBytes(reinterpret_cast<const char*>(key.Data()), key.Size());
-    std::string text;
-    if (!writer) {
-      text = RawRow(keyBytes, value);
-    } else if (!writer->Row(keyBytes, std::move(value), &text)) {
-      ++others;
-      continue;
+  // Which entries are exported: the records of one type, of all of them, or all entries as bytes. A store with one
+  // record type is exported as its records.
+  void ChooseTypes() {
+    const std::string* wanted = line_.Find("--type");
+    const bool isTable = options_.format == RowFormat::Csv || options_.format == RowFormat::Tsv;
+    if (line_.Has("--raw")) {
+      if (wanted != nullptr) throw UsageError("--raw exports all entries as bytes and takes no --type");
+    } else if (wanted != nullptr) {
+      options_.type = FindType(types_, *wanted);
+    } else if (types_.size() == 1) {
+      options_.type = types_.begin()->second.get();
+    } else if (types_.size() > 1) {
+      if (isTable)
+        RefuseType(types_, "a table holds one record type; --type tells which, --raw exports all as bytes");
+      options_.namesTypes = true;
     }
-    output.Write(text);
-    ++rows;
+    if (options_.type != nullptr) wantedTypes_[options_.type->text] = options_.type;
+    if (options_.namesTypes) {
+      for (const auto& [id, meta] : types_) wantedTypes_[meta->text] = meta.get();
+    }
+    if (options_.namesTypes && !options_.table.empty()) {
+      throw UsageError("--table names one table, and the store has several record types; give --type");
+    }
   }
-  output.Finish();
-  if (others != 0) {
-    PrintMessage("kestrun: " + std::to_string(others) + (others == 1 ? " entry is" : " entries are") +
-                 " no record of the type \"" + Inspect::Printable(type->name) + "\" and not exported");
+
+  void CheckNames() const {
+    const bool isJson = options_.format == RowFormat::Json || options_.format == RowFormat::JsonLines;
+    if (isJson && !Inspect::IsUtf8(options_.keyColumn)) throw UsageError("--key-column takes UTF-8");
+    std::set<std::string> taken = {options_.keyColumn};
+    if (options_.namesTypes) taken.insert("type");
+    if (options_.withEntry) taken.insert({"written", "ttl"});
+    for (const auto& [text, meta] : wantedTypes_) {
+      for (const Field* field : meta->fields) {
+        if (taken.count(field->name) != 0) {
+          throw UsageError("the record type \"" + Inspect::Printable(meta->name) + "\" has a field \"" +
+                           Inspect::Printable(field->name) + "\", which is a column of its own; " +
+                           (field->name == options_.keyColumn
+                                ? "choose another one for the keys with --key-column"
+                                : "leave that column out, or choose one --type"));
+        }
+        if (isJson && !Inspect::IsUtf8(field->name)) {
+          throw UsageError("JSON can't hold a column name that is not UTF-8; give --format csv");
+        }
+      }
+    }
   }
-  if (options.ToStandardOutput()) return kExitDone;
-  if (options.json) {
-    WriteJsonLine({{"rows", rows}, {"others", others}});
-  } else {
-    WriteLine("exported " + std::to_string(rows) + (rows == 1 ? " row" : " rows"));
+
+  void Walk(const Snapshot& snapshot, const Range& range, uint64_t limit) {
+    const auto cursor = OpenCursor(snapshot, range);
+    Progress progress("exporting", 0);
+    const uint64_t now = snapshot.Seconds();
+    ExportedEntry entry;
+    entry.fields = &fields_;
+    if (limit != 0) cursor->SeekToFirst();
+    for (; rows_ < limit && cursor->Valid() && !WasInterrupted(); cursor->Next()) {
+      std::string_view value;
+      if (const uint32_t status = cursor->Value(&value); status != kStatusOk) Fail(status, cursor->Key());
+      entry.key = cursor->Key();
+      entry.value = value;
+      entry.type = TypeOf(value);
+      if (entry.type == nullptr && options_.type != nullptr) {
+        ++others_;
+        continue;
+      }
+      if (options_.withEntry) {
+        const DataEntry& times = cursor->Entry();
+        entry.written = times.timestamp;
+        const uint64_t end = times.timestamp + times.ttl;
+        // An entry of this very second lives at least one more.
+        entry.ttl = times.ttl == kTtlForever
+                        ? kTtlForever
+                        : static_cast<uint32_t>(std::max<uint64_t>(1, end < now ? 0 : end - now));
+      }
+      writer_->Add(entry);
+      ++rows_;
+      progress.Update(0, rows_);
+    }
+    if (const uint32_t status = cursor->Status(); status != kStatusOk) Fail(status, "");
   }
-  return kExitDone;
-}
+
+  // The type of a record that is to be exported, its fields taken apart; null for what is none.
+  const RecordMeta* TypeOf(std::string_view value) {
+    if (wantedTypes_.empty()) return nullptr;
+    const auto type = types_.find(RecordIdOf(value));
+    if (type == types_.end()) return nullptr;
+    const auto wanted = wantedTypes_.find(type->second->text);
+    if (wanted == wantedTypes_.end() || !DecodeFields(*wanted->second, value, &fields_)) return nullptr;
+    return wanted->second;
+  }
+
+  [[noreturn]] void Fail(uint32_t status, std::string_view key) const {
+    std::string text = ShownPath(line_.Store()) + ": " + Counted(rows_, "row", "rows") + " can be read";
+    if (!key.empty()) text += " before \"" + Inspect::Printable(key) + "\"";
+    throw StoreFailure(status, text);
+  }
+
+  void TellAccount(bool toFile) const {
+    if (others_ != 0) {
+      PrintAccount("kestrun export: " + Counted(others_, "entry is", "entries are") +
+                   " no record of the type \"" + Inspect::Printable(options_.type->name) +
+                   "\" and not exported");
+    }
+    if (toFile && IsJson(line_)) {
+      JsonWriter json;
+      WriteJsonLine(json.BeginObject().Name("rows").Number(rows_).Name("others").Number(others_).EndObject());
+    }
+    if (toFile) PrintAccount("exported " + Counted(rows_, "row", "rows"));
+  }
+
+  const Invocation& line_;
+  std::string path_;
+  RowWriterOptions options_;
+  RecordTypes types_;
+  std::map<std::string, const RecordMeta*> wantedTypes_;  // by their texts
+  std::vector<FieldView> fields_;
+  std::unique_ptr<RowWriter> writer_;
+  uint64_t rows_ = 0;
+  uint64_t others_ = 0;
+};
 
 }  // namespace
 
-void AddExportCommand(const Program& program) {
-  const auto options = std::make_shared<ExportOptions>();
-  CLI::App* command = AddCommand(program.app, "export", "write the live entries as CSV or JSON Lines",
-                                 options.get(), program.chosen, [options] { return Export(*options); });
-  command->add_option("FILE", options->file, "the file; '-' or nothing: standard output");
-  command->add_option("--type", options->type,
-                      "export the records of this type, named by its name or its text");
-  command->add_flag("--raw", options->raw, "export all entries as bytes, whatever they are");
-  command->add_option("--format", options->format, "csv or jsonl; default: csv for *.csv, else jsonl");
-  command->add_option("--key-column", options->keyColumn, "the column of the keys; default: key");
-  AddWalSize(command, options.get());
+int RunExport(const Invocation& line) {
+  return Exporter(line).Run();
 }
 
 }  // namespace Kestrun::Tools

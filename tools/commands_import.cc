@@ -1,162 +1,214 @@
+// import.
+#include <algorithm>
+#include <memory>
+
 #include "inspect/escape.h"
 #include "kestrun/status.h"
-#include "tools/commands.h"
+#include "tools/bytes_text.h"
 #include "tools/failure.h"
-#include "tools/import_rows.h"
-#include "tools/input.h"
-#include "tools/json_bytes.h"
+#include "tools/interrupt.h"
+#include "tools/json_writer.h"
 #include "tools/progress.h"
-#include "tools/store.h"
+#include "tools/quantities.h"
+#include "tools/row_decoder.h"
+#include "tools/seen_keys.h"
+#include "tools/store_access.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {
 namespace {
 
 constexpr uint64_t kMaxShownProblems = 100;
-
-struct ImportOptions : CommonOptions {
-  std::string file;
-  std::string format;
-  std::optional<std::string> type;
-  std::optional<std::string> key;
-  bool skipBadRows = false;
-};
+// A batch is written at once, under one lock; it takes at most a quarter of the log.
+constexpr size_t kMaxBatchBytes = 256 << 10;
 
 struct ImportCounts {
   uint64_t rows = 0;
   uint64_t stored = 0;
-  uint64_t bad = 0;
-  uint64_t unflushed = 0;  // stored under keys that a flush drops
+  uint64_t duplicates = 0;  // of keys that were there, in the store or earlier in the file
+  uint64_t skipped = 0;     // bad ones
 };
 
-void SayProblem(const InputFile& file, const Row& row, const std::string& problem, uint64_t number) {
-  if (number <= kMaxShownProblems) {
-    PrintMessage(file.Name() + ":" + std::to_string(row.line) + ": " + problem);
-  } else if (number == kMaxShownProblems + 1) {
-    PrintMessage(file.Name() + ": more rows like these are not listed");
-  }
-}
-
-// Reads every row without storing one, so that a file with bad rows leaves the store as it was.
-ImportCounts Check(const ImportOptions& options, InputFile* file, RowReader* reader,
-                   const RowDecoder& decoder) {
-  const uint64_t capacity = LogCapacity(options);
-  ImportCounts counts;
-  Progress progress("checking", file->Size());
-  Row row;
-  while (reader->Next(&row)) {
-    ++counts.rows;
-    DecodedRow decoded;
-    std::string problem;
-    if (!decoder.Decode(row, capacity, &decoded, &problem)) SayProblem(*file, row, problem, ++counts.bad);
-    progress.Update(file->Position(), counts.rows);
-  }
-  return counts;
-}
-
+// Where the rows go: batches, and who was there before.
 class Destination {
  public:
-  Destination(const ImportOptions& options, const RowDecoder& decoder) : ttl_(options.Ttl()) {
-    if (decoder.Type() == nullptr) {
-      store_ = OpenStore(options, Access::Create);
-      return;
-    }
-    series_ = OpenSeries(options);
-    meta_ = series_->CreateRecordMeta(decoder.Type()->text);
-    if (meta_ == nullptr)
-      throw StoreFailure(kStatusCreateFailed, "the record type could not be added to meta_v5");
+  Destination(const Invocation& line, ImportCounts* counts)
+      : line_(line), noOverwrite_(line.Has("--no-overwrite")), counts_(counts) {
+    store_ = OpenStore(line, Access::Create);
+    maxBatch_ = std::min<uint64_t>(kMaxBatchBytes, LogCapacity(line) / 4);
+    std::unique_ptr<Snapshot> before;
+    Require(store_->TakeSnapshot(&before), ShownPath(line.Store()));
+    const auto cursor = OpenCursor(*before, Range::All());
+    cursor->SeekToFirst();
+    wasEmpty_ = !cursor->Valid() && cursor->Status() == kStatusOk;
   }
 
-  uint32_t Store(const DecodedRow& row) {
-    const Key key(row.key);
-    return WithRetries([&] {
-      if (series_ != nullptr) return series_->AppendRecord(key, ttl_, meta_, row.record.values);
-      return store_->Insert(key, ttl_, row.value.data(), static_cast<uint32_t>(row.value.size()));
-    });
+  // The status of adding or writing. A row that is left alone is counted as a duplicate.
+  uint32_t Add(const DecodedRow& row) {
+    bool isDuplicate = false;
+    if (const uint32_t status = FindDuplicate(row.key, &isDuplicate); status != kStatusOk) return status;
+    if (isDuplicate) ++counts_->duplicates;
+    if (isDuplicate && noOverwrite_) return kStatusOk;
+    if (batch_.ByteSize() + MaxSizeOf(row) > maxBatch_) {
+      if (const uint32_t status = Write(); status != kStatusOk) return status;
+    }
+    if (row.type == nullptr) return batch_.Put(row.key, row.value, row.ttl);
+    // Only a store of typed records has a file of their types.
+    if (records_ == nullptr) records_ = OpenRecordStore(line_, Access::Existing);
+    return records_->AddToBatch(&batch_, row.key, *row.type, row.values, row.ttl);
+  }
+
+  uint32_t Write() {
+    if (batch_.Count() == 0) return kStatusOk;
+    const uint32_t status = store_->Write(batch_);
+    if (status == kStatusOk) counts_->stored += batch_.Count();
+    batch_.Clear();
+    return status;
   }
 
  private:
-  uint32_t ttl_;
-  std::unique_ptr<LSDBImpl> store_;
-  std::unique_ptr<Series> series_;
-  const RecordMeta* meta_ = nullptr;
+  // A key that was certainly not seen in this file needs no look, where the store was empty.
+  uint32_t FindDuplicate(const std::string& key, bool* isDuplicate) {
+    const bool maybe = seen_.AddAndTellWhetherMaybeSeen(key);
+    if (!maybe && wasEmpty_) return kStatusOk;
+    if (maybe) {
+      // It may stand in the batch.
+      if (const uint32_t status = Write(); status != kStatusOk) return status;
+    }
+    return store_->Contains(key, isDuplicate);
+  }
+
+  // The bytes that the row takes in the log, or fewer.
+  static uint64_t MaxSizeOf(const DecodedRow& row) {
+    constexpr uint64_t kHeaders = 42;
+    uint64_t size = kHeaders + row.key.size() + (row.type == nullptr ? row.value.size() : 0);
+    if (row.type == nullptr) return size;
+    for (const Value& value : row.values) {
+      size += 8;
+      if (value.type == ValueType::String) size += value.str.size();
+      if (value.type == ValueType::Binary) size += value.binarySize;
+    }
+    return size;
+  }
+
+  const Invocation& line_;
+  bool noOverwrite_;
+  ImportCounts* counts_;
+  std::unique_ptr<Store> store_;
+  std::unique_ptr<RecordStore> records_;
+  WriteBatch batch_;
+  uint64_t maxBatch_ = 0;
+  bool wasEmpty_ = false;
+  SeenKeys seen_;
 };
 
-ImportCounts Store(const ImportOptions& options, InputFile* file, RowReader* reader,
-                   const RowDecoder& decoder) {
-  ImportCounts counts;
-  Destination destination(options, decoder);
-  const uint64_t capacity = LogCapacity(options);
-  Progress progress("importing", file->Size());
-  Row row;
-  while (reader->Next(&row)) {
-    ++counts.rows;
+void TellAccount(const Invocation& line, const ImportCounts& counts) {
+  if (IsJson(line)) {
+    JsonWriter json;
+    json.BeginObject().Name("rows").Number(counts.rows).Name("stored").Number(counts.stored);
+    json.Name("duplicates").Number(counts.duplicates).Name("skipped").Number(counts.skipped);
+    WriteJsonLine(json.EndObject());
+  }
+  std::string text = "stored " + std::to_string(counts.stored) + " of " + Counted(counts.rows, "row", "rows");
+  if (counts.duplicates != 0) text += ", " + Counted(counts.duplicates, "duplicate key", "duplicate keys");
+  if (counts.skipped != 0) text += ", " + Counted(counts.skipped, "bad row", "bad rows") + " left out";
+  PrintAccount(text);
+}
+
+class Importer {
+ public:
+  explicit Importer(const Invocation& line) : line_(line) {}
+
+  int Run() {
+    const std::string& path = line_.positionals[1];
+    LogSizeOf(line_);
+    const RowFormat format = FormatOf(line_, path);
+    const InterruptGuard guard;
+    source_ = OpenRows(line_, path, format);
+    RowDecoder decoder(line_, *source_, format);
+    capacity_ = LogCapacity(line_);
+    const char* unit = format == RowFormat::Sqlite || format == RowFormat::Json ? " row " : ":";
+    place_ = source_->Name() + unit;
+
+    // The store is opened, and perhaps made, when the first row is known to be good.
+    Progress progress("importing", source_->Size());
+    Row row;
     DecodedRow decoded;
-    std::string problem;
-    if (!decoder.Decode(row, capacity, &decoded, &problem)) {
-      SayProblem(*file, row, problem, ++counts.bad);
-      if (options.skipBadRows) continue;
-      throw InputError(file->Name() + " changed while it was read; " + std::to_string(counts.stored) +
-                       " rows before line " + std::to_string(row.line) + " are stored");
+    while (!WasInterrupted() && source_->Next(&row)) {
+      ++counts_.rows;
+      std::string why;
+      if (!decoder.Decode(row, &decoded, &why) || !Fits(decoded, &why)) {
+        TakeBadRow(row, why);
+        continue;
+      }
+      if (!destination_) destination_ = std::make_unique<Destination>(line_, &counts_);
+      if (const uint32_t status = destination_->Add(decoded); status != kStatusOk) Fail(status, row);
+      progress.Update(source_->Position(), counts_.rows);
     }
-    if (const uint32_t status = destination.Store(decoded); status != kStatusOk) {
-      throw StoreFailure(status, file->Name() + ":" + std::to_string(row.line) +
-                                     ": the row was not stored, the " + std::to_string(counts.stored) +
-                                     " before it were");
+    if (!destination_ && !WasInterrupted()) destination_ = std::make_unique<Destination>(line_, &counts_);
+    if (destination_) {
+      if (const uint32_t status = destination_->Write(); status != kStatusOk) Fail(status, row);
     }
-    ++counts.stored;
-    if (IsDroppedByFlush(decoded.key)) ++counts.unflushed;
-    progress.Update(file->Position(), counts.rows);
+    TellAccount(line_, counts_);
+    if (WasInterrupted()) throw Interrupted("interrupted; " + SoFar());
+    return kExitDone;
   }
-  return counts;
-}
 
-int Import(const ImportOptions& options) {
-  options.Ttl();
-  options.WalSize();
-  const RowFormat format = ChooseFormat(options.format, options.file);
-  const RowDecoder decoder(format, options.type, options.key);
-  InputFile file(options.file);
-  const auto reader = MakeRowReader(&file, format);
-  if (reader->Columns() != nullptr) decoder.RequireColumns(*reader->Columns());
+ private:
+  // What a record takes is known when it is encoded; a raw value is told before.
+  bool Fits(const DecodedRow& row, std::string* why) const {
+    constexpr uint64_t kRecordHeader = 40;
+    const uint64_t needed = kRecordHeader + row.key.size() + row.value.size();
+    if (row.type != nullptr || needed <= capacity_) return true;
+    *why = "takes " + std::to_string(needed) + " bytes in the log, which holds " + std::to_string(capacity_) +
+           "; give a larger --log-size";
+    return false;
+  }
 
-  if (!options.skipBadRows) {
-    const ImportCounts checked = Check(options, &file, reader.get(), decoder);
-    if (checked.bad != 0) {
-      throw InputError(
-          std::to_string(checked.bad) + " of " + std::to_string(checked.rows) +
-          " rows can't be stored, so none was; correct them, or leave them out with --skip-bad-rows");
+  std::string SoFar() const {
+    if (counts_.stored == 0) return "nothing was stored";
+    return Counted(counts_.stored, "row is stored and stays", "rows are stored and stay") +
+           "; the same import may be run again";
+  }
+
+  void TakeBadRow(const Row& row, const std::string& why) {
+    const std::string problem = place_ + std::to_string(row.line) + ": " + why;
+    if (line_.Has("--skip-bad-rows")) {
+      ++counts_.skipped;
+      if (counts_.skipped <= kMaxShownProblems) {
+        PrintAccount(problem);
+      } else if (counts_.skipped == kMaxShownProblems + 1) {
+        PrintAccount(source_->Name() + ": more rows like these are not listed");
+      }
+      return;
     }
-    reader->Restart();
+    if (destination_) {
+      if (const uint32_t status = destination_->Write(); status != kStatusOk) Fail(status, row);
+    }
+    TellAccount(line_, counts_);
+    throw InputError(problem + "; " + SoFar(),
+                     "Correct the row, or leave such rows out with --skip-bad-rows.");
   }
-  const ImportCounts counts = Store(options, &file, reader.get(), decoder);
-  if (counts.unflushed != 0) {
-    PrintMessage("kestrun: " + std::to_string(counts.unflushed) +
-                 " of the rows have keys that begin with the byte 0xFF: they "
-                 "stay in the log and are lost when it fills, in this import or later");
+
+  [[noreturn]] void Fail(uint32_t status, const Row& row) {
+    TellAccount(line_, counts_);
+    throw StoreFailure(status,
+                       place_ + std::to_string(row.line) + ": storing the rows up to here; " + SoFar(),
+                       line_.Store());
   }
-  if (options.json) {
-    WriteJsonLine({{"rows", counts.rows}, {"stored", counts.stored}, {"bad", counts.bad}});
-  } else {
-    WriteLine("stored " + std::to_string(counts.stored) + " of " + std::to_string(counts.rows) + " rows");
-  }
-  return kExitDone;
-}
+
+  const Invocation& line_;
+  std::unique_ptr<RowSource> source_;
+  std::unique_ptr<Destination> destination_;
+  ImportCounts counts_;
+  uint64_t capacity_ = 0;
+  std::string place_;  // what comes before the number of a row in messages
+};
 
 }  // namespace
 
-void AddImportCommand(const Program& program) {
-  const auto options = std::make_shared<ImportOptions>();
-  CLI::App* command = AddCommand(program.app, "import", "store the rows of a CSV or JSON Lines file",
-                                 options.get(), program.chosen, [options] { return Import(*options); });
-  command->add_option("FILE", options->file, "the file; '-': standard input")->required();
-  command->add_option("--type", options->type,
-                      "store typed records of this type, such as 'Weather date:%s,temp_max:%d'");
-  command->add_option("--key", options->key, "how keys are made of columns, such as 'seattle-{date}'");
-  command->add_option("--format", options->format, "csv or jsonl; default: csv for *.csv, else jsonl");
-  command->add_flag("--skip-bad-rows", options->skipBadRows, "leave out rows that can't be stored");
-  AddTtl(command, options.get());
-  AddWalSize(command, options.get());
+int RunImport(const Invocation& line) {
+  return Importer(line).Run();
 }
 
 }  // namespace Kestrun::Tools

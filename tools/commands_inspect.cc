@@ -1,18 +1,22 @@
+// stat, verify, dump.
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <thread>
 
-#include "inspect/escape.h"
-#include "inspect/store_stat.h"
+#include "inspect/store_directory.h"
 #include "inspect/store_verify.h"
 #include "kestrun/status.h"
-#include "tools/commands.h"
+#include "tools/bytes_text.h"
 #include "tools/dump_output.h"
 #include "tools/failure.h"
-#include "tools/json_bytes.h"
+#include "tools/output_file.h"
+#include "tools/quantities.h"
 #include "tools/stat_output.h"
+#include "tools/store_access.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {
@@ -22,85 +26,94 @@ uint64_t Now() {
   return static_cast<uint64_t>(std::time(nullptr));
 }
 
-[[noreturn]] void NoStore(const CommonOptions& options, const std::string& why) {
-  throw StoreFailure(kStatusOpenFailed, Inspect::Printable(options.store) + ": no store there (" + why + ")",
-                     "Check the path.");
-}
-
-int Stat(const CommonOptions& options) {
-  Inspect::StoreStat stat;
-  std::string why;
-  if (!Inspect::CollectStat(options.store, options.PageSize(), Now(), &stat, &why)) NoStore(options, why);
-  if (options.json) {
-    WriteJsonLine(JsonOfStat(options.store, stat));
-  } else {
-    WriteStat(options.store, stat);
-  }
-  return kExitDone;
-}
-
-// A store that somebody writes to while it is read can look damaged, so damage is looked for again until it
-// stands in files that were still meanwhile.
-Inspect::VerifyReport VerifyQuiet(const CommonOptions& options, bool* quiet) {
+// A store that somebody writes to while it is read can look damaged, so damage is looked for again until it stands in
+// files that were still meanwhile.
+Inspect::VerifyReport VerifyQuiet(const Invocation& line, bool* quiet) {
   constexpr int kMaxTries = 4;
   constexpr auto kPause = std::chrono::milliseconds(20);
   for (int i = 1;; ++i) {
-    const std::string before = Inspect::StoreFingerprint(options.store);
+    const std::string before = Inspect::StoreFingerprint(line.Store());
     Inspect::VerifyReport report;
     std::string why;
-    if (!Inspect::VerifyStore(options.store, options.PageSize(), Now(), &report, &why)) NoStore(options, why);
+    if (!Inspect::VerifyStore(line.Store(), PageSizeOf(line).value_or(0), Now(), &report, &why)) {
+      throw StoreFailure(kStatusNotAStore, ShownPath(line.Store()) + ": " + why);
+    }
     if (report.Sound()) {
       *quiet = true;
       return report;
     }
     std::this_thread::sleep_for(kPause);
-    *quiet = Inspect::StoreFingerprint(options.store) == before;
+    *quiet = Inspect::StoreFingerprint(line.Store()) == before;
     if (*quiet || i == kMaxTries) return report;
   }
 }
 
-int Verify(const CommonOptions& options) {
-  bool quiet = true;
-  const Inspect::VerifyReport report = VerifyQuiet(options, &quiet);
-  if (options.json) {
-    WriteJsonLine(JsonOfReport(report));
-  } else {
-    WriteReport(report);
-  }
-  if (!quiet)
-    PrintMessage("kestrun: the store was written to meanwhile; verify it again when it is not in use");
-  return report.Sound() ? kExitDone : kExitNotFound;
-}
+}  // namespace
 
-int Dump(const CommonOptions& options) {
-  struct stat status = {};
-  if (::stat(options.store.c_str(), &status) != 0) NoStore(options, "there is no such file or directory");
-  if (S_ISDIR(status.st_mode)) {
-    std::string why;
-    if (!DumpStore(options.store, options.PageSize(), options.json, &why)) NoStore(options, why);
+int RunStat(const Invocation& line) {
+  PageSizeOf(line);
+  RequirePartOfStore(line.Store());
+  StatReport report;
+  report.store = line.Store();
+  report.now = Now();
+  const uint64_t pageSize = PageSizeOf(line).value_or(0);
+  std::string why;
+  if (!Inspect::CollectStat(line.Store(), pageSize, report.now, &report.files, &why) ||
+      !Inspect::CollectSpace(line.Store(), pageSize, report.now, &report.space, &why)) {
+    throw StoreFailure(kStatusNotAStore, ShownPath(line.Store()) + ": " + why);
+  }
+  if (const std::string* path = line.Find("--html")) {
+    OutputFile file(*path);
+    file.Write(StatPage(report));
+    file.Commit();
+    PrintAccount("wrote " + ShownPath(*path));
+    if (!IsJson(line)) return kExitDone;
+  }
+  if (IsJson(line)) {
+    WriteStatJson(report);
   } else {
-    DumpOneFile(options.store, options.PageSize(), options.json);
+    WriteStatText(report);
   }
   return kExitDone;
 }
 
-}  // namespace
+int RunVerify(const Invocation& line) {
+  PageSizeOf(line);
+  RequirePartOfStore(line.Store());
+  bool quiet = true;
+  const Inspect::VerifyReport report = VerifyQuiet(line, &quiet);
+  if (IsJson(line)) {
+    WriteVerifyJson(report);
+  } else {
+    WriteVerifyText(report);
+  }
+  if (!quiet) {
+    PrintAccount("kestrun verify: the store was written to meanwhile; verify it again when it is not in use");
+  }
+  if (!report.Sound()) {
+    PrintAccount("kestrun verify: 'kestrun recover " + ShownPath(line.Store()) +
+                 " NEW' makes a new store of what can be read");
+  }
+  return report.Sound() ? kExitDone : kExitNotFound;
+}
 
-void AddInspectCommands(const Program& program) {
-  const auto stat = std::make_shared<CommonOptions>();
-  AddPageSize(AddCommand(program.app, "stat", "tell what a store holds", stat.get(), program.chosen,
-                         [stat] { return Stat(*stat); }),
-              stat.get());
-
-  const auto verify = std::make_shared<CommonOptions>();
-  AddPageSize(AddCommand(program.app, "verify", "check every checksum, order and list of a store",
-                         verify.get(), program.chosen, [verify] { return Verify(*verify); }),
-              verify.get());
-
-  const auto dump = std::make_shared<CommonOptions>();
-  AddPageSize(AddCommand(program.app, "dump", "show a store, or one of its files, byte by byte", dump.get(),
-                         program.chosen, [dump] { return Dump(*dump); }),
-              dump.get());
+int RunDump(const Invocation& line) {
+  const uint64_t pageSize = PageSizeOf(line).value_or(0);
+  struct stat status = {};
+  if (::stat(line.Store().c_str(), &status) != 0) {
+    throw StoreFailure(errno == EACCES ? kStatusNoPermission : kStatusStoreMissing,
+                       ShownPath(line.Store()) + ": " + std::strerror(errno), "", "Check the path.");
+  }
+  if (!S_ISDIR(status.st_mode)) {
+    DumpOneFile(line.Store(), pageSize, IsJson(line));
+    return kExitDone;
+  }
+  RequirePartOfStore(line.Store());
+  std::string why;
+  if (!DumpStore(line.Store(), pageSize, IsJson(line), &why)) {
+    throw StoreFailure(kStatusNotAStore, ShownPath(line.Store()) + ": " + why);
+  }
+  return kExitDone;
 }
 
 }  // namespace Kestrun::Tools

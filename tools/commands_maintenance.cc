@@ -1,143 +1,172 @@
+// flush, compact, clear, remove, backup.
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <ctime>
-#include <iostream>
+#include <cerrno>
+#include <cstring>
 
+#include "format/manifest_reader.h"
 #include "inspect/escape.h"
 #include "inspect/store_directory.h"
-#include "inspect/store_stat.h"
 #include "kestrun/status.h"
-#include "tools/commands.h"
+#include "tools/bytes_text.h"
 #include "tools/failure.h"
-#include "tools/json_bytes.h"
-#include "tools/store.h"
+#include "tools/json_writer.h"
+#include "tools/quantities.h"
+#include "tools/store_access.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {
 namespace {
 
-struct RemoveOptions : CommonOptions {
-  bool yes = false;
-};
+StoreStats StatsOf(Store& store, const Invocation& line) {
+  StoreStats stats;
+  Require(store.GetStats(&stats), ShownPath(line.Store()) + ": counting");
+  return stats;
+}
 
-Inspect::StoreStat StatOf(const CommonOptions& options) {
-  Inspect::StoreStat stat;
-  std::string why;
-  if (!Inspect::CollectStat(options.store, options.PageSize(), static_cast<uint64_t>(std::time(nullptr)),
-                            &stat, &why)) {
-    throw StoreFailure(kStatusOpenFailed, Inspect::Printable(options.store) + ": " + why);
+void AddBlocks(const StoreStats& stats, JsonWriter* json) {
+  json->BeginObject().Name("blocks").Number(stats.blocks).Name("bytes").Number(stats.blockBytes).EndObject();
+}
+
+std::string TextOfBlocks(const StoreStats& stats) {
+  return Counted(stats.blocks, "block, ", "blocks, ") + std::to_string(stats.blockBytes) + " bytes";
+}
+
+// The keys that are alive.
+uint64_t CountAlive(const Snapshot& snapshot) {
+  const auto cursor = OpenCursor(snapshot, Range::All());
+  uint64_t keys = 0;
+  for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) ++keys;
+  Require(cursor->Status(), "counting the entries");
+  return keys;
+}
+
+// Deletes the files of the store that `files` lists; the log goes last, so that what a killed removal leaves is still
+// known as part of a store.
+uint64_t RemoveFiles(const std::string& store, const Inspect::StoreDirectory& files) {
+  std::vector<std::string> names;
+  for (const std::string& block : files.blocks) {
+    if (IsBlockName(block)) names.push_back(block + kBlockFileSuffix);
   }
-  return stat;
-}
-
-// An empty log is left alone: flushing it would make a block without entries.
-int Flush(const CommonOptions& options) {
-  const auto store = OpenStore(options, Access::Existing);
-  const uint64_t records = StatOf(options).log.counts.entries;
-  if (records != 0) FlushLog(*store);
-  if (options.json) {
-    WriteJsonLine({{"flushed", records}});
-  } else {
-    WriteLine(records == 0 ? "the log is empty"
-                           : "flushed " + std::to_string(records) + (records == 1 ? " record" : " records"));
-  }
-  return kExitDone;
-}
-
-Json JsonOfBlocks(const Inspect::StoreStat& stat) {
-  return {{"blocks", stat.ListedBlocks()}, {"bytes", stat.ListedBlockBytes()}};
-}
-
-std::string TextOfBlocks(const Inspect::StoreStat& stat) {
-  const uint64_t blocks = stat.ListedBlocks();
-  return std::to_string(blocks) + (blocks == 1 ? " block, " : " blocks, ") +
-         std::to_string(stat.ListedBlockBytes()) + " bytes";
-}
-
-int Compact(const CommonOptions& options) {
-  constexpr uint64_t kMinBlocks = 4;
-  const auto store = OpenStore(options, Access::Existing);
-  const Inspect::StoreStat before = StatOf(options);
-  MustSucceed("merging the blocks", [&] { return store->ForceCompact(); });
-  const Inspect::StoreStat after = StatOf(options);
-  if (before.ListedBlocks() < kMinBlocks) {
-    PrintMessage("kestrun: fewer than 4 blocks are not merged");
-  }
-  if (options.json) {
-    WriteJsonLine({{"before", JsonOfBlocks(before)}, {"after", JsonOfBlocks(after)}});
-  } else {
-    WriteLine("before: " + TextOfBlocks(before));
-    WriteLine("after:  " + TextOfBlocks(after));
-  }
-  return kExitDone;
-}
-
-int Clear(const CommonOptions& options) {
-  const auto store = OpenStore(options, Access::Existing);
-  MustSucceed("emptying the store", [&] { return store->Clear(); });
-  if (options.json) WriteJsonLine({{"cleared", true}});
-  return kExitDone;
-}
-
-bool Confirm(const std::string& question) {
-  PrintMessage(question + " [y/N]");
-  std::string answer;
-  std::getline(std::cin, answer);
-  return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES";
-}
-
-// Refuses what holds no store: the library would delete any directory.
-int Remove(const RemoveOptions& options) {
-  const std::string shown = Inspect::Printable(options.store);
-  std::string why;
-  const auto files = Inspect::ListStore(options.store, &why);
-  if (!files) throw StoreFailure(kStatusOpenFailed, shown + ": no store there (" + why + ")");
-  if (!files->HoldsPartOfStore()) {
-    throw StoreFailure(kStatusOpenFailed, shown + ": the directory holds no store", "Nothing was removed.");
-  }
-  if (!options.yes) {
-    if (isatty(STDIN_FILENO) != 1) {
-      throw UsageError("remove asks on a terminal only; give --yes to remove " + shown +
-                       " without being asked");
-    }
-    std::string others;
-    if (!files->others.empty()) {
-      others = ", and " + std::to_string(files->others.size()) +
-               " files or directories in it that are not the store's";
-    }
-    if (!Confirm("Remove the store " + shown + others + "?")) {
-      PrintMessage("kestrun: nothing was removed");
-      return kExitUsage;
+  names.insert(names.end(), files.damagedLogs.begin(), files.damagedLogs.end());
+  names.insert(names.end(), files.legacy.begin(), files.legacy.end());
+  if (files.hasSchema) names.emplace_back(kSchemaFileName);
+  if (files.hasUnfinishedManifest) names.push_back(std::string(kManifestFileName) + kManifestJournalSuffix);
+  if (files.hasManifest) names.emplace_back(kManifestFileName);
+  if (files.hasLog) names.emplace_back(kWalFileName);
+  for (const std::string& name : names) {
+    if (unlink((store + "/" + name).c_str()) != 0 && errno != ENOENT) {
+      throw StoreFailure(
+          errno == EACCES || errno == EPERM || errno == EROFS ? kStatusNoPermission : kStatusOpenFailed,
+          ShownPath(store) + ": " + Inspect::Printable(name) + " can't be removed: " + std::strerror(errno));
     }
   }
-  MustSucceed("removing " + shown, [&] { return LSDBImpl::Remove(options.store); });
-  if (options.json) WriteJsonLine({{"removed", true}});
-  return kExitDone;
+  return names.size();
 }
 
 }  // namespace
 
-void AddMaintenanceCommands(const Program& program) {
-  const auto flush = std::make_shared<CommonOptions>();
-  CLI::App* command = AddCommand(program.app, "flush", "move the entries of the log into a block",
-                                 flush.get(), program.chosen, [flush] { return Flush(*flush); });
-  AddWalSize(command, flush.get());
+int RunFlush(const Invocation& line) {
+  const auto store = OpenStore(line, Access::Existing);
+  const uint64_t entries = StatsOf(*store, line).logEntries;
+  Require(store->Flush(), ShownPath(line.Store()) + ": flushing the log", line.Store());
+  JsonWriter json;
+  if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("flushed").Number(entries).EndObject());
+  PrintAccount(entries == 0 ? "the log is empty" : "flushed " + Counted(entries, "entry", "entries"));
+  return kExitDone;
+}
 
-  const auto compact = std::make_shared<CommonOptions>();
-  command = AddCommand(program.app, "compact", "merge the blocks and drop what is deleted or expired",
-                       compact.get(), program.chosen, [compact] { return Compact(*compact); });
-  AddWalSize(command, compact.get());
+int RunCompact(const Invocation& line) {
+  const auto store = OpenStore(line, Access::Existing);
+  const StoreStats before = StatsOf(*store, line);
+  Require(store->Compact(), ShownPath(line.Store()) + ": merging log and blocks", line.Store());
+  const StoreStats after = StatsOf(*store, line);
+  if (IsJson(line)) {
+    JsonWriter json;
+    json.BeginObject().Name("before");
+    AddBlocks(before, &json);
+    json.Name("after");
+    AddBlocks(after, &json);
+    WriteJsonLine(json.EndObject());
+  }
+  PrintAccount("before: " + TextOfBlocks(before) + ", " + Counted(before.logEntries, "entry", "entries") +
+               " in the log");
+  PrintAccount("after:  " + TextOfBlocks(after));
+  return kExitDone;
+}
 
-  const auto clear = std::make_shared<CommonOptions>();
-  command = AddCommand(program.app, "clear", "empty a store; its record types stay", clear.get(),
-                       program.chosen, [clear] { return Clear(*clear); });
-  AddWalSize(command, clear.get());
+int RunClear(const Invocation& line) {
+  const uint64_t keys =
+      line.Has("--dry-run") || !line.Has("--yes") ? CountAlive(*OpenSnapshot(line.Store())) : 0;
+  if (line.Has("--dry-run")) {
+    JsonWriter json;
+    if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("wouldClear").Number(keys).EndObject());
+    PrintAccount("would delete " + Counted(keys, "entry", "entries"));
+    return kExitDone;
+  }
+  if (!Confirm("delete all " + Counted(keys, "entry", "entries") + " of " + ShownPath(line.Store()),
+               line.Has("--yes"))) {
+    PrintMessage("kestrun: nothing was deleted");
+    return kExitUsage;
+  }
+  const auto store = OpenStore(line, Access::Existing);
+  Require(store->Clear(), ShownPath(line.Store()) + ": emptying the store", line.Store());
+  JsonWriter json;
+  if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("cleared").Bool(true).EndObject());
+  PrintAccount("emptied " + ShownPath(line.Store()));
+  return kExitDone;
+}
 
-  const auto remove = std::make_shared<RemoveOptions>();
-  command = AddCommand(program.app, "remove", "delete the directory of a store with all that is in it",
-                       remove.get(), program.chosen, [remove] { return Remove(*remove); });
-  command->add_flag("--yes", remove->yes, "do not ask");
+// Looks at the path itself before anything else: a symbolic link is somebody's pointer to another place.
+int RunRemove(const Invocation& line) {
+  const std::string shown = ShownPath(line.Store());
+  std::string path = line.Store();
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  struct stat status = {};
+  if (lstat(path.c_str(), &status) != 0) {
+    throw StoreFailure(errno == ENOENT ? kStatusStoreMissing : kStatusNoPermission,
+                       shown + ": " + std::strerror(errno));
+  }
+  if (S_ISLNK(status.st_mode)) {
+    throw StoreFailure(kStatusNotAStore, shown + " is a symbolic link", "",
+                       "Nothing was removed; give the directory itself.");
+  }
+  if (!S_ISDIR(status.st_mode)) throw StoreFailure(kStatusNotAStore, shown + " is no directory");
+  std::string why;
+  const auto files = Inspect::ListStore(path, &why);
+  if (!files) throw StoreFailure(kStatusNoPermission, shown + ": " + why);
+  if (!files->HoldsPartOfStore()) {
+    const bool empty =
+        files->blocks.empty() && files->legacy.empty() && files->others.empty() && !files->hasSchema;
+    throw StoreFailure(empty ? kStatusStoreMissing : kStatusNotAStore,
+                       shown + ": the directory holds no store", "", "Nothing was removed.");
+  }
+  if (!Confirm("remove the store " + shown, line.Has("--yes"))) {
+    PrintMessage("kestrun: nothing was removed");
+    return kExitUsage;
+  }
+  const uint64_t removed = RemoveFiles(path, *files);
+  const bool gone = rmdir(path.c_str()) == 0;
+  JsonWriter json;
+  if (IsJson(line)) {
+    WriteJsonLine(
+        json.BeginObject().Name("removed").Bool(true).Name("directoryRemoved").Bool(gone).EndObject());
+  }
+  PrintAccount("removed " + Counted(removed, "file", "files") +
+               (gone ? " and the directory" : "; the directory holds others and stays"));
+  return kExitDone;
+}
+
+int RunBackup(const Invocation& line) {
+  const std::string& target = line.positionals[1];
+  if (target.empty()) throw UsageError("NEW is the directory of the copy and can't be empty");
+  const auto store = OpenStore(line, Access::Existing);
+  Require(store->Checkpoint(target), ShownPath(target) + ": copying " + ShownPath(line.Store()), target);
+  JsonWriter json;
+  if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("store").Bytes(target).EndObject());
+  PrintAccount("copied " + ShownPath(line.Store()) + " to " + ShownPath(target));
+  return kExitDone;
 }
 
 }  // namespace Kestrun::Tools

@@ -1,130 +1,137 @@
+// scan, del-range.
+#include <algorithm>
+#include <utility>
+#include <vector>
+
 #include "inspect/escape.h"
-#include "tools/commands.h"
+#include "kestrun/status.h"
+#include "tools/bytes_text.h"
 #include "tools/failure.h"
-#include "tools/json_bytes.h"
-#include "tools/key_range.h"
-#include "tools/store.h"
+#include "tools/interrupt.h"
+#include "tools/json_writer.h"
+#include "tools/quantities.h"
+#include "tools/store_access.h"
 #include "tools/streams.h"
-#include "tools/table.h"
 
 namespace Kestrun::Tools {
 namespace {
 
-struct RangeOptions : CommonOptions {
-  std::optional<std::string> from;
-  std::optional<std::string> to;
-  std::string prefix;
-  std::optional<std::string> limit;
-  bool keysOnly = false;
+// Lines for people: keys in a column as wide as the first ones need, so that nothing has to wait for the last one.
+class ScanLines {
+ public:
+  void Add(std::string key, std::string value) {
+    constexpr size_t kLookedAt = 1000;
+    if (width_) return Write(key, value);
+    waiting_.emplace_back(std::move(key), std::move(value));
+    if (waiting_.size() == kLookedAt) Finish();
+  }
+
+  void Finish() {
+    constexpr size_t kWidest = 40;  // a few very long keys must not push all values out of sight
+    size_t width = 0;
+    for (const auto& [key, value] : waiting_) {
+      if (const size_t own = TextWidth(key); own <= kWidest) width = std::max(width, own);
+    }
+    width_ = width;
+    for (const auto& [key, value] : waiting_) Write(key, value);
+    waiting_.clear();
+  }
+
+ private:
+  void Write(const std::string& key, const std::string& value) {
+    text_ = key;
+    if (!value.empty()) {
+      const size_t own = TextWidth(key);
+      if (own < *width_) text_.append(*width_ - own, ' ');
+      text_ += "  ";
+      text_ += value;
+    }
+    text_ += '\n';
+    WriteData(text_);
+  }
+
+  std::vector<std::pair<std::string, std::string>> waiting_;
+  std::optional<size_t> width_;
+  std::string text_;
 };
 
-std::string BytesOf(const Key& key) {
-  return std::string(reinterpret_cast<const char*>(key.Data()), key.Size());
-}
-
-KeyRange RangeOf(const RangeOptions& options) {
-  KeyRange range;
-  // An empty lower bound is the beginning; an empty upper one would leave nothing and is a slip.
-  if (options.from && !options.from->empty()) range.from = ParseKey(*options.from, "--from");
-  if (options.to) range.to = ParseKey(*options.to, "--to");
-  if (!options.prefix.empty()) range.prefix = BytesOf(ParseKey(options.prefix, "--prefix"));
-  return range;
-}
-
-// How wide the keys are on the screen; a few very long ones must not push all values out of sight.
-size_t KeyColumnWidth(const std::vector<Key>& keys) {
-  constexpr size_t kWidest = 40;
-  size_t width = 0;
-  for (const Key& key : keys) {
-    const size_t own = TextWidth(Inspect::Printable(BytesOf(key)));
-    if (own <= kWidest) width = std::max(width, own);
-  }
-  return width;
-}
-
-void WriteEntry(const RangeOptions& options, const Key& key, const StoredValue& value, size_t keyWidth) {
-  const std::string keyBytes = BytesOf(key);
-  if (options.json) {
-    Json json = {{"key", JsonOfBytes(keyBytes)}};
-    if (!options.keysOnly) json["value"] = JsonOfBytes(value.Bytes());
-    WriteJsonLine(json);
-    return;
-  }
-  std::string line = Inspect::Printable(keyBytes);
-  if (!options.keysOnly && !value.Bytes().empty()) {
-    const size_t width = TextWidth(line);
-    if (width < keyWidth) line.append(keyWidth - width, ' ');
-    line += "  " + Inspect::Printable(value.Bytes());
-  }
-  WriteLine(line);
-}
-
-int Scan(const RangeOptions& options) {
-  constexpr uint64_t kNoLimit = UINT64_MAX;
-  const KeyRange range = RangeOf(options);
-  const std::optional<uint64_t> limit = options.limit ? ParseNumber(*options.limit, kNoLimit) : kNoLimit;
-  if (!limit) throw UsageError("--limit takes a number of entries, not \"" + *options.limit + "\"");
-  const auto store = OpenStore(options, Access::Existing);
-  if (*limit == 0) return kExitDone;
-
-  const std::vector<Key> keys = ListKeys(*store, range);
-  const size_t keyWidth = options.json || options.keysOnly ? 0 : KeyColumnWidth(keys);
-  uint64_t written = 0;
-  for (const Key& key : keys) {
-    StoredValue value;
-    DataEntry entry;
-    const EntryState state =
-        options.keysOnly ? FindEntry(*store, key, &entry) : ReadValue(*store, key, &value);
-    if (state != EntryState::Live) continue;
-    WriteEntry(options, key, value, keyWidth);
-    if (++written == *limit) break;
-  }
-  return kExitDone;
-}
-
-// Key by key and not by DeleteByRange, which tells neither how many keys there were nor what failed, and
-// which between bounds of one primary leaves out keys (ListKeys).
-int DeleteRange(const RangeOptions& options) {
-  KeyRange range;
-  range.from = ParseKey(*options.from, "FROM");
-  range.to = ParseKey(*options.to, "TO");
-  const auto store = OpenStore(options, Access::Existing);
-  uint64_t deleted = 0;
-  for (const Key& key : ListKeys(*store, range)) {
-    DataEntry entry;
-    const EntryState state = FindEntry(*store, key, &entry);
-    if (state == EntryState::Missing || state == EntryState::Deleted) continue;
-    MustSucceed("deleting a key, after " + std::to_string(deleted) + " others",
-                [&] { return store->Delete(key); });
-    ++deleted;
-  }
-  if (options.json) {
-    WriteJsonLine({{"deleted", deleted}});
-  } else {
-    WriteLine("deleted " + std::to_string(deleted) + (deleted == 1 ? " key" : " keys"));
-  }
-  return kExitDone;
+uint64_t CountKeys(const Snapshot& snapshot, const Range& range) {
+  const auto cursor = OpenCursor(snapshot, range);
+  uint64_t keys = 0;
+  for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) ++keys;
+  Require(cursor->Status(), "counting the keys");
+  return keys;
 }
 
 }  // namespace
 
-void AddRangeCommands(const Program& program) {
-  const auto scan = std::make_shared<RangeOptions>();
-  CLI::App* command = AddCommand(program.app, "scan", "list the live entries, sorted by key", scan.get(),
-                                 program.chosen, [scan] { return Scan(*scan); });
-  command->add_option("--from", scan->from, "the first key to list");
-  command->add_option("--to", scan->to, "the first key not to list any more");
-  command->add_option("--prefix", scan->prefix, "what the keys begin with");
-  command->add_option("--limit", scan->limit, "how many entries to list at most");
-  command->add_flag("--keys-only", scan->keysOnly, "leave out the values");
-  AddWalSize(command, scan.get());
+int RunScan(const Invocation& line) {
+  const Range range = RangeOf(line);
+  const uint64_t limit = NumberOf(line, "--limit", UINT64_MAX);
+  const bool keysOnly = line.Has("--keys-only");
+  const bool json = IsJson(line);
+  const bool hex = IsHex(line);
+  const auto snapshot = OpenSnapshot(line.Store());
+  const auto cursor = OpenCursor(*snapshot, range);
 
-  const auto del = std::make_shared<RangeOptions>();
-  command = AddCommand(program.app, "del-range", "delete the keys from FROM up to and not including TO",
-                       del.get(), program.chosen, [del] { return DeleteRange(*del); });
-  command->add_option("FROM", del->from, "the first key to delete")->required();
-  command->add_option("TO", del->to, "the first key to keep")->required();
-  AddWalSize(command, del.get());
+  JsonWriter writer(hex);
+  ScanLines lines;
+  uint64_t written = 0;
+  if (limit != 0) cursor->SeekToFirst();
+  for (; written < limit && cursor->Valid(); cursor->Next(), ++written) {
+    std::string_view value;
+    if (!keysOnly) {
+      Require(cursor->Value(&value), ShownPath(line.Store()) + ": reading the value of \"" +
+                                         Inspect::Printable(cursor->Key()) + "\", after " +
+                                         Counted(written, "entry", "entries"));
+    }
+    if (json) {
+      writer.Clear();
+      writer.BeginObject().Name("key").Bytes(cursor->Key());
+      if (!keysOnly) writer.Name("value").Bytes(value);
+      WriteJsonLine(writer.EndObject());
+    } else {
+      std::string key;
+      std::string text;
+      AppendShown(hex, cursor->Key(), &key);
+      AppendShown(hex, value, &text);
+      lines.Add(std::move(key), std::move(text));
+    }
+  }
+  lines.Finish();
+  Require(cursor->Status(),
+          ShownPath(line.Store()) + ": the entries can be read up to number " + std::to_string(written));
+  return kExitDone;
+}
+
+int RunDeleteRange(const Invocation& line) {
+  Range range;
+  range.from = KeyOf(line, line.positionals[1], "FROM");
+  range.to = KeyOf(line, line.positionals[2], "TO");
+  if (range.to < range.from) throw UsageError("TO lies before FROM; the bounds are reversed");
+  if (line.Has("--dry-run")) {
+    const uint64_t keys = CountKeys(*OpenSnapshot(line.Store()), range);
+    JsonWriter json;
+    if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("wouldDelete").Number(keys).EndObject());
+    PrintAccount("would delete " + Counted(keys, "key", "keys"));
+    return kExitDone;
+  }
+
+  const auto store = OpenStore(line, Access::Existing);
+  std::unique_ptr<Snapshot> snapshot;
+  Require(store->TakeSnapshot(&snapshot), ShownPath(line.Store()) + ": counting the keys");
+  const uint64_t keys = CountKeys(*snapshot, range);
+  snapshot.reset();
+  if (!Confirm("delete " + Counted(keys, "key", "keys") + " of " + ShownPath(line.Store()),
+               line.Has("--yes"))) {
+    PrintMessage("kestrun: nothing was deleted");
+    return kExitUsage;
+  }
+  Require(store->DeleteRange(range), ShownPath(line.Store()) + ": deleting the keys", line.Store());
+  JsonWriter json;
+  if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("deleted").Number(keys).EndObject());
+  PrintAccount("deleted " + Counted(keys, "key", "keys"));
+  return kExitDone;
 }
 
 }  // namespace Kestrun::Tools

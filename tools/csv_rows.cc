@@ -1,167 +1,248 @@
-#include "tools/csv_rows.h"
+// CSV as RFC 4180 describes it: a header, then rows; quoted fields may hold delimiters, quotes and line ends; lines end
+// with LF or CRLF; a byte order mark at the beginning is passed over. Blanks belong to their field. Empty lines are no
+// rows. TSV has no quotes: a tab, a line break and a backslash are written \t, \n and \\.
+#include <deque>
 
-#include <csv.h>
-
-#include <new>
-
-#include "inspect/escape.h"
 #include "tools/failure.h"
+#include "tools/rows.h"
+#include "tools/text_buffer.h"
 
 namespace Kestrun::Tools {
 namespace {
 
-constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
-constexpr size_t kMaxRow = size_t{256} << 20;
+class TableRows : public RowSource {
+ public:
+  explicit TableRows(const std::string& path) : text_(path) {}
 
-// What the parser calls back with while a line is fed to it.
-struct Collector {
-  std::vector<std::string>* fields;
-  uint64_t rows = 0;
+  bool Next(Row* row) override {
+    row->problem.clear();
+    row->names = &columns_;
+    row->shape = 1;
+    if (!ReadRecord(row)) return false;
+    if (row->problem.empty() && row->cells.size() != columns_.size()) {
+      row->problem = "the row has " + std::to_string(row->cells.size()) + " fields where the header has " +
+                     std::to_string(columns_.size());
+    }
+    return true;
+  }
+  const std::vector<std::string>* Columns() const override { return &columns_; }
+  uint64_t Position() const override { return text_.Position(); }
+  uint64_t Size() const override { return text_.File().Size(); }
+  const std::string& Name() const override { return text_.File().Name(); }
+
+ protected:
+  void ReadHeader() {
+    Row header;
+    if (!ReadRecord(&header)) {
+      throw InputError(Name() + " is empty; it begins with a line of column names");
+    }
+    if (!header.problem.empty()) throw InputError(Name() + ": the header: " + header.problem);
+    for (const Cell& cell : header.cells) columns_.emplace_back(cell.text);
+  }
+
+  // Reads the fields of the next record that is not an empty line; false at the end.
+  virtual bool ReadRecord(Row* row) = 0;
+
+  // Passes over empty lines and what the last record took.
+  bool SkipToRecord() {
+    text_.Consume(taken_);
+    line_ += takenLines_;
+    taken_ = takenLines_ = 0;
+    for (;;) {
+      const std::string_view view = text_.View();
+      if (view.size() < 2 && text_.More()) continue;
+      if (text_.View().empty()) return false;
+      const std::string_view start = text_.View();
+      const size_t empty = start[0] == '\n' ? 1 : start.substr(0, 2) == "\r\n" ? 2 : 0;
+      if (empty == 0) return true;
+      text_.Consume(empty);
+      ++line_;
+    }
+  }
+
+  TextBuffer text_;
+  std::vector<std::string> columns_;
+  uint64_t line_ = 1;  // that the next record begins on
+  size_t taken_ = 0;   // bytes of the current record
+  uint64_t takenLines_ = 0;
 };
 
-void OnField(void* bytes, size_t size, void* collector) {
-  static_cast<Collector*>(collector)->fields->emplace_back(static_cast<const char*>(bytes), size);
-}
-
-void OnRow(int /*terminator*/, void* collector) {
-  ++static_cast<Collector*>(collector)->rows;
-}
-
-// Blanks around a field belong to it.
-int NoSpace(unsigned char /*byte*/) {
-  return 0;
-}
-
-// The part of a line before its LF or CRLF.
-size_t BodySize(const std::string& line) {
-  size_t size = line.size();
-  if (size > 0 && line[size - 1] == '\n') --size;
-  if (size < line.size() && size > 0 && line[size - 1] == '\r') --size;
-  return size;
-}
-
-// Takes one row apart.
-class RowParser {
+class CsvRows final : public TableRows {
  public:
-  explicit RowParser(std::vector<std::string>* fields) : collector_{fields} {
-    if (csv_init(&state_, CSV_STRICT | CSV_STRICT_FINI) != 0) throw std::bad_alloc();
-    csv_set_space_func(&state_, NoSpace);
-  }
-  ~RowParser() { csv_free(&state_); }
-  RowParser(const RowParser&) = delete;
-  RowParser& operator=(const RowParser&) = delete;
-
-  bool RowEnded() const { return collector_.rows != 0; }
-
-  // Takes a line, of which the first `body` bytes stand before its end. Returns what is wrong with it.
-  std::string Feed(const std::string& line, size_t body) {
-    if (!Parse(line.data(), body)) return Problem();
-    if (RowEnded()) return "a carriage return without a line feed stands outside of quotes";
-    return Parse(line.data() + body, line.size() - body) ? std::string() : Problem();
-  }
-
-  // The file ends here.
-  std::string Finish() {
-    const bool whole = csv_fini(&state_, OnField, OnRow, &collector_) == 0;
-    return whole ? std::string() : "a quote is opened and never closed";
-  }
+  CsvRows(const std::string& path, char delimiter) : TableRows(path), delimiter_(delimiter) { ReadHeader(); }
 
  private:
-  bool Parse(const char* bytes, size_t size) {
-    return csv_parse(&state_, bytes, size, OnField, OnRow, &collector_) == size;
+  enum class Parsed { Record, Incomplete, Problem };
+
+  // A record that can't be right ends with its first line, so that a quote that is never closed takes no more than that
+  // line with it.
+  bool ReadRecord(Row* row) override {
+    if (!SkipToRecord()) return false;
+    row->line = line_;
+    for (;;) {
+      const Parsed parsed = Parse(row);
+      if (parsed == Parsed::Record) return true;
+      if (parsed == Parsed::Incomplete) {
+        // That the file ends here is news, too.
+        const bool ended = text_.AtEnd();
+        if (text_.More() || text_.AtEnd() != ended) continue;
+
+        row->problem =
+            text_.AtEnd() ? "a quote is opened and never closed" : "the row is longer than 256 MiB";
+      }
+      size_t size = 0;
+      size_t whole = 0;
+      text_.FindLine(0, &size, &whole);
+      row->raw = text_.View().substr(0, size);
+      taken_ = whole;
+      takenLines_ = 1;
+      return true;
+    }
   }
 
-  std::string Problem() {
-    const int error = csv_error(&state_);
-    return error == CSV_EPARSE
-               ? "a quote stands where none may be; a field with quotes is quoted and they are doubled"
-               : csv_strerror(error);
+  Parsed Fail(Row* row, const char* problem) {
+    row->problem = problem;
+    return Parsed::Problem;
   }
 
-  csv_parser state_;
-  Collector collector_;
+  // Takes the record at the beginning of the buffer apart.
+  Parsed Parse(Row* row) {
+    const std::string_view view = text_.View();
+    const bool last = text_.AtEnd();
+    row->cells.clear();
+    unquoted_.clear();
+    takenLines_ = 1;
+    size_t at = 0;
+    for (;;) {
+      std::string_view field;
+      if (at < view.size() && view[at] == '"') {
+        const Parsed parsed = ParseQuoted(view, &at, &field, last, row);
+        if (parsed != Parsed::Record) return parsed;
+      } else {
+        const size_t begin = at;
+        while (at < view.size() && !IsSpecial(view[at])) ++at;
+        field = view.substr(begin, at - begin);
+        if (at < view.size() && view[at] == '"') {
+          return Fail(row,
+                      "a quote stands where none may be; a field with quotes is quoted and they are doubled");
+        }
+      }
+      row->cells.push_back({Cell::Kind::Text, field});
+      if (at == view.size()) {
+        if (!last) return Parsed::Incomplete;
+        return Finish(row, view, at, at);
+      }
+      if (view[at] == delimiter_) {
+        ++at;
+      } else if (view[at] == '\n') {
+        return Finish(row, view, at, at + 1);
+      } else if (at + 1 < view.size() && view[at + 1] == '\n') {
+        return Finish(row, view, at, at + 2);
+      } else if (at + 1 == view.size() && !last) {
+        return Parsed::Incomplete;
+      } else {
+        return Fail(row, "a carriage return without a line feed stands outside of quotes");
+      }
+    }
+  }
+
+  bool IsSpecial(char letter) const {
+    return letter == delimiter_ || letter == '\n' || letter == '\r' || letter == '"';
+  }
+
+  Parsed ParseQuoted(std::string_view view, size_t* at, std::string_view* field, bool last, Row* row) {
+    const size_t begin = *at + 1;
+    std::string* copy = nullptr;
+    size_t piece = begin;
+    for (size_t i = begin;;) {
+      const size_t quote = view.find('"', i);
+      if (quote == std::string_view::npos) return Parsed::Incomplete;
+      if (quote + 1 == view.size() && !last) return Parsed::Incomplete;
+      for (size_t lf = view.find('\n', i); lf < quote; lf = view.find('\n', lf + 1)) ++takenLines_;
+      if (quote + 1 < view.size() && view[quote + 1] == '"') {
+        if (copy == nullptr) copy = &unquoted_.emplace_back();
+        copy->append(view.substr(piece, quote + 1 - piece));
+        piece = i = quote + 2;
+        continue;
+      }
+      if (copy != nullptr) copy->append(view.substr(piece, quote - piece));
+      *field = copy != nullptr ? std::string_view(*copy) : view.substr(begin, quote - begin);
+      *at = quote + 1;
+      if (*at < view.size() && (!IsSpecial(view[*at]) || view[*at] == '"')) {
+        return Fail(row,
+                    "a quote stands where none may be; a field with quotes is quoted and they are doubled");
+      }
+      return Parsed::Record;
+    }
+  }
+
+  Parsed Finish(Row* row, std::string_view view, size_t size, size_t whole) {
+    row->raw = view.substr(0, size);
+    taken_ = whole;
+    return Parsed::Record;
+  }
+
+  char delimiter_;
+  std::deque<std::string> unquoted_;  // the fields that quotes were taken out of
+};
+
+class TsvRows final : public TableRows {
+ public:
+  explicit TsvRows(const std::string& path) : TableRows(path) { ReadHeader(); }
+
+ private:
+  bool ReadRecord(Row* row) override {
+    if (!SkipToRecord()) return false;
+    row->line = line_;
+    row->cells.clear();
+    unescaped_.clear();
+    size_t size = 0;
+    if (!text_.FindLine(0, &size, &taken_)) return false;
+    takenLines_ = 1;
+    row->raw = text_.View().substr(0, size);
+    for (size_t begin = 0;;) {
+      const size_t end = std::min(row->raw.find('\t', begin), row->raw.size());
+      row->cells.push_back({Cell::Kind::Text, Unescaped(row->raw.substr(begin, end - begin), &row->problem)});
+      if (end == row->raw.size()) return true;
+      begin = end + 1;
+    }
+  }
+
+  std::string_view Unescaped(std::string_view field, std::string* problem) {
+    if (field.find('\\') == std::string_view::npos) return field;
+    std::string& text = unescaped_.emplace_back();
+    for (size_t i = 0; i < field.size(); ++i) {
+      if (field[i] != '\\') {
+        text += field[i];
+        continue;
+      }
+      const char letter = ++i < field.size() ? field[i] : ' ';
+      if (letter == 't') {
+        text += '\t';
+      } else if (letter == 'n') {
+        text += '\n';
+      } else if (letter == 'r') {
+        text += '\r';
+      } else if (letter == '\\') {
+        text += '\\';
+      } else if (problem->empty()) {
+        *problem = "a backslash stands before something else than t, n, r or a backslash";
+      }
+    }
+    return text;
+  }
+
+  std::deque<std::string> unescaped_;
 };
 
 }  // namespace
 
-struct CsvRowReader::Record {
-  uint64_t line = 0;
-  std::string raw;
-  std::string problem;
-  std::vector<std::string> fields;
-};
-
-void CsvRowReader::Restart() {
-  file_->Seek(0);
-  line_ = 0;
-  Record header;
-  if (!ReadRecord(&header))
-    throw InputError(file_->Name() + " is empty; CSV begins with a line of column names");
-  if (!header.problem.empty()) throw InputError(file_->Name() + ": the header: " + header.problem);
-  columns_ = std::move(header.fields);
+std::unique_ptr<RowSource> OpenCsvRows(const std::string& path, char delimiter) {
+  return std::make_unique<CsvRows>(path, delimiter);
 }
 
-bool CsvRowReader::Next(Row* row) {
-  Record record;
-  if (!ReadRecord(&record)) return false;
-  *row = Row();
-  row->line = record.line;
-  row->raw = std::move(record.raw);
-  row->problem = std::move(record.problem);
-  if (row->problem.empty() && record.fields.size() != columns_.size()) {
-    row->problem = "the row has " + std::to_string(record.fields.size()) + " fields where the header has " +
-                   std::to_string(columns_.size());
-  }
-  if (!row->problem.empty()) return true;
-  for (size_t i = 0; i < columns_.size(); ++i) {
-    row->cells.emplace_back(columns_[i], Cell{Cell::Kind::Text, std::move(record.fields[i])});
-  }
-  return true;
-}
-
-// Feeds lines to the parser until a row is complete. A row that can't be right ends with its first line, so
-// that a quote that is never closed takes no more than that line with it.
-bool CsvRowReader::ReadRecord(Record* record) {
-  RowParser parser(&record->fields);
-  uint64_t secondLine = 0;
-  std::string line;
-  while (record->problem.empty() && !parser.RowEnded() && file_->ReadLine(&line)) {
-    ++line_;
-    if (line_ == 1 && line.compare(0, 3, kByteOrderMark) == 0) line.erase(0, 3);
-    const size_t body = BodySize(line);
-    if (record->line == 0) {
-      if (body == 0) continue;
-      record->line = line_;
-      secondLine = file_->Position();
-    }
-    record->problem = parser.Feed(line, body);
-    record->raw.append(line, 0, parser.RowEnded() ? body : line.size());
-    if (record->raw.size() > kMaxRow) record->problem = "the row is longer than 256 MiB";
-  }
-  if (record->line == 0) return false;
-  if (record->problem.empty() && !parser.RowEnded()) record->problem = parser.Finish();
-  if (!record->problem.empty()) {
-    file_->Seek(secondLine);
-    line_ = record->line;
-  }
-  return true;
-}
-
-void AppendCsvRow(const std::vector<std::string>& fields, std::string* out) {
-  for (size_t i = 0; i < fields.size(); ++i) {
-    if (i != 0) *out += ',';
-    // A row of one empty field would be an empty line.
-    const bool quoted =
-        fields[i].find_first_of(",\"\r\n") != std::string::npos || (fields[i].empty() && fields.size() == 1);
-    if (!quoted) {
-      *out += fields[i];
-      continue;
-    }
-    const size_t start = out->size();
-    out->resize(start + csv_write(nullptr, 0, fields[i].data(), fields[i].size()));
-    csv_write(out->data() + start, out->size() - start, fields[i].data(), fields[i].size());
-  }
-  *out += '\n';
+std::unique_ptr<RowSource> OpenTsvRows(const std::string& path) {
+  return std::make_unique<TsvRows>(path);
 }
 
 }  // namespace Kestrun::Tools

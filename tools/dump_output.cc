@@ -13,7 +13,7 @@
 #include "inspect/store_directory.h"
 #include "kestrun/status.h"
 #include "tools/failure.h"
-#include "tools/json_bytes.h"
+#include "tools/json_writer.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {
@@ -70,22 +70,23 @@ class JsonSink : public Inspect::DumpSink {
 
   void Field(uint64_t offset, std::string_view bytes, const std::string& name,
              const std::string& meaning) override {
-    Json json = Begin(offset, bytes.size(), name);
-    json["hex"] = Inspect::Hex(bytes);
-    if (!meaning.empty()) json["meaning"] = JsonOfBytes(meaning);
-    WriteJsonLine(json);
+    JsonWriter json;
+    Begin(offset, bytes.size(), name, &json);
+    json.Name("hex").Text(Inspect::Hex(bytes));
+    if (!meaning.empty()) json.Name("meaning").Bytes(meaning);
+    WriteJsonLine(json.EndObject());
   }
 
   void Zeros(uint64_t offset, uint64_t size, const std::string& name) override {
-    Json json = Begin(offset, size, name);
-    json["zeros"] = true;
-    WriteJsonLine(json);
+    JsonWriter json;
+    Begin(offset, size, name, &json);
+    WriteJsonLine(json.Name("zeros").Bool(true).EndObject());
   }
 
  private:
-  Json Begin(uint64_t offset, uint64_t size, const std::string& name) const {
-    return {
-        {"file", JsonOfBytes(file_)}, {"part", part_}, {"field", name}, {"offset", offset}, {"size", size}};
+  void Begin(uint64_t offset, uint64_t size, const std::string& name, JsonWriter* json) const {
+    json->BeginObject().Name("file").Bytes(file_).Name("part").Bytes(part_).Name("field").Bytes(name);
+    json->Name("offset").Number(offset).Name("size").Number(size);
   }
 
   std::string file_;

@@ -1,31 +1,24 @@
 #include "tools/field_value.h"
 
-#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
+#include <optional>
 
 #include "inspect/escape.h"
+#include "tools/bytes_text.h"
 
 namespace Kestrun::Tools {
 namespace {
 
 template <typename Number>
-std::optional<Number> NumberOf(const std::string& text) {
+bool ParseNumberText(std::string_view text, Number* number) {
   // A plus sign is allowed before digits, as people write it.
   const char* begin = text.data();
   const char* end = begin + text.size();
   if (text.size() > 1 && *begin == '+' && begin[1] != '-' && begin[1] != '+') ++begin;
-  Number number = {};
-  const auto result = std::from_chars(begin, end, number);
-  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-  return number;
-}
-
-template <typename Number>
-std::string ShortestText(Number number) {
-  std::array<char, 64> text{};
-  const auto result = std::to_chars(text.data(), text.data() + text.size(), number);
-  return std::string(text.data(), result.ptr);
+  const auto result = std::from_chars(begin, end, *number);
+  return result.ec == std::errc() && result.ptr == end;
 }
 
 bool IsNumeric(const Cell& cell, bool real) {
@@ -66,133 +59,197 @@ const char* ExpectedOf(ValueType type) {
 std::string Shown(const Cell& cell) {
   constexpr size_t kMax = 60;
   if (cell.kind == Cell::Kind::Bytes) return "bytes";
+  if (cell.kind == Cell::Kind::Null) return "null";
   const std::string text = Inspect::Printable(cell.text.substr(0, kMax));
   return "\"" + text + (cell.text.size() > kMax ? "...\"" : "\"");
 }
 
-// Of a single precision number the digits that tell it, not the many more of its double.
 template <typename Number>
-Json JsonOfReal(Number number) {
-  const std::string text = ShortestText(number);
-  if (!std::isfinite(number)) return text;
-  double wide = 0;
-  std::from_chars(text.data(), text.data() + text.size(), wide);
-  return wide;
+Number Load(std::string_view bytes, size_t at) {
+  Number number = 0;
+  std::memcpy(&number, bytes.data() + at, sizeof(number));
+  return number;
+}
+
+template <typename Number>
+std::string_view Digits(Number number, char (&buffer)[32]) {
+  const auto result = std::to_chars(buffer, buffer + sizeof(buffer), number);
+  return {buffer, static_cast<size_t>(result.ptr - buffer)};
+}
+
+// JSON has no digits for what is not finite.
+template <typename Number>
+void AddReal(Number number, JsonWriter* json) {
+  char buffer[32];
+  const std::string_view digits = Digits(number, buffer);
+  if (std::isfinite(number)) {
+    // A real number stays one for those who read it: 3.0 and not 3, -0.0 and not -0.
+    const bool isWhole = digits.find_first_of(".e") == std::string_view::npos;
+    json->Digits(isWhole ? std::string(digits) + ".0" : std::string(digits));
+  } else {
+    json->Text(digits);
+  }
 }
 
 }  // namespace
 
-bool AddValue(const Cell& cell, ValueType type, RecordValues* values, std::string* why) {
-  std::optional<Value> value;
+uint16_t RecordIdOf(std::string_view bytes) {
+  if (bytes.size() <= kRecordIdSize) return 0;
+  return static_cast<uint16_t>(static_cast<unsigned char>(bytes[0]) | static_cast<unsigned char>(bytes[1])
+                                                                          << 8);
+}
+
+bool ParseFieldValue(const Cell& cell, ValueType type, Value* value, std::string* bytes, std::string* why) {
+  bool taken = false;
+  value->type = type;
   switch (type) {
     case ValueType::Int32:
-      if (IsNumeric(cell, false)) {
-        if (const auto number = NumberOf<int32_t>(cell.text)) value = Value::Int32Value(*number);
-      }
+      taken = IsNumeric(cell, false) && ParseNumberText(cell.text, &value->numeric.i32);
       break;
     case ValueType::Int64:
-      if (IsNumeric(cell, false)) {
-        if (const auto number = NumberOf<int64_t>(cell.text)) value = Value::Int64Value(*number);
-      }
+      taken = IsNumeric(cell, false) && ParseNumberText(cell.text, &value->numeric.i64);
       break;
     case ValueType::Float:
-      if (IsNumeric(cell, true)) {
-        if (const auto number = NumberOf<float>(cell.text)) value = Value::FloatValue(*number);
-      }
+      taken = IsNumeric(cell, true) && ParseNumberText(cell.text, &value->numeric.f32);
       break;
     case ValueType::Double:
-      if (IsNumeric(cell, true)) {
-        if (const auto number = NumberOf<double>(cell.text)) value = Value::DoubleValue(*number);
-      }
+      taken = IsNumeric(cell, true) && ParseNumberText(cell.text, &value->numeric.f64);
       break;
     case ValueType::String:
-      if (cell.kind == Cell::Kind::Text || cell.kind == Cell::Kind::String ||
-          cell.kind == Cell::Kind::Bytes) {
-        value = Value::StringValue(cell.text);
-      }
+      taken =
+          cell.kind == Cell::Kind::Text || cell.kind == Cell::Kind::String || cell.kind == Cell::Kind::Bytes;
+      if (taken) value->str.assign(cell.text);
       break;
-    case ValueType::Binary: {
-      const auto bytes = cell.kind == Cell::Kind::Bytes  ? std::optional<std::string>(cell.text)
-                         : cell.kind == Cell::Kind::Text ? BytesOfHex(cell.text)
-                                                         : std::nullopt;
-      if (bytes) {
-        values->bytes.push_back(*bytes);
-        const std::string& kept = values->bytes.back();
-        value = Value::BinaryValue(kept.data(), static_cast<unsigned int>(kept.size()));
-      }
-      break;
-    }
-    case ValueType::None:
-      break;
-  }
-  if (!value) {
-    *why = "takes " + std::string(ExpectedOf(type)) + ", not " + Shown(cell);
-    return false;
-  }
-  values->values.push_back(*value);
-  return true;
-}
-
-// An empty Binary decodes to no value at all, after which the values stand one place early: a value belongs
-// to the field only when it is of its type.
-std::vector<Value> FieldValues(const RecordMeta& meta, const Record& record) {
-  std::vector<Value> values;
-  unsigned int next = 0;
-  for (const Field* field : meta.fields) {
-    const Value value = record.GetValue(next);
-    if (value.type == field->type && value.type != ValueType::None) {
-      values.push_back(value);
-      ++next;
-    } else if (field->type == ValueType::Binary) {
-      values.push_back(Value::BinaryValue(nullptr, 0));
-    } else {
-      values.emplace_back();
-    }
-  }
-  return values;
-}
-
-std::string TextOf(const Value& value) {
-  switch (value.type) {
-    case ValueType::Int32:
-      return std::to_string(value.numeric.i32);
-    case ValueType::Int64:
-      return std::to_string(value.numeric.i64);
-    case ValueType::Float:
-      return ShortestText(value.numeric.f32);
-    case ValueType::Double:
-      return ShortestText(value.numeric.f64);
-    case ValueType::String:
-      return value.str;
     case ValueType::Binary:
-      return Inspect::Hex({static_cast<const char*>(value.binary), value.binarySize});
+      if (cell.kind == Cell::Kind::Bytes) {
+        bytes->assign(cell.text);
+        taken = true;
+      } else if (cell.kind == Cell::Kind::Text) {
+        const auto decoded = BytesOfHex(cell.text);
+        taken = decoded.has_value();
+        if (taken) *bytes = *decoded;
+      }
+      value->binary = bytes->data();
+      value->binarySize = static_cast<uint32_t>(bytes->size());
+      break;
     case ValueType::None:
       break;
   }
-  return std::string();
+  if (!taken) *why = "takes " + std::string(ExpectedOf(type)) + ", not " + Shown(cell);
+  return taken;
 }
 
-Json JsonOf(const Value& value) {
-  switch (value.type) {
-    case ValueType::Int32:
-      return value.numeric.i32;
-    case ValueType::Int64:
-      return value.numeric.i64;
-    case ValueType::Float:
-      return JsonOfReal(value.numeric.f32);
-    case ValueType::Double:
-      return JsonOfReal(value.numeric.f64);
-    case ValueType::String:
-      return JsonOfBytes(value.str);
-    case ValueType::Binary: {
-      Json json = Json::object();
-      json["hex"] = TextOf(value);
-      return json;
+// As a store decodes it, kestrun/record.h: after a Binary field that is not the last one the next field is read from
+// the first byte after its length, and an empty Binary stores nothing.
+bool DecodeFields(const RecordMeta& meta, std::string_view bytes, std::vector<FieldView>* fields) {
+  fields->assign(meta.fields.size(), FieldView());
+  size_t at = kRecordIdSize;
+  bool whole = bytes.size() > kRecordIdSize;
+  for (size_t i = 0; i < meta.fields.size(); ++i) {
+    FieldView& field = (*fields)[i];
+    const ValueType type = meta.fields[i]->type;
+    const size_t left = bytes.size() - std::min(at, bytes.size());
+    size_t size = 0;
+    switch (type) {
+      case ValueType::Int32:
+      case ValueType::Float:
+        size = 4;
+        break;
+      case ValueType::Int64:
+      case ValueType::Double:
+        size = 8;
+        break;
+      case ValueType::String:
+      case ValueType::Binary:
+        if (type == ValueType::Binary && left == 0) {
+          field.type = type;
+          continue;
+        }
+        size = left < 4 ? 4 : size_t{4} + Load<uint32_t>(bytes, at);
+        break;
+      case ValueType::None:
+        continue;
     }
+    if (left < size) return false;
+    field.type = type;
+    switch (type) {
+      case ValueType::Int32:
+        field.integer = Load<int32_t>(bytes, at);
+        break;
+      case ValueType::Int64:
+        field.integer = Load<int64_t>(bytes, at);
+        break;
+      case ValueType::Float:
+        field.single = Load<float>(bytes, at);
+        break;
+      case ValueType::Double:
+        field.real = Load<double>(bytes, at);
+        break;
+      default:
+        field.bytes = bytes.substr(at + 4, size - 4);
+        break;
+    }
+    const bool isLast = i + 1 == meta.fields.size();
+    at += type == ValueType::Binary && !isLast ? 4 : size;
+  }
+  return whole && at == bytes.size();
+}
+
+std::string_view ShortestText(double number, char (&buffer)[32]) {
+  return Digits(number, buffer);
+}
+
+void AppendFieldText(const FieldView& field, std::string* out) {
+  char buffer[32];
+  switch (field.type) {
+    case ValueType::Int32:
+    case ValueType::Int64:
+      *out += Digits(field.integer, buffer);
+      break;
+    case ValueType::Float:
+      *out += Digits(field.single, buffer);
+      break;
+    case ValueType::Double:
+      *out += Digits(field.real, buffer);
+      break;
+    case ValueType::String:
+      *out += field.bytes;
+      break;
+    case ValueType::Binary:
+      *out += Inspect::Hex(field.bytes);
+      break;
     case ValueType::None:
       break;
   }
-  return nullptr;
+}
+
+void AddFieldJson(const FieldView& field, JsonWriter* json) {
+  switch (field.type) {
+    case ValueType::Int32:
+    case ValueType::Int64:
+      json->Signed(field.integer);
+      break;
+    case ValueType::Float:
+      AddReal(field.single, json);
+      break;
+    case ValueType::Double:
+      AddReal(field.real, json);
+      break;
+    case ValueType::String:
+      // --hex covers keys and raw values, not typed fields.
+      if (Inspect::IsUtf8(field.bytes)) {
+        json->Text(field.bytes);
+      } else {
+        json->Hex(field.bytes);
+      }
+      break;
+    case ValueType::Binary:
+      json->Hex(field.bytes);
+      break;
+    case ValueType::None:
+      json->Null();
+      break;
+  }
 }
 
 }  // namespace Kestrun::Tools

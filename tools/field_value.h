@@ -6,33 +6,43 @@
 //   Binary          hexadecimal digits; in JSON {"hex": "..."}
 #pragma once
 
-#include <deque>
-#include <optional>
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "kestrun/record.h"
+#include "kestrun/record_meta.h"
 #include "kestrun/value.h"
-#include "tools/json_bytes.h"
+#include "tools/json_writer.h"
 #include "tools/rows.h"
 
 namespace Kestrun::Tools {
 
-// Values for a record. Binary values point into `bytes`, so they live as long as this and no longer.
-struct RecordValues {
-  std::vector<Value> values;
-  std::deque<std::string> bytes;
+// A stored record begins with the number of its type.
+inline constexpr size_t kRecordIdSize = 2;
+uint16_t RecordIdOf(std::string_view bytes);
+
+// Sets `*value` to what `cell` stands for in a field of this type. Otherwise false, and `*why` says what the field
+// takes. `*bytes` keeps the bytes of a Binary value, which points into it.
+bool ParseFieldValue(const Cell& cell, ValueType type, Value* value, std::string* bytes, std::string* why);
+
+// One field of a stored record.
+struct FieldView {
+  ValueType type =
+      ValueType::None;     // None for a field that stores nothing, or that a record that is cut off lacks
+  int64_t integer = 0;     // of Int32 and Int64
+  double real = 0;         // of Double
+  float single = 0;        // of Float
+  std::string_view bytes;  // of String and Binary, in the record
 };
 
-// Adds the value that `cell` stands for in a field of this type. Otherwise false, and `*why` says what the
-// field takes.
-bool AddValue(const Cell& cell, ValueType type, RecordValues* values, std::string* why);
+// Takes a stored record apart, one view for each field. Whether the record holds all its fields and nothing else.
+bool DecodeFields(const RecordMeta& meta, std::string_view bytes, std::vector<FieldView>* fields);
 
-// The values of a decoded record in the order of the fields of `meta`. What a record that was cut off lacks,
-// and a field that stores nothing, is a value of type None; a Binary that is not there is an empty one.
-std::vector<Value> FieldValues(const RecordMeta& meta, const Record& record);
+void AppendFieldText(const FieldView& field, std::string* out);
+void AddFieldJson(const FieldView& field, JsonWriter* json);
 
-std::string TextOf(const Value& value);
-Json JsonOf(const Value& value);
+// The shortest decimal that reads back as the same number.
+std::string_view ShortestText(double number, char (&buffer)[32]);
 
 }  // namespace Kestrun::Tools

@@ -1,88 +1,82 @@
 #include "tools/input.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/types.h>
+#include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "inspect/escape.h"
 #include "tools/failure.h"
+#include "tools/interrupt.h"
+#include "tools/streams.h"
 
 namespace Kestrun::Tools {
 namespace {
 
-constexpr size_t kPiece = size_t{64} << 10;
+constexpr size_t kPiece = 256 << 10;
 
 [[noreturn]] void FailToRead(const std::string& name) {
   throw InputError(name + " can't be read: " + std::strerror(errno));
 }
 
-void CopyStandardInput(FILE* to) {
-  std::array<char, kPiece> piece;
-  size_t got = 0;
-  while ((got = std::fread(piece.data(), 1, piece.size(), stdin)) > 0) {
-    if (std::fwrite(piece.data(), 1, got, to) != got) FailToRead("standard input");
-  }
-  if (std::ferror(stdin) != 0 || std::fflush(to) != 0) FailToRead("standard input");
+void RequireStandardInput() {
+  if (StandardInputIsClosed()) throw InputError("standard input is closed");
+  if (StandardInputIsTerminal()) PrintAccount("kestrun: reading standard input; Ctrl-D ends it");
 }
 
 }  // namespace
 
 std::string ReadStandardInput(uint64_t most) {
+  RequireStandardInput();
   std::string bytes;
-  std::array<char, kPiece> piece;
-  size_t got = 0;
-  while ((got = std::fread(piece.data(), 1, piece.size(), stdin)) > 0) {
-    bytes.append(piece.data(), got);
+  for (;;) {
+    const size_t before = bytes.size();
+    bytes.resize(before + kPiece);
+    const ssize_t count = read(STDIN_FILENO, bytes.data() + before, kPiece);
+    bytes.resize(before + (count > 0 ? static_cast<size_t>(count) : 0));
+    if (count < 0 && errno != EINTR) FailToRead("standard input");
+    if (count == 0) return bytes;
     if (bytes.size() > most) {
       throw InputError("standard input has more than " + std::to_string(most) +
                        " bytes, which is all that an entry can hold");
     }
   }
-  if (std::ferror(stdin) != 0) FailToRead("standard input");
-  return bytes;
 }
 
 InputFile::InputFile(const std::string& path) : name_(Inspect::Printable(path)) {
   if (path == kStandardInput) {
+    RequireStandardInput();
     name_ = "standard input";
-    file_.reset(std::tmpfile());
-    if (file_ == nullptr) FailToRead("standard input");
-    CopyStandardInput(file_.get());
+    descriptor_ = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
   } else {
-    file_.reset(std::fopen(path.c_str(), "rbe"));
-    if (file_ == nullptr) FailToRead(name_);
+    descriptor_ = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
   }
   struct stat status = {};
-  if (fstat(fileno(file_.get()), &status) != 0) FailToRead(name_);
-  if (!S_ISREG(status.st_mode)) {
-    throw InputError(name_ + " is not a regular file; give '-' to read standard input");
+  if (descriptor_ < 0 || fstat(descriptor_, &status) != 0) FailToRead(name_);
+  if (S_ISDIR(status.st_mode)) {
+    close(descriptor_);
+    throw InputError(name_ + " is a directory");
   }
-  size_ = static_cast<uint64_t>(status.st_size);
-  Seek(0);
+  if (S_ISREG(status.st_mode)) size_ = static_cast<uint64_t>(status.st_size);
 }
 
-void InputFile::Seek(uint64_t position) {
-  if (fseeko(file_.get(), static_cast<off_t>(position), SEEK_SET) != 0) FailToRead(name_);
-  position_ = position;
+InputFile::~InputFile() {
+  if (descriptor_ >= 0) close(descriptor_);
 }
 
-bool InputFile::ReadLine(std::string* line) {
-  char* buffer = nullptr;
-  size_t capacity = 0;
-  errno = 0;
-  const ssize_t length = getline(&buffer, &capacity, file_.get());
-  if (length > 0) line->assign(buffer, static_cast<size_t>(length));
-  std::free(buffer);
-  if (length <= 0) {
-    if (std::ferror(file_.get()) != 0 || errno == ENOMEM) FailToRead(name_);
-    return false;
+size_t InputFile::Read(char* buffer, size_t size) {
+  for (;;) {
+    const ssize_t count = read(descriptor_, buffer, size);
+    if (count >= 0) {
+      position_ += static_cast<uint64_t>(count);
+      return static_cast<size_t>(count);
+    }
+    if (errno != EINTR) FailToRead(name_);
+    if (WasInterrupted()) return 0;
   }
-  position_ += static_cast<uint64_t>(length);
-  return true;
 }
 
 }  // namespace Kestrun::Tools

@@ -1,11 +1,10 @@
-// tools/input.h: values and rows from files and from standard input.
+// tools/input.h: standard input and files, read from beginning to end.
 //
-// Failure: throws InputError when a file can't be read.
+// Failure: throws InputError when something can't be read, and Interrupted.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <string>
 
 namespace Kestrun::Tools {
@@ -13,33 +12,28 @@ namespace Kestrun::Tools {
 // A value of the command line that means standard input.
 inline constexpr char kStandardInput[] = "-";
 
-// The size of the largest value that an entry can tell.
-inline constexpr uint64_t kMaxValue = 4294967295;
-
-// All of standard input. Throws InputError when it has more than `most` bytes.
+// All of standard input. Throws InputError when it is closed or has more than `most` bytes. On a terminal a hint tells
+// that it is being read.
 std::string ReadStandardInput(uint64_t most);
 
-// A file that is read line by line, and again. What "-" names is standard input, copied to a file without a
-// name when it can't be read twice.
+// A file, or standard input, read forward in large pieces.
 class InputFile {
  public:
   explicit InputFile(const std::string& path);
+  ~InputFile();
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
 
-  // Bytes; what is copied from standard input counts in full.
+  // Reads up to `size` bytes; 0 at the end only.
+  size_t Read(char* buffer, size_t size);
+  // Bytes; 0 when it is not known.
   uint64_t Size() const { return size_; }
   uint64_t Position() const { return position_; }
-  void Seek(uint64_t position);
-  // The next line with its line end; false at the end of the file.
-  bool ReadLine(std::string* line);
-  // The path, or "standard input".
+  // The path as it may be shown, or "standard input".
   const std::string& Name() const { return name_; }
 
  private:
-  struct Close {
-    void operator()(FILE* file) const { std::fclose(file); }
-  };
-
-  std::unique_ptr<FILE, Close> file_;
+  int descriptor_ = -1;
   std::string name_;
   uint64_t size_ = 0;
   uint64_t position_ = 0;

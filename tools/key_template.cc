@@ -3,12 +3,12 @@
 #include <algorithm>
 
 #include "inspect/escape.h"
+#include "tools/bytes_text.h"
 #include "tools/failure.h"
-#include "tools/options.h"
 
 namespace Kestrun::Tools {
 
-KeyTemplate::KeyTemplate(const std::string& pattern) {
+KeyTemplate::KeyTemplate(const std::string& pattern, bool hex) : hex_(hex) {
   const auto refuse = [&pattern](const char* why) {
     throw UsageError("the key pattern \"" + Inspect::Printable(pattern) + "\" " + why +
                      "; a pattern is written like 'seattle-{date}', with {{ and }} for braces");
@@ -24,9 +24,9 @@ KeyTemplate::KeyTemplate(const std::string& pattern) {
       const size_t end = pattern.find('}', i);
       if (end == std::string::npos) refuse("has a '{' that is not closed");
       if (end == i + 1) refuse("has no column name between its braces");
-      if (!text.empty()) pieces_.push_back({false, text});
+      if (!text.empty()) pieces_.push_back({false, text, 0});
       text.clear();
-      pieces_.push_back({true, pattern.substr(i + 1, end - i - 1)});
+      pieces_.push_back({true, pattern.substr(i + 1, end - i - 1), 0});
       i = end;
     } else if (letter == '}') {
       refuse("has a '}' that nothing opens");
@@ -34,38 +34,51 @@ KeyTemplate::KeyTemplate(const std::string& pattern) {
       text += letter;
     }
   }
-  if (!text.empty()) pieces_.push_back({false, text});
+  if (!text.empty()) pieces_.push_back({false, text, 0});
   if (pieces_.empty()) refuse("is empty");
 }
 
-void KeyTemplate::RequireColumns(const std::vector<std::string>& columns) const {
-  std::string list;
-  for (const std::string& column : columns) list += (list.empty() ? "" : ", ") + Inspect::Printable(column);
-  for (const Piece& piece : pieces_) {
+std::string KeyTemplate::Bind(const std::vector<std::string>& columns) {
+  for (Piece& piece : pieces_) {
     if (!piece.isColumn) continue;
-    const auto count = std::count(columns.begin(), columns.end(), piece.text);
-    if (count == 1) continue;
-    throw UsageError((count == 0 ? "there is no column \"" : "there is more than one column \"") +
-                     Inspect::Printable(piece.text) + "\" for the key; the columns are: " + list);
+    const auto found = std::find(columns.begin(), columns.end(), piece.text);
+    const char* wrong = found == columns.end() ? "there is no column \""
+                        : std::find(found + 1, columns.end(), piece.text) != columns.end()
+                            ? "there is more than one column \""
+                            : nullptr;
+    if (wrong != nullptr) return wrong + Inspect::Printable(piece.text) + "\" for the key";
+    piece.column = static_cast<size_t>(found - columns.begin());
   }
+  return std::string();
 }
 
 bool KeyTemplate::Make(const Row& row, std::string* key, std::string* why) const {
   key->clear();
+  bool isBytes = false;
   for (const Piece& piece : pieces_) {
     if (!piece.isColumn) {
       *key += piece.text;
       continue;
     }
-    const Cell* cell = row.Find(piece.text);
-    if (cell == nullptr || cell->kind == Cell::Kind::Other) {
+    const Cell& cell = row.cells[piece.column];
+    if (cell.kind == Cell::Kind::Other || cell.kind == Cell::Kind::Null) {
       *why = "has no \"" + Inspect::Printable(piece.text) + "\" for the key";
       return false;
     }
-    *key += cell->text;
+    isBytes = isBytes || cell.kind == Cell::Kind::Bytes;
+    *key += cell.text;
   }
-  if (key->empty() || key->size() > kMaxKey) {
-    *why = "gives a key of " + std::to_string(key->size()) + " bytes; a key has 1 to 65535";
+  if (hex_ && !isBytes) {
+    const auto bytes = BytesOfHex(*key);
+    if (!bytes) {
+      *why = "gives the key \"" + Inspect::Printable(*key) +
+             "\", which is no hexadecimal digits, as --hex asks for";
+      return false;
+    }
+    *key = *bytes;
+  }
+  if (const std::string wrong = WhyNoKey(*key); !wrong.empty()) {
+    *why = "gives a key that " + wrong;
     return false;
   }
   return true;

@@ -10,22 +10,23 @@ namespace Kestrun::Tools {
 
 class KeyTemplate {
  public:
-  // Text with column names in braces; "{{" and "}}" stand for braces. Throws UsageError when a brace is left
-  // over.
-  explicit KeyTemplate(const std::string& pattern);
+  // Text with column names in braces; "{{" and "}}" stand for braces. With `hex` the key is of hexadecimal digits.
+  // Throws UsageError when a brace is left over.
+  KeyTemplate(const std::string& pattern, bool hex);
 
-  // Throws UsageError, naming the columns there are, when the pattern uses another one or one that occurs
-  // twice.
-  void RequireColumns(const std::vector<std::string>& columns) const;
-  // Sets `*key`; false when the row lacks a column or the key is empty or too long, with the reason in
-  // `*why`.
+  // Finds the columns of the pattern. Returns what is wrong: one that is missing or occurs twice; empty when nothing
+  // is.
+  std::string Bind(const std::vector<std::string>& columns);
+  // Sets `*key`; false when the row, whose columns are those of Bind, gives none, with the reason in `*why`.
   bool Make(const Row& row, std::string* key, std::string* why) const;
 
  private:
   struct Piece {
     bool isColumn;
     std::string text;
+    size_t column;
   };
+  bool hex_;
   std::vector<Piece> pieces_;
 };
 

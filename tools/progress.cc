@@ -2,25 +2,29 @@
 
 #include <algorithm>
 
+#include "tools/quantities.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {
 namespace {
 
 constexpr size_t kBarWidth = 30;
+constexpr auto kPatience = std::chrono::milliseconds(500);
 constexpr auto kInterval = std::chrono::milliseconds(100);
 
 }  // namespace
 
 Progress::Progress(std::string what, uint64_t total)
-    : what_(std::move(what)), total_(total), shown_(StandardErrorIsTerminal()) {}
+    : what_(std::move(what)),
+      total_(total),
+      shown_(ShowsProgress()),
+      next_(std::chrono::steady_clock::now() + kPatience) {}
 
 Progress::~Progress() {
   if (shown_) ShowProgress("");
 }
 
-void Progress::Update(uint64_t done, uint64_t rows) {
-  if (!shown_) return;
+void Progress::Draw(uint64_t done, uint64_t rows) {
   const auto now = std::chrono::steady_clock::now();
   if (now < next_) return;
   next_ = now + kInterval;
@@ -32,7 +36,7 @@ void Progress::Update(uint64_t done, uint64_t rows) {
     text += "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '-') + "] " +
             std::to_string(static_cast<int>(share * 100)) + "% ";
   }
-  ShowProgress(text + std::to_string(rows) + " rows");
+  ShowProgress(text + Grouped(rows) + " rows");
 }
 
 }  // namespace Kestrun::Tools

@@ -89,8 +89,8 @@ const char* TokenOf(ValueType type) {
   return "none";
 }
 
-std::map<uint16_t, std::unique_ptr<RecordMeta>> ReadRecordTypes(const std::string& store) {
-  std::map<uint16_t, std::unique_ptr<RecordMeta>> types;
+RecordTypes ReadRecordTypes(const std::string& store) {
+  RecordTypes types;
   std::string why;
   const auto file = Inspect::ReadOnlyFile::Open(Inspect::SchemaPath(store), &why);
   if (!file) return types;

@@ -12,9 +12,6 @@
 
 namespace Kestrun::Tools {
 
-// A stored record begins with the id of its type; one without a value behind that is none.
-inline constexpr size_t kRecordIdSize = 2;
-
 // The record type that `text` describes. The library passes over what it does not understand in a text; on a
 // command line that would hide slips, so this throws UsageError, which says what is wrong, unless
 //
@@ -27,8 +24,9 @@ std::unique_ptr<RecordMeta> ParseRecordType(const std::string& text);
 // The token of a type, such as "%i4"; "none" for a field that stores nothing.
 const char* TokenOf(ValueType type);
 
+using RecordTypes = std::map<uint16_t, std::unique_ptr<RecordMeta>>;
 // The record types of a store by their ids, as the store reads them: the last line of an id counts. Empty
 // without a schema file. The store is not opened and no schema file is made.
-std::map<uint16_t, std::unique_ptr<RecordMeta>> ReadRecordTypes(const std::string& store);
+RecordTypes ReadRecordTypes(const std::string& store);
 
 }  // namespace Kestrun::Tools

@@ -1,12 +1,9 @@
 #include "tools/streams.h"
 
 #include <fcntl.h>
-#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "tools/failure.h"
@@ -14,40 +11,51 @@
 namespace Kestrun::Tools {
 namespace {
 
-FILE* data = nullptr;
-char diagnostics[64 * 1024];
-bool dataIsClosed = false;
-bool progressIsShown = false;
+constexpr size_t kPiece = 256 << 10;
 
-[[noreturn]] void FailToWrite() {
-  throw SystemFailure(std::string("standard output can't be written: ") + std::strerror(errno));
+std::string* data = nullptr;
+bool inputIsClosed = false;
+bool outputIsClosed = false;
+bool progressIsShown = false;
+Verbosity verbosity = Verbosity::Normal;
+
+// Whether all of `bytes` was written.
+bool WriteAll(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = write(descriptor, bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(count));
+  }
+  return true;
 }
 
 void ClearProgress() {
   if (!progressIsShown) return;
-  std::fputs("\r\033[K", stderr);
+  WriteAll(STDERR_FILENO, "\r\033[K");
   progressIsShown = false;
 }
 
 }  // namespace
 
 void PrepareStreams() {
-  dataIsClosed = fcntl(STDOUT_FILENO, F_GETFD) < 0;
+  inputIsClosed = fcntl(STDIN_FILENO, F_GETFD) < 0;
+  outputIsClosed = fcntl(STDOUT_FILENO, F_GETFD) < 0;
   int descriptor = open("/dev/null", O_RDWR);
   while (descriptor >= 0 && descriptor <= 2) descriptor = open("/dev/null", O_RDWR);
   if (descriptor > 2) close(descriptor);
+  data = new std::string;  // lives until the process ends
+  data->reserve(kPiece + (64 << 10));
+}
 
-  const int saved = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-  data = saved < 0 ? nullptr : fdopen(saved, "w");
-  if (data == nullptr || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) std::abort();
-  // Kept back until FlushDiagnostics, which sees from it whether a line end is missing.
-  setvbuf(stdout, diagnostics, _IOFBF, sizeof(diagnostics));
+bool StandardInputIsClosed() {
+  return inputIsClosed;
 }
 
 void WriteData(std::string_view bytes) {
-  if (dataIsClosed) throw SystemFailure("standard output is closed");
-  if (bytes.empty()) return;  // and its data may be null
-  if (std::fwrite(bytes.data(), 1, bytes.size(), data) != bytes.size()) FailToWrite();
+  if (outputIsClosed) throw SystemFailure("standard output is closed");
+  data->append(bytes);
+  if (data->size() >= kPiece) FlushData();
 }
 
 void WriteLine(std::string_view text) {
@@ -55,38 +63,65 @@ void WriteLine(std::string_view text) {
   WriteData("\n");
 }
 
-void FinishData() {
-  if (std::fflush(data) != 0) FailToWrite();
-}
-
-void FlushDiagnostics() {
-  const size_t pending = __fpending(stdout);
-  if (pending == 0) return;
+void FlushData() {
+  if (data->empty()) return;
   ClearProgress();
-  if (pending <= sizeof(diagnostics) && diagnostics[pending - 1] != '\n') std::fputc('\n', stdout);
-  std::fflush(stdout);
+  const bool written = WriteAll(STDOUT_FILENO, *data);
+  const int error = errno;
+  data->clear();
+  if (!written) throw SystemFailure(std::string("standard output can't be written: ") + std::strerror(error));
 }
 
+void SetVerbosity(Verbosity wanted) {
+  verbosity = wanted;
+}
+
+// What stands before the message on a terminal comes first.
 void PrintMessage(std::string_view text) {
-  FlushDiagnostics();
+  if (StandardOutputIsTerminal()) FlushData();
   ClearProgress();
-  std::fwrite(text.data(), 1, text.size(), stderr);
-  std::fputc('\n', stderr);
+  WriteAll(STDERR_FILENO, std::string(text) + "\n");
+}
+
+void PrintAccount(std::string_view text) {
+  if (verbosity != Verbosity::Quiet) PrintMessage(text);
+}
+
+void PrintDetail(std::string_view text) {
+  if (verbosity == Verbosity::Verbose) PrintMessage(text);
 }
 
 void ShowProgress(std::string_view text) {
-  FlushDiagnostics();
   if (text.empty()) {
     ClearProgress();
   } else {
-    std::fprintf(stderr, "\r%.*s\033[K", static_cast<int>(text.size()), text.data());
+    WriteAll(STDERR_FILENO, "\r" + std::string(text) + "\033[K");
     progressIsShown = true;
   }
-  std::fflush(stderr);
 }
 
-bool StandardErrorIsTerminal() {
-  return isatty(STDERR_FILENO) == 1;
+bool StandardInputIsTerminal() {
+  return isatty(STDIN_FILENO) == 1;
+}
+
+bool StandardOutputIsTerminal() {
+  return isatty(STDOUT_FILENO) == 1;
+}
+
+bool ShowsProgress() {
+  return verbosity != Verbosity::Quiet && isatty(STDERR_FILENO) == 1;
+}
+
+bool Confirm(const std::string& what, bool yes) {
+  if (yes) return true;
+  if (!StandardInputIsTerminal()) {
+    throw UsageError("this asks on a terminal only (" + what + "?); give --yes to do it without being asked");
+  }
+  PrintMessage(what + "? [y/N]");
+  std::string answer;
+  char letter = 0;
+  while (read(STDIN_FILENO, &letter, 1) == 1 && letter != '\n') answer += letter;
+  return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES";
 }
 
 }  // namespace Kestrun::Tools

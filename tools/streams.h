@@ -1,5 +1,5 @@
-// tools/streams.h: where the program's output goes. Data, and nothing else, goes to what was standard output
-// when the program began; messages and whatever the library prints go to standard error.
+// tools/streams.h: where the program's output goes. Data, and nothing else, goes to standard output; messages, accounts
+// and progress go to standard error.
 //
 // Threads: one.
 #pragma once
@@ -9,24 +9,35 @@
 
 namespace Kestrun::Tools {
 
-// Must run before anything is printed. Afterwards printf writes to standard error. Descriptors 0 to 2 that
-// the caller left closed are opened on /dev/null, so that no file of a store gets one of their numbers.
+// Must run first. Descriptors 0 to 2 that the caller left closed are opened on /dev/null, so that no file of a store
+// gets one of their numbers.
 void PrepareStreams();
+bool StandardInputIsClosed();
 
-// Writes to standard output. Throws SystemFailure when that fails.
+// Appends to standard output, in large pieces. Throws SystemFailure when that fails.
 void WriteData(std::string_view bytes);
 // A line of data.
 void WriteLine(std::string_view text);
-// Hands over all data; to be called at the end. Throws SystemFailure.
-void FinishData();
+// Hands over all data. Throws SystemFailure.
+void FlushData();
 
-// Hands over what the library has printed, with a line end behind it.
-void FlushDiagnostics();
-// A line on standard error, behind the diagnostics.
+enum class Verbosity { Quiet, Normal, Verbose };
+void SetVerbosity(Verbosity verbosity);
+
+// A line on standard error: errors and questions always, accounts and warnings unless --quiet, details with --verbose.
 void PrintMessage(std::string_view text);
+void PrintAccount(std::string_view text);
+void PrintDetail(std::string_view text);
 // Replaces the progress line at the end of standard error; empty to remove it.
 void ShowProgress(std::string_view text);
 
-bool StandardErrorIsTerminal();
+bool StandardInputIsTerminal();
+bool StandardOutputIsTerminal();
+// Progress and other things that a person sees: on a terminal, unless --quiet.
+bool ShowsProgress();
+
+// Asks on the terminal; true for a yes. `what` is a question without its question mark. Where nobody can be asked it
+// throws UsageError, which asks for --yes.
+bool Confirm(const std::string& what, bool yes);
 
 }  // namespace Kestrun::Tools

@@ -2,14 +2,10 @@
 
 #include <algorithm>
 
+#include "tools/bytes_text.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {
-
-size_t TextWidth(const std::string& text) {
-  return static_cast<size_t>(std::count_if(
-      text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; }));
-}
 
 void Table::Write() const {
   std::vector<size_t> widths(columns_.size());

@@ -21,7 +21,4 @@ class Table {
   std::vector<std::vector<std::string>> rows_;
 };
 
-// Columns that the text takes on a terminal, counting one for each character of UTF-8.
-size_t TextWidth(const std::string& text);
-
 }  // namespace Kestrun::Tools

@@ -35,8 +35,8 @@ field() { dpkg-deb -f "$package" "$1"; }
 expect "the control file tells the same" bash -c "
   [ '$(field Package) $(field Version) $(field Architecture)' = 'kestrun2 $version $architecture' ]"
 # The program brings in the packages that it needs; the library has none but the runtime.
-if [ -x "$build/tools/kestrun" ]; then allowed='libc6|libgcc-s1|libstdc\+\+6|libcsv3'; else allowed='libc6|libgcc-s1|libstdc\+\+6'; fi
-expect "the dependencies are the C++ and C runtime and, for the program, a CSV parser" bash -c "
+if [ -x "$build/tools/kestrun" ]; then allowed='libc6|libgcc-s1|libstdc\+\+6|libsqlite3-0'; else allowed='libc6|libgcc-s1|libstdc\+\+6'; fi
+expect "the dependencies are the C++ and C runtime and, for the program, SQLite" bash -c "
   tr ',' '\n' <<<'$(field Depends)' | sed 's/^ *//; s/ .*//' | { ! grep -v -x -E '$allowed'; }"
 expect "the dynamic linker learns of the library" bash -c "
   dpkg-deb --ctrl-tarfile '$package' | tar -xO ./postinst | grep -q ldconfig &&
@@ -62,6 +62,9 @@ if [ -x "$build/tools/kestrun" ]; then
   expect "it finds the library beside itself" bash -c "
     ldd tree/usr/bin/kestrun | grep -q 'libKestrun2.*$work/tree/usr/'"
   expect "its manual page is there" test -f tree/usr/share/man/man1/kestrun.1
+  expect "its completions are there" bash -c "
+    cd tree/usr/share && ls bash-completion/completions/kestrun zsh/site-functions/_kestrun \
+      fish/vendor_completions.d/kestrun.fish"
 fi
 
 exit $((failures > 0))

@@ -110,12 +110,25 @@ if [ -e "$prefix/bin/kestrun" ]; then
   documented() {  # documented COMMAND: the page names the command and every option that its help names
     local option
     grep -q "kestrun $1 " <<<"$page" || { echo "the command $1 is missing"; return 1; }
-    for option in $("$prefix/bin/kestrun" "$1" --help | grep -o -E '^  +(-h,)?--[a-z-]+' | grep -o -E -- '--[a-z-]+'); do
+    for option in $("$prefix/bin/kestrun" "$1" --help | grep -o -E '^  +(-[a-z], )?--[a-z-]+' | grep -o -E -- '--[a-z-]+'); do
       grep -q -E -- "$option( |$|\\\\)" <<<"$page" || { echo "the option $option of $1 is missing"; return 1; }
     done
   }
-  commands=$("$prefix/bin/kestrun" --help | awk '/^Subcommands:/ { on = 1; next } /^$/ { on = 0 } on { print $1 }')
-  expect "the program has commands" test "$(wc -w <<<"$commands")" -ge 19
+  completed() {  # completed SHELL: its file is installed, is what the program writes, and is no nonsense to the shell
+    local file
+    case "$1" in
+      bash) file=bash-completion/completions/kestrun ;;
+      zsh) file=zsh/site-functions/_kestrun ;;
+      fish) file=fish/vendor_completions.d/kestrun.fish ;;
+    esac
+    "$prefix/bin/kestrun" help --completions "$1" | diff - "$prefix/share/$file" || return 1
+    if command -v "$1" >/dev/null; then "$1" -n "$prefix/share/$file"; fi
+  }
+  commands=$("$prefix/bin/kestrun" --help | awk '/^Commands:/ { on = 1; next } /^$/ { on = 0 } on { print $1 }')
+  expect "the program has commands" test "$(wc -w <<<"$commands")" -ge 24
+  for shell in bash zsh fish; do
+    expect "the completions for $shell are those of the program" completed "$shell"
+  done
   for command in $commands; do expect "the manual page has the command $command and its options" documented "$command"; done
 fi
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <random>
 
 #include "tests/tools/tool_test.h"
@@ -33,7 +34,7 @@ TEST_F(ExportTest, RawEntriesComeBackAsTheSameBytes) {
   Put("text", "caf\xC3\xA9 \"quoted\"\n");
   Put("empty", "");
   const std::string file = scratch_.PathOf("out.jsonl");
-  EXPECT_TRUE(Contains(Do("export", {file}), "exported "));
+  EXPECT_TRUE(Contains(Account("export", {file}), "exported "));
   EXPECT_EQ(ReadFile(file), Do("export"));
   EXPECT_EQ(ReadFile(file), Do("scan", {"--json"}));
   EXPECT_EQ(RawEntriesAfterImport(file, {}), Do("scan", {"--json"}));
@@ -65,9 +66,9 @@ TEST_F(ExportTest, TypedRecordsComeBackFromCsvAndJsonLines) {
   Do("import", {first, "--type", type});
   const std::string entries = Do("scan", {"--json"});
 
-  for (const char* name : {"out.csv", "out.jsonl"}) {
+  for (const char* name : {"out.csv", "out.tsv", "out.jsonl", "out.json", "out.db"}) {
     const std::string file = scratch_.PathOf(name);
-    EXPECT_EQ(Do("export", {file}), "exported 101 rows\n");
+    EXPECT_EQ(Account("export", {file}), "exported 101 rows\n");
     EXPECT_EQ(RawEntriesAfterImport(file, {"--type", type}), entries) << name;
   }
 }
@@ -88,13 +89,13 @@ TEST_F(ExportTest, OneOfSeveralTypesIsChosenByNameOrText) {
   Do("append", {"b", "U n:%i4", "2"});
   Do("append", {"c", "U n:%i8", "3"});
   Put("d", "raw");
-  const Ran unclear = Run("export");
+  const Ran unclear = Run("export", {"--format", "csv"});
   EXPECT_EQ(unclear.status, 2);
   EXPECT_TRUE(Contains(unclear.err, "the record types of the store are: 'T n:%i4', 'U n:%i4', 'U n:%i8'"))
       << unclear.err;
   const Ran ran = Run("export", {"--type", "T"});
   EXPECT_EQ(ran.out, "{\"key\":\"a\",\"n\":1}\n");
-  EXPECT_EQ(ran.err, "kestrun: 3 entries are no record of the type \"T\" and not exported\n");
+  EXPECT_EQ(ran.err, "kestrun export: 3 entries are no record of the type \"T\" and not exported\n");
   EXPECT_EQ(Run("export", {"--type", "U"}).status, 2);
   EXPECT_EQ(Run("export", {"--type", "U n:%i8"}).out, "{\"key\":\"c\",\"n\":3}\n");
   EXPECT_EQ(Run("export", {"--type", "V"}).status, 2);
@@ -121,12 +122,97 @@ TEST_F(ExportTest, FieldNamesThatAreNotUtf8GoIntoCsvOnly) {
   EXPECT_EQ(DoJson("show", {"a"})["fields"]["\\xff"], 1);
 }
 
-TEST_F(ExportTest, CsvNeedsRecordTypes) {
-  Put("k", "raw");
+TEST_F(ExportTest, RawEntriesGoIntoEveryFormatAndBack) {
+  Put("a", "1,\"2\"\tthree\\\nfour\r");
+  Put("caf\xC3\xA9", "");
+  const std::string entries = Do("scan", {"--json"});
+  for (const char* name : {"raw.csv", "raw.tsv", "raw.jsonl", "raw.json", "raw.sqlite"}) {
+    const std::string file = scratch_.PathOf(name);
+    EXPECT_EQ(Account("export", {file}), "exported 2 rows\n");
+    EXPECT_EQ(RawEntriesAfterImport(file, {}), entries) << name;
+  }
+  EXPECT_EQ(Do("export", {"--format", "tsv"}),
+            "key\tvalue\na\t1,\"2\"\\tthree\\\\\\nfour\\r\ncaf\xC3\xA9\t\n");
+}
+
+TEST_F(ExportTest, BytesThatAreNotUtf8GoIntoTablesWithHexOnly) {
+  Put("a", "\xFF\x01");
   const Ran ran = Run("export", {"--format", "csv"});
-  EXPECT_EQ(ran.status, 2);
-  EXPECT_TRUE(Contains(ran.err, "CSV holds typed records only; give --format jsonl")) << ran.err;
-  EXPECT_EQ(Run("export", {scratch_.PathOf("no/such/file.jsonl")}).status, 2);
+  EXPECT_EQ(ran.status, 4);
+  EXPECT_TRUE(Contains(ran.err, "--hex")) << ran.err;
+  const std::string entries = Do("scan", {"--json"});
+  for (const char* name : {"raw.csv", "raw.tsv", "raw.jsonl", "raw.json", "raw.db"}) {
+    const std::string file = scratch_.PathOf(name);
+    Do("export", {file, "--hex"});
+    EXPECT_EQ(RawEntriesAfterImport(file, {"--hex"}), entries) << name;
+  }
+  const std::string file = scratch_.PathOf("blob.db");
+  Do("export", {file});
+  EXPECT_EQ(RawEntriesAfterImport(file, {}), entries);
+}
+
+TEST_F(ExportTest, AllTypesAtOnceComeBackFromJsonAndHaveTablesInSqlite) {
+  Do("append", {"a", "T n:%i4", "1"});
+  Do("append", {"b", "U s:%s,b:*", "x", "00ff"});
+  Put("c", "raw");
+  const std::string entries = Do("scan", {"--json"});
+  for (const char* name : {"all.jsonl", "all.json"}) {
+    const std::string file = scratch_.PathOf(name);
+    Do("export", {file});
+    EXPECT_EQ(RawEntriesAfterImport(file, {}), entries) << name;
+  }
+  EXPECT_EQ(Do("export"),
+            "{\"key\":\"a\",\"type\":\"T n:%i4\",\"n\":1}\n"
+            "{\"key\":\"b\",\"type\":\"U s:%s,b:*\",\"s\":\"x\",\"b\":{\"hex\":\"00ff\"}}\n"
+            "{\"key\":\"c\",\"type\":null,\"value\":\"raw\"}\n");
+  const std::string file = scratch_.PathOf("all.db");
+  EXPECT_EQ(Account("export", {file}), "exported 3 rows\n");
+  EXPECT_TRUE(Contains(Run("import", {file, "--key", "{key}"}).err, "has several: T, U, entries"));
+  EXPECT_TRUE(Contains(RawEntriesAfterImport(file, {"--table", "U", "--type", "U s:%s,b:*"}), "\"b\""));
+}
+
+TEST_F(ExportTest, ARangeAndALimitNarrowIt) {
+  for (const char* key : {"a-1", "a-2", "b-1", "b-2"}) Put(key, "v");
+  const auto keys = [this](std::vector<std::string> options) {
+    const std::string text = Do("export", options);
+    return std::count(text.begin(), text.end(), '\n');
+  };
+  EXPECT_EQ(keys({"--prefix", "a-"}), 2);
+  EXPECT_EQ(keys({"--from", "a-2", "--to", "b-2"}), 2);
+  EXPECT_EQ(keys({"--limit", "3"}), 3);
+  EXPECT_EQ(keys({"--limit", "0"}), 0);
+}
+
+TEST_F(ExportTest, TimesToLiveGoAlongWhenAskedTo) {
+  ASSERT_EQ(Run("put", {"short", "v", "--ttl", "1h"}).status, 0);
+  ASSERT_EQ(Run("put", {"long", "v"}).status, 0);
+  for (const char* name : {"e.csv", "e.jsonl", "e.db"}) {
+    const std::string file = scratch_.PathOf(name);
+    Do("export", {file, "--with-entry"});
+    const std::string own = scratch_.PathOf(std::string("own-") + name);
+    EXPECT_EQ(RunKestrun({"import", own, file, "--with-entry"}).status, 0);
+    const auto entry = [&own](const char* key) {
+      return nlohmann::json::parse(RunKestrun({"entry", own, key, "--json"}).out);
+    };
+    EXPECT_LE(entry("short")["ttl"], 3600) << name;
+    EXPECT_GE(entry("short")["ttl"], 3000) << name;
+    EXPECT_EQ(entry("long")["ttl"], 4294967295u) << name;
+  }
+}
+
+TEST_F(ExportTest, AFileAppearsWhenItIsCompleteAndNotBefore) {
+  Put("k", "v");
+  const Ran missing = Run("export", {scratch_.PathOf("no/such/file.jsonl")});
+  EXPECT_EQ(missing.status, 3);
+  EXPECT_TRUE(Contains(missing.err, "No such file or directory")) << missing.err;
+
+  const std::string file = scratch_.PathOf("out.csv");
+  WriteFile(file, "old");
+  Put("bad", "\xFF");
+  EXPECT_EQ(Run("export", {file}).status, 4);
+  EXPECT_EQ(ReadFile(file), "old") << "what could not be written whole leaves the old one";
+  EXPECT_EQ(Run("export", {"/dev/full", "--format", "jsonl"}).status, 3);
+  EXPECT_EQ(Do("export", {"/dev/null", "--json"}), "{\"rows\":2,\"others\":0}\n");
 }
 
 }  // namespace

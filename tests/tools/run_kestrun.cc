@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -135,6 +136,10 @@ RunningKestrun::RunningKestrun(const std::vector<std::string>& arguments)
 
 RunningKestrun::~RunningKestrun() {
   if (id_ > 0) WaitFor(id_);
+}
+
+void RunningKestrun::Signal(int signal) {
+  kill(id_, signal);
 }
 
 Ran RunningKestrun::Wait() {

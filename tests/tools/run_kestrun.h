@@ -34,6 +34,7 @@ class RunningKestrun {
   RunningKestrun(const RunningKestrun&) = delete;
   RunningKestrun& operator=(const RunningKestrun&) = delete;
 
+  void Signal(int signal);
   Ran Wait();
 
  private:

@@ -29,6 +29,14 @@ class ToolTest : public ::testing::Test {
     EXPECT_EQ(ran.status, 0) << command << ": " << ran.err;
     return ran.out;
   }
+  // What a command tells on standard error, where nothing but success is expected.
+  std::string Account(const std::string& command, const std::vector<std::string>& arguments = {},
+                      const std::string& input = std::string()) {
+    const Ran ran = Run(command, arguments, input);
+    EXPECT_EQ(ran.status, 0) << command << ": " << ran.err;
+    EXPECT_EQ(ran.out, "") << command;
+    return ran.err;
+  }
   nlohmann::json DoJson(const std::string& command, std::vector<std::string> arguments = {}) {
     arguments.push_back("--json");
     return nlohmann::json::parse(Do(command, arguments), nullptr, false);

@@ -1,3 +1,8 @@
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <set>
+
 #include "tests/inspect/forged_files.h"
 #include "tests/tools/tool_test.h"
 
@@ -6,7 +11,14 @@ namespace {
 
 using namespace Testing;
 
-class WriteReadTest : public ToolTest {};
+class WriteReadTest : public ToolTest {
+ protected:
+  std::set<std::string> Names(const std::string& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) names.insert(entry.path());
+    return names;
+  }
+};
 
 TEST_F(WriteReadTest, PutStoresAndGetWritesTheBytesAsTheyAre) {
   const Ran put = Run("put", {"seattle", "rain"});
@@ -57,14 +69,15 @@ TEST_F(WriteReadTest, AnEmptyValueIsAValue) {
   EXPECT_EQ(get.out, "");
   EXPECT_EQ(Run("contains", {"empty"}).status, 0);
   EXPECT_EQ(DoJson("entry", {"empty"})["valueSize"], 0);
-  EXPECT_EQ(Do("flush"), "flushed 1 record\n");
+  EXPECT_EQ(Account("flush"), "flushed 1 entry\n");
   EXPECT_EQ(Run("get", {"empty"}).status, 0) << "in a block too";
 }
 
 TEST_F(WriteReadTest, GetWritesHexadecimalAndJson) {
   Put("text", "\xC3\xA9\"\n");
   Put("bytes", "\xFF\x01");
-  EXPECT_EQ(Do("get", {"bytes", "--hex"}), "ff01\n");
+  EXPECT_EQ(Do("get", {"6279746573", "--hex"}), "ff01\n");
+  EXPECT_EQ(Run("get", {"bytes", "--hex"}).status, 2) << "KEY is in hexadecimal digits, too";
   EXPECT_EQ(Do("get", {"text", "--json"}), "{\"key\":\"text\",\"value\":\"\xC3\xA9\\\"\\n\"}\n");
   EXPECT_EQ(Do("get", {"--json", "bytes"}), "{\"key\":\"bytes\",\"value\":{\"hex\":\"ff01\"}}\n");
 }
@@ -82,10 +95,10 @@ TEST_F(WriteReadTest, MissingAndDeletedKeysAreNotFound) {
     EXPECT_EQ(Run("contains", {key}).out, "no\n");
     EXPECT_EQ(Run("entry", {key}).status, 1);
   }
-  EXPECT_EQ(Run("get", {"never"}).err, "kestrun: key \"never\" is not in the store\n");
+  EXPECT_EQ(Run("get", {"never"}).err, "kestrun get: key \"never\" is not in the store\n");
   EXPECT_EQ(Run("entry", {"never", "--json"}).out, "{\"key\":\"never\",\"state\":\"missing\"}\n");
-  EXPECT_EQ(Do("flush"), "flushed 2 records\n");
-  EXPECT_EQ(Run("get", {"there"}).err, "kestrun: key \"there\" is deleted\n");
+  EXPECT_EQ(Account("flush"), "flushed 1 entry\n");
+  EXPECT_EQ(Run("get", {"there"}).err, "kestrun get: key \"there\" is deleted\n");
   EXPECT_EQ(Run("contains", {"there"}).status, 1);
 }
 
@@ -107,7 +120,7 @@ TEST_F(WriteReadTest, AnExpiredKeyIsNotFoundInTheLogAndInABlock) {
     const Ran get = Run("get", {key});
     EXPECT_EQ(get.status, 1);
     EXPECT_EQ(get.out, "");
-    EXPECT_EQ(get.err, std::string("kestrun: key \"") + key + "\" is expired\n");
+    EXPECT_EQ(get.err, std::string("kestrun get: key \"") + key + "\" has expired\n");
     EXPECT_EQ(Run("contains", {key}).status, 1);
     const Ran entry = Run("entry", {key, "--json"});
     EXPECT_EQ(entry.status, 1);
@@ -126,7 +139,7 @@ TEST_F(WriteReadTest, EntryTellsWhereWhenAndForHowLong) {
   EXPECT_EQ(inLog["valueSize"], 5);
   EXPECT_EQ(inLog["ttl"], 3600);
   EXPECT_EQ(inLog["expires"].get<uint64_t>(), inLog["timestamp"].get<uint64_t>() + 3600);
-  EXPECT_EQ(Do("flush"), "flushed 1 record\n");
+  EXPECT_EQ(Account("flush"), "flushed 1 entry\n");
   const nlohmann::json inBlock = DoJson("entry", {"k"});
   EXPECT_TRUE(Contains(inBlock["file"], ".blk_v5"));
   EXPECT_EQ(inBlock["valueOffset"], 156);
@@ -150,11 +163,19 @@ TEST_F(WriteReadTest, TimesToLiveGoFromNothingToTheLargestNumber) {
   EXPECT_EQ(DoJson("put", {"k", "v"})["ttl"], 4294967295u);
   EXPECT_EQ(DoJson("entry", {"k"})["ttl"], 4294967295u);
   EXPECT_EQ(Run("put", {"k", "v", "--ttl=4294967295"}).status, 0);
-  EXPECT_EQ(Run("put", {"k", "v", "--ttl", "0"}).status, 0);
-  for (const char* ttl : {"4294967296", "-1", "1.5", "", "x", "0x10", "99999999999999999999"}) {
+  const struct {
+    const char* given;
+    uint32_t seconds;
+  } rows[] = {{"90", 90}, {"90s", 90}, {"2m", 120}, {"1h", 3600}, {"7d", 604800}, {"forever", 4294967295u}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(DoJson("put", {"k", "v", "--ttl", row.given})["ttl"], row.seconds);
+    EXPECT_EQ(DoJson("entry", {"k"})["ttl"], row.seconds);
+  }
+  for (const char* ttl :
+       {"0", "4294967296", "0h", "49711d", "5x", "-1", "1.5", "", "x", "0x10", "99999999999999999999"}) {
     const Ran ran = Run("put", {"k", "v", "--ttl", ttl});
     EXPECT_EQ(ran.status, 2) << ttl;
-    EXPECT_TRUE(Contains(ran.err, "from 0 to 4294967295")) << ran.err;
+    EXPECT_TRUE(Contains(ran.err, "--ttl takes a time from 1 second to forever")) << ran.err;
   }
 }
 
@@ -172,11 +193,64 @@ TEST_F(WriteReadTest, KeysHaveOneTo65535Bytes) {
   }
 }
 
-TEST_F(WriteReadTest, WarnsOfAKeyThatAFlushDrops) {
-  const Ran ran = Run("put", {"\xFFk", "v"});
+TEST_F(WriteReadTest, AKeyThatNoStoreCanHoldIsRefused) {
+  for (const char* command : {"put", "get", "del", "contains", "entry", "show"}) {
+    const Ran ran = Run(command, {"\xFFk"}, "v");
+    EXPECT_EQ(ran.status, 2) << command;
+    EXPECT_TRUE(Contains(ran.err, "begins with the byte 0xFF")) << ran.err;
+  }
+}
+
+TEST_F(WriteReadTest, HexGoesInAndOut) {
+  EXPECT_EQ(Do("put", {"00ff", "0180", "--hex", "--json"}),
+            "{\"key\":{\"hex\":\"00ff\"},\"valueSize\":2,\"ttl\":4294967295}\n");
+  EXPECT_EQ(Do("get", {"00FF", "--hex"}), "0180\n");
+  EXPECT_EQ(Do("get", {"00ff", "--hex", "--json"}),
+            "{\"key\":{\"hex\":\"00ff\"},\"value\":{\"hex\":\"0180\"}}\n");
+  EXPECT_EQ(Run("put", {"01", "--hex"}, "6162\n").status, 0);
+  EXPECT_EQ(Do("get", {"01", "--hex"}), "6162\n");
+  EXPECT_EQ(Run("put", {"01", "--hex"}, "no digits").status, 4);
+  EXPECT_EQ(Run("put", {"0", "00", "--hex"}).status, 2);
+  EXPECT_EQ(Run("put", {"00", "0g", "--hex"}).status, 2);
+  EXPECT_EQ(Do("contains", {"01", "--hex"}), "yes\n");
+  EXPECT_TRUE(Contains(Do("entry", {"00ff", "--hex"}), "key            00ff\n"));
+  EXPECT_EQ(Do("del", {"01", "--hex", "--json"}), "{\"key\":{\"hex\":\"01\"},\"deleted\":true}\n");
+}
+
+TEST_F(WriteReadTest, AClosedStandardInputIsAnErrorAndNoEmptyValue) {
+  const Ran ran = RunKestrunWithout({0}, {"put", store_, "k"});
+  EXPECT_EQ(ran.status, 4);
+  EXPECT_TRUE(Contains(ran.err, "standard input is closed")) << ran.err;
+  EXPECT_NE(access(store_.c_str(), F_OK), 0);
+}
+
+TEST_F(WriteReadTest, WaitingOnATerminalIsTold) {
+  const Ran ran = RunKestrunOnTerminal({"put", store_, "k"}, "typed\n\004");
   EXPECT_EQ(ran.status, 0);
-  EXPECT_TRUE(Contains(ran.err, "begin with the byte 0xFF")) << ran.err;
-  EXPECT_EQ(Get("\xFFk"), "v");
+  EXPECT_TRUE(Contains(ran.err, "reading standard input; Ctrl-D ends it")) << ran.err;
+  EXPECT_EQ(Get("k"), "typed\n");
+}
+
+TEST_F(WriteReadTest, PutRefusesADirectoryOfOthersAndPartOfAStore) {
+  const std::string others = scratch_.PathOf("others");
+  ASSERT_EQ(mkdir(others.c_str(), 0700), 0);
+  WriteFile(others + "/data", "precious");
+  Put("k", "v");
+  Do("flush");
+  ASSERT_EQ(std::remove((store_ + "/manifest_v5").c_str()), 0);
+  const std::vector<std::vector<std::string>> commands = {
+      {"put", "k", "v"}, {"append", "k", "T n:%i4", "1"}, {"import", "-"}};
+  for (const std::string& path : {others, store_}) {
+    const auto before = Names(path);
+    for (const auto& command : commands) {
+      std::vector<std::string> line = {command.front(), path};
+      line.insert(line.end(), command.begin() + 1, command.end());
+      const Ran ran = RunKestrun(line, "{\"key\":\"k\",\"value\":\"v\"}\n");
+      EXPECT_EQ(ran.status, 3) << command.front() << path;
+      EXPECT_TRUE(Contains(ran.err, "kStatusNotAStore")) << ran.err;
+      EXPECT_EQ(Names(path), before);
+    }
+  }
 }
 
 }  // namespace
