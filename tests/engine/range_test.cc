@@ -67,7 +67,7 @@ TEST_F(RangeTest, BoundsWithTheSamePrimaryAskOnlyTheBlocksThatMayHoldIt) {
   // A block that is looked at and found corrupt is deleted, which tells whether it was looked at.
   const std::string other = ListedBlocks()[1];
   const std::string filter = Filter(1);
-  ASSERT_FALSE(KeyFilterMayContain(KeyHash(Key("user")), std::vector<uint8_t>(filter.begin(), filter.end())));
+  ASSERT_FALSE(KeyFilterMayContain(KeyHash("user"), std::vector<uint8_t>(filter.begin(), filter.end())));
   engine_.reset();
   WriteFile(PathOf(other), "corrupt");
   engine_ = Open();
@@ -82,7 +82,7 @@ TEST_F(RangeTest, BoundsWithTheSamePrimaryAskOnlyTheBlocksThatMayHoldIt) {
 TEST_F(RangeTest, BoundsWithTheSamePrimaryMissKeysWithALongerPrimaryInBlocks) {
   MakeBlock(*engine_, {{"user-1-a", ""}});
   const std::string filter = Filter(0);
-  ASSERT_FALSE(KeyFilterMayContain(KeyHash(Key("user")), std::vector<uint8_t>(filter.begin(), filter.end())));
+  ASSERT_FALSE(KeyFilterMayContain(KeyHash("user"), std::vector<uint8_t>(filter.begin(), filter.end())));
   ASSERT_EQ(Insert(*engine_, "user-1-b", ""), kStatusOk);
   EXPECT_EQ(Keys(*engine_, "user-0", "user-9"), Strings{"user-1-b"});
   EXPECT_EQ(Keys(*engine_, "user-0", "user."), (Strings{"user-1-a", "user-1-b"})) << "two primaries";
