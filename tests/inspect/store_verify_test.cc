@@ -7,8 +7,8 @@ namespace {
 
 using namespace Kestrun::Testing;
 
-constexpr size_t kEntryTable = 8192;
-constexpr size_t kFirstEntry = kEntryTable + 28;
+constexpr size_t kVerifiedEntryTable = 8192;
+constexpr size_t kVerifiedFirstEntry = kVerifiedEntryTable + 28;
 
 class StoreVerifyTest : public ForgedStore {
  protected:
@@ -45,7 +45,7 @@ class StoreVerifyTest : public ForgedStore {
   // Changes a field of an entry of the block and makes its checksum right again.
   void SetInEntry(size_t index, size_t field, uint32_t number) {
     std::string bytes = Bytes(block_);
-    const size_t entry = kFirstEntry + 48 * index;
+    const size_t entry = kVerifiedFirstEntry + 48 * index;
     Set32(&bytes, entry + field, number);
     Reseal(&bytes, entry, entry + 40);
     Put(block_, bytes);
@@ -90,9 +90,9 @@ TEST_F(StoreVerifyTest, SeesEachFlippedByteThatAChecksumCovers) {
                           {block_, 0, 16},
                           {block_, 128, 28},
                           {block_, 4096, 28},
-                          {block_, kEntryTable, 28},
-                          {block_, kFirstEntry, 44},
-                          {block_, kFirstEntry + 96, 44}};
+                          {block_, kVerifiedEntryTable, 28},
+                          {block_, kVerifiedFirstEntry, 44},
+                          {block_, kVerifiedFirstEntry + 96, 44}};
   for (const Range& range : ranges) {
     const std::string good = Bytes(range.file);
     for (size_t i = range.start; i < range.start + range.size; ++i) {
@@ -179,7 +179,7 @@ TEST_F(StoreVerifyTest, TellsFilesOfAnotherKindOrVersion) {
 
 TEST_F(StoreVerifyTest, ChecksTheOrderOfKeys) {
   Put(block_, ForgedBlock({{"user", "1"}, {"user-2", "2"}, {"user-1", "3"}}));
-  EXPECT_EQ(OnlyDamage(), block_ + " at " + std::to_string(kFirstEntry + 96) +
+  EXPECT_EQ(OnlyDamage(), block_ + " at " + std::to_string(kVerifiedFirstEntry + 96) +
                               ": entry 2, \"user-1\", is not behind \"user-2\" in the order of keys");
   Put(block_, ForgedBlock({{"user", "1"}, {"user-1", "2"}, {"user-1", "3"}}));
   EXPECT_FALSE(Verify().Sound()) << "a key may stand there once only";
@@ -211,8 +211,8 @@ TEST_F(StoreVerifyTest, ChecksThatEntriesPointIntoTheirSections) {
 }
 
 TEST_F(StoreVerifyTest, ListsEveryDamagedEntry) {
-  Flip(block_, kFirstEntry);
-  Flip(block_, kFirstEntry + 96);
+  Flip(block_, kVerifiedFirstEntry);
+  Flip(block_, kVerifiedFirstEntry + 96);
   const VerifyReport report = Verify();
   ASSERT_EQ(report.damages, 2u);
   EXPECT_EQ(report.findings[0].text, "entry 0 fails its checksum");
@@ -221,18 +221,18 @@ TEST_F(StoreVerifyTest, ListsEveryDamagedEntry) {
 
 TEST_F(StoreVerifyTest, TakesPaddingForWhatItIs) {
   std::string bytes = Bytes(block_);
-  bytes[kFirstEntry + 9] = 'x';
-  bytes[kFirstEntry + 28] = 'y';
-  bytes[kFirstEntry + 38] = 'z';
-  Reseal(&bytes, kFirstEntry, kFirstEntry + 40);
-  bytes[kFirstEntry + 44] = '!';
+  bytes[kVerifiedFirstEntry + 9] = 'x';
+  bytes[kVerifiedFirstEntry + 28] = 'y';
+  bytes[kVerifiedFirstEntry + 38] = 'z';
+  Reseal(&bytes, kVerifiedFirstEntry, kVerifiedFirstEntry + 40);
+  bytes[kVerifiedFirstEntry + 44] = '!';
   Put(block_, bytes);
   EXPECT_TRUE(Verify().Sound());
 }
 
 TEST_F(StoreVerifyTest, NotesBytesBehindABlock) {
   Put(block_, Bytes(block_) + "old");
-  EXPECT_EQ(OnlyNote(), block_ + " at " + std::to_string(kFirstEntry + 144) +
+  EXPECT_EQ(OnlyNote(), block_ + " at " + std::to_string(kVerifiedFirstEntry + 144) +
                             ": 3 bytes follow the entry table; nothing reads them");
 }
 
@@ -357,7 +357,7 @@ TEST_F(LeftoverBlockTest, IsHarmlessWhenItIsNotComplete) {
 TEST_F(LeftoverBlockTest, IsDamageWhenItHoldsWhatNothingElseHolds) {
   Put(left_, ForgedBlock({{"user", "old", false, kForgedTime - 1}, {"user-9", "nine"}}));
   EXPECT_EQ(OnlyDamage(),
-            left_ + " at " + std::to_string(kFirstEntry + 48) +
+            left_ + " at " + std::to_string(kVerifiedFirstEntry + 48) +
                 ": not in the manifest, and holds an entry of \"user-9\" that neither the log nor a "
                 "listed block has");
   Put(left_, ForgedBlock({{"user", "newer", false, kForgedTime + 1}}));
