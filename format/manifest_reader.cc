@@ -10,7 +10,7 @@
 namespace Kestrun {
 namespace {
 
-constexpr size_t kWindow = 64 << 10;
+constexpr size_t kListWindow = 64 << 10;
 
 constexpr uint64_t kMaxJournal = uint64_t{1} << 30;  // a manifest is far shorter
 
@@ -31,7 +31,7 @@ bool IsBlockName(const std::string& name) {
 }
 
 ManifestReader::ManifestReader(ByteSource& source, uint64_t end, uint64_t start)
-    : source_(source), window_(source, kWindow), size_(end), offset_(start) {}
+    : source_(source), window_(source, kListWindow), size_(end), offset_(start) {}
 
 bool ManifestReader::Next(bool acceptAnyName) {
   if (offset_ >= size_) return false;

@@ -9,7 +9,7 @@
 namespace Kestrun {
 namespace {
 
-constexpr size_t kWindow = 64 << 10;
+constexpr size_t kLogWindow = 64 << 10;
 
 }  // namespace
 
@@ -35,7 +35,7 @@ uint32_t EpochOf(const WalRecord& record) {
 }
 
 WalReader::WalReader(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start)
-    : window_(source, kWindow), used_(used), fileSize_(fileSize), offset_(start) {}
+    : window_(source, kLogWindow), used_(used), fileSize_(fileSize), offset_(start) {}
 
 bool WalReader::Next() {
   if (!WalRecordFits(offset_, used_, fileSize_)) return false;
@@ -88,7 +88,7 @@ bool WalReader::ReadValue(std::string* value) {
 }
 
 uint64_t FindNextWalRecord(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start) {
-  ByteWindow window(source, kWindow);
+  ByteWindow window(source, kLogWindow);
   const uint64_t limit = std::min(used, fileSize);
   for (uint64_t offset = start + 1; WalRecordFits(offset, limit, limit); ++offset) {
     uint8_t bytes[sizeof(WalRecord)];

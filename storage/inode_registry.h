@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 
 namespace Kestrun {
@@ -67,9 +68,11 @@ class InodeRegistry {
  private:
   InodeRegistry() { pthread_atfork(&BeforeFork, &AfterForkInParent, &AfterForkInChild); }
 
-  // Never destroyed: files may be open while static objects are being taken down.
+  // Never destroyed: files may be open while static objects are being taken down. And never allocated: closing a
+  // descriptor, which must not fail, may be the first to ask.
   static InodeRegistry& Instance() {
-    static InodeRegistry* const registry = new InodeRegistry;
+    alignas(InodeRegistry) static unsigned char memory[sizeof(InodeRegistry)];
+    static InodeRegistry* const registry = new (memory) InodeRegistry;
     return *registry;
   }
 
