@@ -121,7 +121,7 @@ TEST_F(StoreCompactTest, ManyFlushesLeaveFewBlocks) {
   EXPECT_EQ(Walk(*Take(*store)).size(), 5u * kFlushes);
   StoreStats stats;
   ASSERT_EQ(store->GetStats(&stats), kStatusOk);
-  EXPECT_GT(stats.compactions, 0u);  // a thread that comes late merges longer runs
+  EXPECT_GE(stats.compactions, 1u);
   EXPECT_LT(stats.bytesCompacted, 12 * stats.bytesFlushed);
 }
 

@@ -160,7 +160,7 @@ TEST_F(StoreProcessesTest, ALockThatIsReleasedInTimeIsHad) {
   StoreOptions options = Options();
   options.busyTimeout = 60000;
   const std::unique_ptr<Store> store = Open(options);
-  for (const short type : {F_WRLCK, F_RDLCK}) {
+  for (const short type : {short{F_WRLCK}, short{F_RDLCK}}) {
     ForeignLock lock(path_ + "/wal_v5", type, 0x40000001, 511);
     StoreStats before;
     ASSERT_EQ(store->GetStats(&before), kStatusOk);
