@@ -38,7 +38,7 @@ void WalSharedState::AfterFork() {
 
 // A walk or a snapshot keeps the filling that it looks at: a new one takes its place then.
 void WalSharedState::Clear() {
-  if (filling.use_count() == 1) {
+  if (filling.use_count() == 1 && !filling->isViewed) {
     filling->index.Clear();
     filling->hasEpoch = false;
     filling->copy.reset();
@@ -378,6 +378,7 @@ uint32_t Wal::TakeView(LogView* view) {
   if (!ReadHeader(&header)) return kStatusWalChecksum;
   CatchUp(header);
   LogFilling& filling = *state_->filling;
+  filling.isViewed = true;
   if (filling.index.KeyCount() == 0) {
     *view = {state_->filling, nullptr, kWalFirstRecord};
     return kStatusOk;

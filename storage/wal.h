@@ -43,6 +43,7 @@ struct LogFilling {
   bool hasEpoch = false;
   uint32_t epoch = 0;
   std::shared_ptr<LogCopy> copy;  // made for the first snapshot; guarded by the log's lock
+  bool isViewed = false;          // a snapshot may be reading it still; guarded by the log's lock
 };
 
 // The log at one moment, for readers that hold no lock.

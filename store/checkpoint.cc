@@ -202,7 +202,10 @@ uint32_t Store::Impl::FillCheckpoint(const Snapshot::Impl& snapshot, const std::
       return fail(kStatusCreateFailed);
     }
   }
-  return SyncDirectory(DirectoryOf(target)) ? kStatusOk : fail(kStatusSyncFailed);
+  if (SyncDirectory(DirectoryOf(target))) return kStatusOk;
+  const uint32_t status = fail(kStatusSyncFailed);
+  IgnoreStatus(RemoveDirectoryTree(target));  // a failure leaves nothing
+  return status;
 }
 
 }  // namespace Kestrun
