@@ -193,16 +193,15 @@ TEST_F(StoreOpenTest, WhatAKilledCreationLeavesIsCompleted) {
   ASSERT_EQ(TryOpen(), kStatusOk);
   const std::string log = ReadFile(path_ + kLog);
   const std::string manifest = ReadFile(path_ + kManifest);
+  const std::string empty;
+  const std::string part = log.substr(0, 20);
   const struct {
     const char* what;
     const std::string* log;
     const std::string* manifest;
-  } rows[] = {{"no log", nullptr, &manifest},
-              {"no manifest", &log, nullptr},
-              {"empty log", new std::string(), &manifest},
-              {"empty manifest", &log, new std::string()},
-              {"both empty", new std::string(), new std::string()},
-              {"part of a header", new std::string(log.substr(0, 20)), &manifest}};
+  } rows[] = {{"no log", nullptr, &manifest},   {"no manifest", &log, nullptr},
+              {"empty log", &empty, &manifest}, {"empty manifest", &log, &empty},
+              {"both empty", &empty, &empty},   {"part of a header", &part, &manifest}};
   for (const auto& row : rows) {
     std::filesystem::remove_all(path_);
     ASSERT_EQ(mkdir(path_.c_str(), 0700), 0);
