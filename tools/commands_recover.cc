@@ -30,7 +30,7 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr size_t kMaxBatchBytes = 256 << 10;
+constexpr size_t kRecoveryBatchBytes = 256 << 10;
 constexpr uint32_t kRecoveryLog = 4 << 20;
 
 // Blocks are open all at once.
@@ -159,7 +159,7 @@ class Recovery {
     const uint64_t end = version.timestamp + version.ttl;
     const auto ttl =
         version.ttl == kTtlForever ? kTtlForever : static_cast<uint32_t>(std::max<uint64_t>(1, end - now_));
-    if (batch_.Count() != 0 && batch_.ByteSize() + kHeader + key.size() + value_.size() > kMaxBatchBytes)
+    if (batch_.Count() != 0 && batch_.ByteSize() + kHeader + key.size() + value_.size() > kRecoveryBatchBytes)
       Write();
     Require(batch_.Put(key, value_, ttl), "taking \"" + Inspect::Printable(key) + "\"");
     ++taken_;

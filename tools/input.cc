@@ -16,7 +16,7 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr size_t kPiece = 256 << 10;
+constexpr size_t kInputPiece = 256 << 10;
 
 [[noreturn]] void FailToRead(const std::string& name) {
   throw InputError(name + " can't be read: " + std::strerror(errno));
@@ -34,8 +34,8 @@ std::string ReadStandardInput(uint64_t most) {
   std::string bytes;
   for (;;) {
     const size_t before = bytes.size();
-    bytes.resize(before + kPiece);
-    const ssize_t count = read(STDIN_FILENO, bytes.data() + before, kPiece);
+    bytes.resize(before + kInputPiece);
+    const ssize_t count = read(STDIN_FILENO, bytes.data() + before, kInputPiece);
     bytes.resize(before + (count > 0 ? static_cast<size_t>(count) : 0));
     if (count < 0 && errno != EINTR) FailToRead("standard input");
     if (count == 0) return bytes;

@@ -14,7 +14,7 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr size_t kPiece = 256 << 10;
+constexpr size_t kOutputPiece = 256 << 10;
 
 }  // namespace
 
@@ -25,7 +25,7 @@ OutputFile::OutputFile(const std::string& path) : path_(path) {
   partial_ = special ? path : path + ".partial-" + std::to_string(getpid());
   descriptor_ = open(partial_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | (special ? 0 : O_TRUNC), 0666);
   if (descriptor_ < 0) Fail();
-  buffer_.reserve(kPiece + (64 << 10));
+  buffer_.reserve(kOutputPiece + (64 << 10));
 }
 
 OutputFile::~OutputFile() {
@@ -36,7 +36,7 @@ OutputFile::~OutputFile() {
 
 void OutputFile::Write(std::string_view bytes) {
   buffer_ += bytes;
-  if (buffer_.size() >= kPiece) Flush();
+  if (buffer_.size() >= kOutputPiece) Flush();
 }
 
 void OutputFile::Commit() {

@@ -11,7 +11,7 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr size_t kPiece = 256 << 10;
+constexpr size_t kDataPiece = 256 << 10;
 
 std::string* data = nullptr;
 bool inputIsClosed = false;
@@ -45,7 +45,7 @@ void PrepareStreams() {
   while (descriptor >= 0 && descriptor <= 2) descriptor = open("/dev/null", O_RDWR);
   if (descriptor > 2) close(descriptor);
   data = new std::string;  // lives until the process ends
-  data->reserve(kPiece + (64 << 10));
+  data->reserve(kDataPiece + (64 << 10));
 }
 
 bool StandardInputIsClosed() {
@@ -55,7 +55,7 @@ bool StandardInputIsClosed() {
 void WriteData(std::string_view bytes) {
   if (outputIsClosed) throw SystemFailure("standard output is closed");
   data->append(bytes);
-  if (data->size() >= kPiece) FlushData();
+  if (data->size() >= kDataPiece) FlushData();
 }
 
 void WriteLine(std::string_view text) {

@@ -5,12 +5,12 @@
 namespace Kestrun::Tools {
 namespace {
 
-constexpr size_t kPiece = 1 << 20;
+constexpr size_t kTextPiece = 1 << 20;
 constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
 
 }  // namespace
 
-TextBuffer::TextBuffer(const std::string& path) : file_(path), bytes_(kPiece) {
+TextBuffer::TextBuffer(const std::string& path) : file_(path), bytes_(kTextPiece) {
   while (end_ < 3 && More()) {
   }
   if (View().substr(0, 3) == kByteOrderMark) Consume(3);
