@@ -35,6 +35,7 @@ class Destination {
   Destination(const Invocation& line, ImportCounts* counts)
       : line_(line), noOverwrite_(line.Has("--no-overwrite")), counts_(counts) {
     store_ = OpenStore(line, Access::Create);
+    maxUnopened_ = 4 * LogCapacity(line);
     maxBatch_ = std::min<uint64_t>(kMaxBatchBytes, LogCapacity(line) / 4);
     std::unique_ptr<Snapshot> before;
     Require(store_->TakeSnapshot(&before), ShownPath(line.Store()));
@@ -62,8 +63,15 @@ class Destination {
     if (batch_.Count() == 0) return kStatusOk;
     const uint32_t status = store_->Write(batch_);
     if (status == kStatusOk) counts_->stored += batch_.Count();
+    unopened_ += batch_.ByteSize();
     batch_.Clear();
-    return status;
+    // A store keeps blocks that it has written or looked into in memory; opened anew it has none.
+    if (status != kStatusOk || unopened_ < maxUnopened_) return status;
+    unopened_ = 0;
+    records_.reset();
+    store_.reset();
+    store_ = OpenStore(line_, Access::Existing);
+    return kStatusOk;
   }
 
  private:
@@ -98,6 +106,8 @@ class Destination {
   std::unique_ptr<RecordStore> records_;
   WriteBatch batch_;
   uint64_t maxBatch_ = 0;
+  uint64_t unopened_ = 0;  // bytes written since the store was opened
+  uint64_t maxUnopened_ = 0;
   bool wasEmpty_ = false;
   SeenKeys seen_;
 };

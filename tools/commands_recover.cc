@@ -171,18 +171,26 @@ class Recovery {
   // For a block may hold what the log of today does not.
   void Grow(uint64_t needed) {
     Write();
+    capacity_ = std::min<uint64_t>(needed, UINT32_MAX);
+    Reopen();
+  }
+
+  void Reopen() {
     store_.reset();
     StoreOptions options;
-    options.logSize = static_cast<uint32_t>(std::min<uint64_t>(needed, UINT32_MAX));
+    options.logSize = static_cast<uint32_t>(capacity_);
     options.autoCompact = false;
     Require(Store::Open(partial_, options, &store_), ShownPath(partial_), partial_);
-    capacity_ = options.logSize;
+    unopened_ = 0;
   }
 
   void Write() {
     if (batch_.Count() == 0) return;
     Require(store_->Write(batch_), ShownPath(partial_) + ": writing", partial_);
+    unopened_ += batch_.ByteSize();
     batch_.Clear();
+    // A store keeps blocks that it has written in memory; opened anew it has none.
+    if (unopened_ >= 4 * capacity_) Reopen();
   }
 
   void Detail(const char* fate, const std::string& key, const char* why,
@@ -300,7 +308,8 @@ class Recovery {
   std::string typeDamage_;
   std::vector<Inspect::GuessedType> guessed_;
   std::unique_ptr<Store> store_;
-  uint64_t capacity_ = 0;
+  uint64_t capacity_ = 0;  // of the log
+  uint64_t unopened_ = 0;  // bytes written since the store was opened
   bool made_ = false;
   bool committed_ = false;
   WriteBatch batch_;
