@@ -90,9 +90,9 @@ class TableWriter final : public TextWriter {
     if (options_.hex) {
       text_ += Inspect::Hex(bytes);
     } else if (options_.type == nullptr && !Inspect::IsUtf8(bytes)) {
-      throw InputError(std::string("the ") + what + " of \"" + Inspect::Printable(key) +
-                           "\" is not UTF-8, which " + FormatName(options_.format) + " can't tell",
-                       "Export with --hex, or as JSON Lines.");
+      throw UsageError(std::string("the ") + what + " of \"" + Inspect::Printable(key) +
+                       "\" is not UTF-8, which " + FormatName(options_.format) +
+                       " can't hold; give --hex, or --format jsonl");
     } else {
       AddField(bytes);
     }
