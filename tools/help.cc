@@ -130,16 +130,16 @@ std::string ZshCompletions() {
         std::string help = option.help;
         for (const char letter : {'[', ']', ':'})
           help.erase(std::remove(help.begin(), help.end(), letter), help.end());
-        std::string spec = std::string(option.name) + "[" + help + "]";
+        std::string entry = std::string(option.name) + "[" + help + "]";
         if (option.value != nullptr) {
           const std::string name = option.name;
-          spec += std::string(":") + option.value + ":" +
-                  (name == "--format"        ? "(csv tsv jsonl json sqlite)"
-                   : name == "--completions" ? "(bash zsh fish)"
-                   : name == "--html"        ? "_files"
-                                             : " ");
+          entry += std::string(":") + option.value + ":" +
+                   (name == "--format"        ? "(csv tsv jsonl json sqlite)"
+                    : name == "--completions" ? "(bash zsh fish)"
+                    : name == "--html"        ? "_files"
+                                              : " ");
         }
-        text += "        " + ShellQuoted(spec) + "\n";
+        text += "        " + ShellQuoted(entry) + "\n";
       }
     }
     text += "        '*:argument:" +
