@@ -124,7 +124,9 @@ void BlockIndex::Move(uint32_t from, uint32_t to) {
   if (from == to) return;
   const uint32_t keyOffset = to == 0 ? 0 : records_[to - 1].keyOffset + records_[to - 1].keySize;
   Record record = records_[from];
-  std::memmove(keys_.Data() + keyOffset, keys_.Data() + record.keyOffset, record.keySize);
+  if (record.keySize != 0) {
+    std::memmove(keys_.Data() + keyOffset, keys_.Data() + record.keyOffset, record.keySize);
+  }
   record.keyOffset = keyOffset;
   records_[to] = record;
 }
@@ -154,7 +156,7 @@ bool BlockIndex::BuildPrefixes(size_t common) {
   std::string_view previous;
   for (uint32_t i = 0; i < Count(); ++i) {
     const std::string_view key = KeyAt(i);
-    if (key.size() < common || std::memcmp(key.data(), shared.data(), common) != 0) return false;
+    if (key.substr(0, common) != shared) return false;
     const std::string_view rest = key.substr(common);
     prefixes_[i] = PrefixOf(rest);
     if (i != 0 &&

@@ -28,7 +28,7 @@ bool ByteWindow::Copy(uint64_t offset, void* buffer, size_t length) {
   const uint8_t* bytes = nullptr;
   if (length == 0) return true;
   if (View(offset, length, &bytes) != Result::Ok) return false;
-  std::memcpy(buffer, bytes, length);
+  if (length != 0) std::memcpy(buffer, bytes, length);
   return true;
 }
 
