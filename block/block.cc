@@ -22,17 +22,41 @@ constexpr uint32_t kMaxUncheckedValue = 64 * 1024;
 Block::Block(std::shared_ptr<OsFile> file, std::shared_ptr<const BlockIndex> index)
     : file_(std::move(file)), index_(std::move(index)) {}
 
+Block::Block(std::shared_ptr<OsFile> file, std::shared_ptr<const BlockTable> table)
+    : file_(std::move(file)), table_(std::move(table)) {}
+
 uint32_t Block::Load(const std::string& path, Block** out, uint64_t pageSize) {
+  return Load(path, BlockLoading(), out, pageSize);
+}
+
+uint32_t Block::Load(const std::string& path, const BlockLoading& loading, Block** out, uint64_t pageSize,
+                     std::shared_ptr<const BlockFilter>* filter) {
   std::shared_ptr<OsFile> file;
   if (const uint32_t status = OsFile::Open(path, kOpenReadOnly, &file); status != kStatusOk) return status;
   OsFileSource source(*file);
   if (pageSize == kAnyPageSize) {
     if (const uint32_t status = DetectBlockPageSize(source, &pageSize); status != kStatusOk) return status;
   }
+  if (pageSize == 0) pageSize = PageSize();
+  if (filter != nullptr) filter->reset();
+
+  uint32_t status = kStatusOk;
+  if (loading.maxIndexed != UINT32_MAX) {
+    std::shared_ptr<const BlockTable> table;
+    status = BlockTable::Open(file, pageSize, &table);
+    if (status != kStatusOk) return status;
+    if (table->Count() > loading.maxIndexed) {
+      if (loading.learns) status = BlockTable::Learn(file, pageSize, &table, filter);
+      if (status == kStatusOk) *out = new Block(std::move(file), std::move(table));
+      if (status != kStatusInvalid) return status;
+    }
+  }
   std::shared_ptr<const BlockIndex> index;
-  const uint32_t status = BlockIndex::Read(source, pageSize == 0 ? PageSize() : pageSize, &index);
-  if (status == kStatusOk) *out = new Block(std::move(file), std::move(index));
-  return status;
+  status = BlockIndex::Read(source, pageSize, &index);
+  if (status != kStatusOk) return status;
+  if (filter != nullptr) *filter = std::make_shared<BlockFilter>(*index);
+  *out = new Block(std::move(file), std::move(index));
+  return kStatusOk;
 }
 
 uint32_t Block::Verify(const std::string& path) {
@@ -43,12 +67,6 @@ uint32_t Block::Verify(const std::string& path) {
   uint32_t status = reader.Start();
   for (bool end = false; status == kStatusOk && !end;) status = reader.Next(&end);
   return status;
-}
-
-bool Block::ChecksumAt(uint32_t index, uint32_t* checksum) const {
-  const BlockIndex::Record& record = index_->RecordAt(index);
-  if (record.hasChecksum) *checksum = record.checksum;
-  return record.hasChecksum;
 }
 
 bool Block::Contains(const Key& key) const {

@@ -1,4 +1,4 @@
-// block/block.h: one immutable, sorted block file: its keys and entries in memory, its values on the disk.
+// block/block.h: one immutable, sorted block file: its keys and entries in memory, or where they lie; its values on disk.
 //
 // Ownership: held through std::shared_ptr; the file stays open until the last reference goes, also after it
 //            was removed from the directory. No mapping of it exists: a file that is cut short under an open
@@ -19,6 +19,7 @@
 
 #include "base/diagnostics.h"
 #include "block/block_index.h"
+#include "block/block_table.h"
 #include "kestrun/data_entry.h"
 #include "kestrun/key.h"
 #include "storage/os_file.h"
@@ -28,7 +29,8 @@ namespace Kestrun {
 class Block;
 class Wal;
 
-// What a merge reads: a block that is loaded, from its own index and open file, or else the file at a path.
+// What a merge reads: a block that is loaded, from its own index, if it has one, and its open file; or else the file
+// at a path.
 struct BlockSource {
   std::string path;              // not looked at when there is a block
   std::shared_ptr<Block> block;  // may be null
@@ -40,11 +42,23 @@ struct MergeOptions {
   bool keepsHidden = false;
   // If set, the merge ends with kStatusBlockWriteFailed soon after it becomes true.
   const std::atomic<bool>* stop = nullptr;
+  // Where the sources have more entries, the merge takes little memory, whatever their number, and gives a block with a
+  // learned table.
+  uint32_t maxIndexed = UINT32_MAX;
 };
 
 // In the place of a page size: that with which the file was written is found out.
 inline constexpr uint64_t kAnyPageSize = 1;
 
+// How much of a block file is taken into memory.
+struct BlockLoading {
+  // A block with more entries has a table instead of an index.
+  uint32_t maxIndexed = UINT32_MAX;
+  // Whether such a table is learned.
+  bool learns = false;
+};
+
+// A block has an index or a table. Unless something else is said, its functions are those of a block with an index.
 class Block {
  public:
   // Loads a block file that was written with `pageSize`, 0 being this machine's. On success `*out` is a Block
@@ -57,6 +71,10 @@ class Block {
   //                        only the padding at its end may be missing
   // kStatusMapFailed       the size of a table is 0
   static uint32_t Load(const std::string& path, Block** out, uint64_t pageSize = 0);
+  // The same, with a table where `loading` says so. A learned table that is out of order is loaded as an index.
+  // `*filter`, when asked for, is filled with the keys; null for a table that was not learned.
+  static uint32_t Load(const std::string& path, const BlockLoading& loading, Block** out,
+                       uint64_t pageSize = 0, std::shared_ptr<const BlockFilter>* filter = nullptr);
   // Checks a block file as Load does, without building anything.
   static uint32_t Verify(const std::string& path);
 
@@ -85,26 +103,32 @@ class Block {
 
   // Merges `sources`, oldest first, as WriteFromBlocks does, except that nothing is left out for any other reason than
   // its being deleted or expired when the merge begins: a value that its file does not hold gives kStatusBlockCorrupt.
-  // Without messages.
+  // Without messages. `*filter`, when asked for, is filled with the keys of a block with a table; null for one with an
+  // index.
   static uint32_t Merge(const std::string& path, const std::vector<BlockSource>& sources,
-                        const MergeOptions& options, Block** out);
+                        const MergeOptions& options, Block** out,
+                        std::shared_ptr<const BlockFilter>* filter = nullptr);
 
   // A block over a file that was just written, or whose index was read before.
   Block(std::shared_ptr<OsFile> file, std::shared_ptr<const BlockIndex> index);
+  Block(std::shared_ptr<OsFile> file, std::shared_ptr<const BlockTable> table);
 
-  // Entries are numbered in the order of the file, which is that of their keys.
-  uint32_t Count() const { return index_->Count(); }
+  // Entries are numbered in the order of the file, which is that of their keys. Also with a table.
+  uint32_t Count() const { return index_ != nullptr ? index_->Count() : table_->Count(); }
   // Both until the block goes.
   std::string_view KeyAt(uint32_t index) const { return index_->KeyAt(index); }
   DataEntry EntryAt(uint32_t index) const { return index_->EntryAt(index); }
-  // True with the CRC-32C of key and value, where the entry carries one.
-  bool ChecksumAt(uint32_t index, uint32_t* checksum) const;
   // The first entry whose key is not before `key`; Count() when there is none.
   uint32_t LowerBound(std::string_view key) const { return index_->LowerBound(key); }
   // The entry with this key; Count() when there is none.
   uint32_t Find(std::string_view key) const { return index_->Find(key); }
 
+  // One of the two is null.
   const std::shared_ptr<const BlockIndex>& Index() const { return index_; }
+  const std::shared_ptr<const BlockTable>& Table() const { return table_; }
+  // Whether nothing but the headers has been read.
+  bool IsCold() const { return table_ != nullptr && !table_->IsLearned(); }
+  // These do with a table as well.
   const std::shared_ptr<OsFile>& File() const { return file_; }
   // Tells the block's file apart from every other one, as long as the block lives.
   const InodeId& FileId() const { return file_->Id(); }
@@ -131,6 +155,7 @@ class Block {
  private:
   std::shared_ptr<OsFile> file_;
   std::shared_ptr<const BlockIndex> index_;
+  std::shared_ptr<const BlockTable> table_;
 };
 
 }  // namespace Kestrun

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "kestrun/status.h"
@@ -69,27 +70,38 @@ void BlockCache::BoundedList<Item>::Clear() {
 }
 
 std::shared_ptr<Block> BlockCache::GetOrLoad(const std::string& name, const std::string& path,
-                                             uint32_t* failure, const std::shared_ptr<const void>& owner) {
+                                             uint32_t* failure, const std::shared_ptr<const void>& owner,
+                                             bool firstUse) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (failure != nullptr) *failure = kStatusOk;
-  if (std::shared_ptr<Block> cached = FindLocked(name, path, owner); cached != nullptr) return cached;
-
+  if (std::shared_ptr<Block> cached = FindLocked(name, path, owner);
+      cached != nullptr && (firstUse || !cached->IsCold())) {
+    return cached;
+  }
   // The stamp comes before the bytes: a change that is missed by them shows in the next stamp.
   const FileStamp stamp = StampOf(path);
   if (std::shared_ptr<Block> block = Reopen(name, path, stamp); block != nullptr) {
     Insert({name, block, owner, stamp});
     return block;
   }
+  return Load({name, nullptr, owner, stamp}, path, firstUse, failure);
+}
+
+std::shared_ptr<Block> BlockCache::Load(Cached cached, const std::string& path, bool firstUse,
+                                        uint32_t* failure) {
+  BlockLoading loading;
+  loading.maxIndexed = firstUse ? std::min(kMaxLoadedAtOnce, maxIndexed_) : maxIndexed_;
+  loading.learns = !firstUse;
+  std::shared_ptr<const BlockFilter> filter;
   Block* loaded = nullptr;
-  if (const uint32_t status = Block::Load(path, &loaded); status != kStatusOk) {
+  if (const uint32_t status = Block::Load(path, loading, &loaded, 0, &filter); status != kStatusOk) {
     if (failure != nullptr) *failure = status;
     return nullptr;
   }
-  const std::shared_ptr<Block> block(loaded);
-  const Cached cached = {name, block, owner, stamp};
-  Remember(cached, std::make_shared<BlockFilter>(*block->Index()));
+  cached.block.reset(loaded);
+  if (filter != nullptr) Remember(cached, std::move(filter));
   Insert(cached);
-  return block;
+  return cached.block;
 }
 
 // An evicted block whose file has not changed since it was read.
@@ -171,11 +183,11 @@ const BlockFilter* BlockCache::FindFilter(const std::string& name, const std::st
 }
 
 void BlockCache::Put(const std::string& name, const std::shared_ptr<Block>& block,
-                     const std::shared_ptr<const void>& owner) {
+                     const std::shared_ptr<const void>& owner, std::shared_ptr<const BlockFilter> filter) {
   const Cached cached = {name, block, owner, StampOf(block->File()->Path())};
-  auto filter = std::make_shared<BlockFilter>(*block->Index());
+  if (block->Index() != nullptr) filter = std::make_shared<BlockFilter>(*block->Index());
   const std::lock_guard<std::mutex> lock(mutex_);
-  Remember(cached, std::move(filter));
+  if (filter != nullptr) Remember(cached, std::move(filter));
   Insert(cached);
 }
 
@@ -199,7 +211,7 @@ void BlockCache::Insert(Cached cached) {
   blocks_.splice(blocks_.begin(), node);
   while (index_.size() > capacity_) {
     const Cached& last = blocks_.back();
-    if (last.stamp.id == last.block->FileId()) {
+    if (last.block->Index() != nullptr && last.stamp.id == last.block->FileId()) {
       const size_t bytes = last.block->Index()->MemoryUsed();
       evicted_.Insert({last.name, last.block->Index(), last.stamp}, bytes, kMaxEvictedIndexBytes);
     }

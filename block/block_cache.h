@@ -27,25 +27,33 @@
 namespace Kestrun {
 
 inline constexpr size_t kBlockCacheCapacity = 16;
+// A block of at most so many entries is loaded at its first use.
+inline constexpr uint32_t kMaxLoadedAtOnce = 4096;
+
 inline constexpr size_t kMaxEvictedIndexBytes = 48 * 1024 * 1024;
 inline constexpr size_t kMaxBlockFilterBytes = 32 * 1024 * 1024;
 
 class BlockCache {
  public:
-  // A cache of at most `capacity` blocks.
-  explicit BlockCache(size_t capacity = kBlockCacheCapacity) : capacity_(capacity) {}
+  // A cache of at most `capacity` blocks. Those with more than `maxIndexed` entries have learned tables instead of an
+  // index.
+  explicit BlockCache(size_t capacity = kBlockCacheCapacity, uint32_t maxIndexed = UINT32_MAX)
+      : capacity_(capacity), maxIndexed_(maxIndexed) {}
 
   // Returns the block `name`, loaded from `path` on a miss, and makes it the most recent one. A failed load caches
   // nothing, so the next call tries again. `*failure`, when asked for, is the status of Block::Load, kStatusOk for a
   // block that is returned.
+  //
+  // `firstUse`: of a large block only the headers are read, unless it is known already: see Block::IsCold. Without it a
+  // cold block is loaded anew.
   //
   // `owner` is what the name was found through. A block found through another one is loaded again when the file at
   // `path` is not the one that it was loaded from: a name comes back when a process draws it after a compaction of
   // another process has removed its file.
   std::shared_ptr<Block> GetOrLoad(const std::string& name, const std::string& path,
                                    uint32_t* failure = nullptr,
-                                   const std::shared_ptr<const void>& owner = nullptr);
-  // The block `name` if GetOrLoad would not have to look at its file, or null.
+                                   const std::shared_ptr<const void>& owner = nullptr, bool firstUse = false);
+  // The block `name` if GetOrLoad would not have to look at its file, or null. It may be cold.
   std::shared_ptr<Block> Find(const std::string& name, const std::string& path,
                               const std::shared_ptr<const void>& owner);
   // The same if that is known without looking at any path: the block was found through the same `owner` before.
@@ -62,8 +70,10 @@ class BlockCache {
                    const std::shared_ptr<const void>& owner = nullptr);
   // Makes `block` the most recent one, in the place of any other of that name, and evicts the one used longest ago
   // when there are more than the capacity. `owner` as above.
+  // `filter` is that of a block without an index; may be null.
   void Put(const std::string& name, const std::shared_ptr<Block>& block,
-           const std::shared_ptr<const void>& owner = nullptr);
+           const std::shared_ptr<const void>& owner = nullptr,
+           std::shared_ptr<const BlockFilter> filter = nullptr);
   // Forgets the block `name`, if it is there.
   void Erase(const std::string& name);
   // Forgets every block.
@@ -119,6 +129,7 @@ class BlockCache {
   const BlockFilter* FindFilter(const std::string& name, const std::string& path,
                                 const std::shared_ptr<const void>& owner);
   static FileStamp StampOf(const std::string& path);
+  std::shared_ptr<Block> Load(Cached cached, const std::string& path, bool firstUse, uint32_t* failure);
   std::shared_ptr<Block> FindLocked(const std::string& name, const std::string& path,
                                     const std::shared_ptr<const void>& owner);
   std::shared_ptr<Block> Reopen(const std::string& name, const std::string& path, const FileStamp& stamp);
@@ -127,6 +138,7 @@ class BlockCache {
 
   std::mutex mutex_;
   const size_t capacity_;
+  const uint32_t maxIndexed_;
   // Guarded by mutex_.
   Blocks blocks_;  // the most recent one is in front
   std::unordered_map<std::string, Blocks::iterator> index_;

@@ -41,26 +41,38 @@ bool ForEachBit(uint64_t hash, Visit visit) {
 
 BlockFilter::Probe::Probe(std::string_view bytes) : key(bytes), hash(HashOf(bytes)) {}
 
-BlockFilter::BlockFilter(const BlockIndex& index) {
+BlockFilter::BlockFilter(uint32_t count)
+    : lines_((size_t{count} * kBitsPerKey + kBitsPerLine - 1) / kBitsPerLine) {}
+
+BlockFilter::BlockFilter(const BlockIndex& index) : BlockFilter(index.Count()) {
   const uint32_t count = index.Count();
   if (count == 0) return;
+  for (uint32_t i = 0; i < count; ++i) SetBits(index.KeyAt(i));
   first_ = index.KeyAt(0);
   last_ = index.KeyAt(count - 1);
-  lines_.resize((size_t{count} * kBitsPerKey + kBitsPerLine - 1) / kBitsPerLine);
-  for (uint32_t i = 0; i < count; ++i) {
-    const uint64_t hash = HashOf(index.KeyAt(i));
-    Line& line = const_cast<Line&>(LineOf(hash));
-    ForEachBit(hash, [&line](uint64_t word, uint64_t bit) {
-      line.words[word] |= bit;
-      return true;
-    });
-  }
+  isEmpty_ = false;
+}
+
+void BlockFilter::Add(std::string_view key) {
+  if (isEmpty_) first_ = key;
+  isEmpty_ = false;
+  last_ = key;
+  SetBits(key);
+}
+
+void BlockFilter::SetBits(std::string_view key) {
+  const uint64_t hash = HashOf(key);
+  Line& line = lines_[LineIndexOf(hash)];
+  ForEachBit(hash, [&line](uint64_t word, uint64_t bit) {
+    line.words[word] |= bit;
+    return true;
+  });
 }
 
 // Keys before the first one and after the last one are not found, in a damaged block either.
 bool BlockFilter::MayContain(const Probe& probe) const {
-  if (lines_.empty() || probe.key < first_ || last_ < probe.key) return false;
-  const Line& line = LineOf(probe.hash);
+  if (isEmpty_ || probe.key < first_ || last_ < probe.key) return false;
+  const Line& line = lines_[LineIndexOf(probe.hash)];
   return ForEachBit(probe.hash,
                     [&line](uint64_t word, uint64_t bit) { return (line.words[word] & bit) != 0; });
 }

@@ -28,6 +28,9 @@ class BlockFilter {
   };
 
   explicit BlockFilter(const BlockIndex& index);
+  // An empty filter with room for `count` keys, which are added in the order of the block.
+  explicit BlockFilter(uint32_t count);
+  void Add(std::string_view key);
 
   // False when the block has no entry for the key.
   bool MayContain(const Probe& probe) const;
@@ -40,13 +43,13 @@ class BlockFilter {
     std::array<uint64_t, 8> words;
   };
 
-  const Line& LineOf(uint64_t hash) const {
-    return lines_[static_cast<size_t>((hash >> 32) * lines_.size() >> 32)];
-  }
+  size_t LineIndexOf(uint64_t hash) const { return static_cast<size_t>((hash >> 32) * lines_.size() >> 32); }
+  void SetBits(std::string_view key);
 
   std::string first_;  // the keys at both ends of the block
   std::string last_;
   std::vector<Line> lines_;  // none in an empty block
+  bool isEmpty_ = true;
 };
 
 }  // namespace Kestrun

@@ -31,23 +31,35 @@ BlockIndex::Record ToRecord(const BlockDataEntry& entry) {
 
 uint32_t BlockIndex::Read(ByteSource& source, uint64_t pageSize, std::shared_ptr<const BlockIndex>* out) {
   const auto index = std::make_shared<BlockIndex>();
-  if (const uint32_t status = index->ReadEntries(source, pageSize); status != kStatusOk) return status;
+  BlockSections sections;
+  uint32_t status = ReadBlockSections(source, pageSize, &sections);
+  if (status == kStatusOk) status = index->ReadEntries(source, sections, 0, sections.entryCount);
+  if (status != kStatusOk) return status;
   index->Finish();
   *out = index;
   return kStatusOk;
 }
 
-// The count is believed only once the first entries prove sound: a damaged header may claim millions.
-uint32_t BlockIndex::ReadEntries(ByteSource& source, uint64_t pageSize) {
-  BlockSections sections;
-  if (const uint32_t status = ReadBlockSections(source, pageSize, &sections); status != kStatusOk)
-    return status;
+uint32_t BlockIndex::ReadPart(ByteSource& source, const BlockSections& sections, uint32_t first,
+                              uint32_t count) {
+  records_.Truncate(0);
+  keys_.Truncate(0);
+  const uint32_t status = ReadEntries(source, sections, first, count);
+  if (status != kStatusOk) records_.Truncate(0);
+  FindOrder();
+  return status;
+}
 
-  const uint64_t size = sections.entryCount * sizeof(BlockDataEntry);
+// The count is believed only once the first entries prove sound: a damaged header may claim millions.
+uint32_t BlockIndex::ReadEntries(ByteSource& source, const BlockSections& sections, uint64_t first,
+                                 uint64_t count) {
+  const uint64_t start = sections.FirstEntry() + first * sizeof(BlockDataEntry);
+  const uint64_t size = count * sizeof(BlockDataEntry);
   std::vector<uint8_t> buffer(static_cast<size_t>(std::min<uint64_t>(size, kReadSize)));
+  if (size <= kReadSize) records_.Reserve(static_cast<size_t>(count));
   for (uint64_t done = 0; done < size;) {
     const auto wanted = static_cast<size_t>(std::min<uint64_t>(size - done, kReadSize));
-    const ssize_t read = source.ReadAt(sections.FirstEntry() + done, buffer.data(), wanted);
+    const ssize_t read = source.ReadAt(start + done, buffer.data(), wanted);
     if (read < 0) return kStatusBlockShortRead;
     for (size_t at = 0; at < wanted; at += sizeof(BlockDataEntry)) {
       const size_t held = static_cast<size_t>(read) > at ? static_cast<size_t>(read) - at : 0;
@@ -56,7 +68,7 @@ uint32_t BlockIndex::ReadEntries(ByteSource& source, uint64_t pageSize) {
         return kStatusBlockCorrupt;
       *records_.Extend(1) = ToRecord(entry);
     }
-    if (done == 0) records_.Reserve(static_cast<size_t>(sections.entryCount));
+    if (done == 0) records_.Reserve(static_cast<size_t>(count));
     done += wanted;
   }
   return ReadKeys(source, sections.keyTableOffset);
@@ -140,9 +152,14 @@ void BlockIndex::Truncate(uint32_t count) {
 void BlockIndex::Finish() {
   records_.Trim();
   keys_.Trim();
-  const uint32_t count = Count();
   prefixes_ = HeapArray<uint64_t>();
-  prefixes_.Extend(count);
+  FindOrder();
+}
+
+void BlockIndex::FindOrder() {
+  const uint32_t count = Count();
+  prefixes_.Truncate(0);
+  if (count != 0) prefixes_.Extend(count);
   common_ = 0;
   ordered_ = true;
   if (count == 0 || BuildPrefixes(CommonPrefix(KeyAt(0), KeyAt(count - 1)))) return;

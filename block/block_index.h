@@ -18,6 +18,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "format/block_reader.h"
 #include "format/byte_source.h"
 #include "kestrun/data_entry.h"
 
@@ -96,6 +97,10 @@ class BlockIndex {
   // kStatusBlockCorrupt when an entry fails its checksum or its key lies outside the key table
   static uint32_t Read(ByteSource& source, uint64_t pageSize, std::shared_ptr<const BlockIndex>* out);
 
+  // Fills this index with the entries [first, first + count) of a file, all of which must be there, in place of what it
+  // holds. Its memory is used again. Statuses as Read.
+  uint32_t ReadPart(ByteSource& source, const BlockSections& sections, uint32_t first, uint32_t count);
+
   BlockIndex() = default;
   BlockIndex(const BlockIndex&) = delete;
   BlockIndex& operator=(const BlockIndex&) = delete;
@@ -129,8 +134,9 @@ class BlockIndex {
   size_t MemoryUsed() const;
 
  private:
-  uint32_t ReadEntries(ByteSource& source, uint64_t pageSize);
+  uint32_t ReadEntries(ByteSource& source, const BlockSections& sections, uint64_t first, uint64_t count);
   uint32_t ReadKeys(ByteSource& source, uint64_t keyTableOffset);
+  void FindOrder();
   bool BuildPrefixes(size_t common);
   // Compares the key of an entry with `key`, which goes on with `prefix` after what all keys have in common.
   int Compare(uint32_t index, uint64_t prefix, std::string_view key) const;

@@ -1,10 +1,12 @@
 // Writes new block files from the log and from other blocks.
 #include <utility>
 
+#include "base/page_size.h"
 #include "block/block.h"
 #include "block/block_writer.h"
 #include "block/log_cursor.h"
 #include "block/merge_cursor.h"
+#include "block/stream_block.h"
 #include "kestrun/status.h"
 
 namespace Kestrun {
@@ -45,13 +47,25 @@ uint32_t Block::WriteFromBlocks(const std::string& path, const std::vector<Block
 }
 
 uint32_t Block::Merge(const std::string& path, const std::vector<BlockSource>& sources,
-                      const MergeOptions& options, Block** out) {
+                      const MergeOptions& options, Block** out, std::shared_ptr<const BlockFilter>* filter) {
   MergeCursor cursor(sources, options.keepsHidden ? DeadEntries::Keep : DeadEntries::Drop);
+  if (filter != nullptr) filter->reset();
+  std::unique_ptr<Block> block;
+  uint64_t entries = 0;
+  uint32_t status = cursor.CountEntries(&entries);
+  if (status != kStatusOk) return status;
+  if (entries > options.maxIndexed) {
+    std::shared_ptr<OsFile> file;
+    std::shared_ptr<const BlockTable> table;
+    status = StreamBlock(path, cursor, options.stop, &file);
+    if (status == kStatusOk) status = BlockTable::Learn(file, PageSize(), &table, filter);
+    if (status == kStatusOk) *out = new Block(std::move(file), std::move(table));
+    return status == kStatusInvalid ? kStatusBlockWriteFailed : status;
+  }
   BlockWriteOptions writing;
   writing.isStrict = true;
   writing.stop = options.stop;
-  std::unique_ptr<Block> block;
-  const uint32_t status = WriteBlock(path, cursor, std::move(writing), &block);
+  status = WriteBlock(path, cursor, std::move(writing), &block);
   if (status == kStatusOk) *out = block.release();
   return status;
 }

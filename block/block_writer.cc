@@ -11,7 +11,6 @@
 #include "storage/directory.h"
 
 namespace Kestrun {
-namespace {
 
 bool WriteFileHeader(BufferedWriter& out) {
   BlockFileHeader header = {};
@@ -20,6 +19,8 @@ bool WriteFileHeader(BufferedWriter& out) {
   header.checksum = StoreChecksum(&header, BlockFileHeaderOffset::kChecksum);
   return out.Append(&header, sizeof(header)) && out.Flush();
 }
+
+namespace {
 
 bool WriteSections(BufferedWriter& out, DataSectionWriter& data) {
   if (!data.WriteTo(out)) return false;

@@ -30,6 +30,9 @@ struct BlockWriteOptions {
   const std::atomic<bool>* stop = nullptr;
 };
 
+// Writes the header of a block file. False when it could not be written.
+bool WriteFileHeader(BufferedWriter& out);
+
 class BlockWriter {
  public:
   BlockWriter(EntryCursor& cursor, BlockWriteOptions options);

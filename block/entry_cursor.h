@@ -1,7 +1,7 @@
 // block/entry_cursor.h: what a new block is written from: entries in key order, and their values.
 //
-// The writer walks a cursor once to learn what the block will hold, and then has the values copied. So a cursor
-// gives the entries first and the values of any of them afterwards.
+// The writer walks a cursor once to learn what the block will hold, and then has the values copied; or it walks it a
+// second time and has values copied on the way.
 //
 // Ownership: as the cursor says.
 // Threads:   one thread at a time.
@@ -35,10 +35,10 @@ class EntryCursor {
   // The number of the source that holds the value.
   uint32_t Source() const { return source_; }
 
-  // Whether `size` bytes at `offset` lie within their source, after the walk. An entry whose value does not is
+  // Whether `size` bytes at `offset` lie within their source, once the walk has met it. An entry whose value does not is
   // left out.
   virtual bool HoldsValue(uint32_t source, uint64_t offset, uint64_t size) = 0;
-  // Appends `size` bytes at `offset` of a source, the values of one entry or of several that lie side by side.
+  // Appends `size` bytes at `offset` of a source that the walk has met, the values of one entry or of several that lie side by side.
   // False when they can't be read or written. Called with offsets in the order of the walk.
   virtual bool CopyValues(uint32_t source, uint64_t offset, uint64_t size, BufferedWriter& out) = 0;
 

@@ -78,7 +78,7 @@ class MergeCursor::Source {
         reader_(bytes_, PageSize(), windowSize),
         values_(bytes_, windowSize),
         windowSize_(windowSize) {
-    if (source.block != nullptr) Use(source.block->Index());
+    if (source.block != nullptr && source.block->Index() != nullptr) Use(source.block->Index());
   }
 
   uint32_t Start() {
@@ -123,6 +123,7 @@ class MergeCursor::Source {
   const DataEntry& Entry() const { return entry_; }
   std::optional<uint32_t> Checksum() const { return checksum_; }
   uint64_t FileSize() const { return fileSize_; }
+  uint64_t EntryCount() const { return index_ != nullptr ? index_->Count() : reader_.Sections().entryCount; }
   void ReleaseTables() { reader_.Release(); }
 
   bool CopyValues(uint64_t offset, uint64_t size, BufferedWriter& out) {
@@ -208,6 +209,13 @@ uint32_t MergeCursor::PrepareSources() {
     if (source->Prepare(&budget) != kStatusOk) return kStatusBlockWriteFailed;
   }
   prepared_ = true;
+  return kStatusOk;
+}
+
+uint32_t MergeCursor::CountEntries(uint64_t* count) {
+  if (const uint32_t status = PrepareSources(); status != kStatusOk) return status;
+  *count = 0;
+  for (const std::unique_ptr<Source>& source : sources_) *count += source->EntryCount();
   return kStatusOk;
 }
 
@@ -299,7 +307,7 @@ bool MergeCursor::HoldsValue(uint32_t source, uint64_t offset, uint64_t size) {
 }
 
 bool MergeCursor::CopyValues(uint32_t source, uint64_t offset, uint64_t size, BufferedWriter& out) {
-  if (!walked_) {
+  if (!walked_ && heap_.empty()) {
     for (const std::unique_ptr<Source>& each : sources_) each->ReleaseTables();
     walked_ = true;
   }

@@ -35,6 +35,9 @@ class MergeCursor final : public EntryCursor {
   MergeCursor(const MergeCursor&) = delete;
   MergeCursor& operator=(const MergeCursor&) = delete;
 
+  // Of all sources; a walk gives no more. Statuses as Start.
+  uint32_t CountEntries(uint64_t* count);
+
   uint32_t Start() override;
   uint32_t Next(bool* end) override;
   bool HoldsValue(uint32_t source, uint64_t offset, uint64_t size) override;

@@ -16,15 +16,33 @@ constexpr uint64_t kMaxRun = 8 * 1024 * 1024;
 
 }  // namespace
 
-bool SyntheticSectionWriter::WriteHeader(BufferedWriter& file) {
-  const uint64_t size = Size();
-  if (size == 0) return false;
+bool WriteSectionHeader(BufferedWriter& file, SectionType type, const char* name, uint64_t size) {
   SectionHeader header = {};
-  header.type = static_cast<uint16_t>(type_);
-  std::memcpy(header.name, name_, std::min(std::strlen(name_), sizeof(header.name)));
+  header.type = static_cast<uint16_t>(type);
+  std::memcpy(header.name, name, std::min(std::strlen(name), sizeof(header.name)));
   header.size = static_cast<uint32_t>(size);
   header.checksum = StoreChecksum(&header, SectionHeaderOffset::kChecksum);
   return file.Append(&header, sizeof(header));
+}
+
+BlockDataEntry ToBlockDataEntry(const BlockIndex::Record& record, uint32_t keyOffset) {
+  BlockDataEntry entry = {};
+  entry.valueOffset = record.valueOffset;
+  entry.valueSize = record.valueSize;
+  entry.deleted = record.deleted ? 1 : 0;
+  entry.timestamp = record.timestamp;
+  entry.ttl = record.ttl;
+  entry.crc = record.hasChecksum ? record.checksum : 0;
+  entry.keyOffset = keyOffset;
+  entry.keySize = record.keySize;
+  entry.mark = record.hasChecksum ? kChecksummedMark : uint16_t{0};
+  entry.checksum = StoreChecksum(&entry, BlockDataEntryOffset::kChecksum);
+  return entry;
+}
+
+bool SyntheticSectionWriter::WriteHeader(BufferedWriter& file) {
+  const uint64_t size = Size();
+  return size != 0 && WriteSectionHeader(file, type_, name_, size);
 }
 
 uint32_t DataSectionWriter::Measure() {
@@ -116,17 +134,8 @@ bool EntrySectionWriter::WriteTo(BufferedWriter& file) {
   if (!file.MoveTo(offset_) || !WriteHeader(file)) return false;
   for (uint32_t i = 0; i < entries_.Count(); ++i) {
     const BlockIndex::Record& record = entries_.RecordAt(i);
-    BlockDataEntry entry = {};
-    entry.valueOffset = record.valueOffset;
-    entry.valueSize = record.valueSize;
-    entry.deleted = record.deleted ? 1 : 0;
-    entry.timestamp = record.timestamp;
-    entry.ttl = record.ttl;
-    entry.crc = record.hasChecksum ? record.checksum : 0;
-    entry.keyOffset = static_cast<uint32_t>(sizeof(SectionHeader)) + record.keyOffset;
-    entry.keySize = record.keySize;
-    entry.mark = record.hasChecksum ? kChecksummedMark : uint16_t{0};
-    entry.checksum = StoreChecksum(&entry, BlockDataEntryOffset::kChecksum);
+    const BlockDataEntry entry =
+        ToBlockDataEntry(record, static_cast<uint32_t>(sizeof(SectionHeader)) + record.keyOffset);
     if (!file.Append(&entry, sizeof(entry))) return false;
   }
   return file.Flush();

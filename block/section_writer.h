@@ -24,6 +24,12 @@
 
 namespace Kestrun {
 
+// Writes the header of a section of `size` bytes, these included. False when it could not be written.
+bool WriteSectionHeader(BufferedWriter& file, SectionType type, const char* name, uint64_t size);
+
+// The entry of a block file for a record whose key lies `keyOffset` bytes into the key table.
+BlockDataEntry ToBlockDataEntry(const BlockIndex::Record& record, uint32_t keyOffset);
+
 class SyntheticSectionWriter {
  public:
   // The size that the section's header declares; 0 when it can't be told.

@@ -39,7 +39,8 @@ uint32_t Core::FlushLocked(uint64_t* blockBytes) const {
 
 // A block that is recorded but could not be synced is used like any other; the log keeps its entries then.
 uint32_t Core::RecordFlushedBlock(const std::string& name, const std::shared_ptr<Block>& block) const {
-  const std::vector<uint8_t> filter = BuildManifestFilter(*block);
+  std::vector<uint8_t> filter;
+  if (const uint32_t status = BuildManifestFilter(*block, &filter); status != kStatusOk) return status;
   const ManifestSection section(*this, LockLevel::Exclusive);
   if (section.Status() != kStatusOk) return section.Status();
   const uint32_t status = manifest.Append(name, filter);

@@ -57,7 +57,8 @@ uint32_t LSDBImpl::Compact() {
   }
   const std::shared_ptr<Block> block(merged);
   file.Commit();
-  const std::vector<uint8_t> filter = BuildManifestFilter(*block);
+  std::vector<uint8_t> filter;
+  if (const uint32_t status = BuildManifestFilter(*block, &filter); status != kStatusOk) return status;
   {
     const ManifestSection manifest(core, LockLevel::Exclusive);
     if (manifest.Status() != kStatusOk) return manifest.Status();

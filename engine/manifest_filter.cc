@@ -2,8 +2,10 @@
 
 #include <string_view>
 
+#include "block/block_pages.h"
 #include "format/key_filter.h"
 #include "format/scan_range.h"
+#include "kestrun/status.h"
 
 namespace Kestrun {
 namespace {
@@ -16,17 +18,19 @@ std::string_view PrimaryOf(std::string_view key) {
 
 }  // namespace
 
-std::vector<uint8_t> BuildManifestFilter(const Block& block) {
-  std::vector<uint32_t> hashes;
-  hashes.reserve(size_t{block.Count()} * 2);
+uint32_t BuildManifestFilter(const Block& block, std::vector<uint8_t>* filter) {
+  KeyFilterBuilder builder;
+  BlockPages pages(block);
   for (uint32_t i = 0; i < block.Count(); ++i) {
-    const std::string_view key = block.KeyAt(i);
+    if (const uint32_t status = pages.Load(i); status != kStatusOk) return status;
+    const std::string_view key = pages.KeyAt(i);
     if (!InScanRange(key)) continue;
-    hashes.push_back(KeyHash(key));
+    builder.Add(KeyHash(key));
     const std::string_view primary = PrimaryOf(key);
-    if (primary.size() != key.size()) hashes.push_back(KeyHash(primary));
+    if (primary.size() != key.size()) builder.Add(KeyHash(primary));
   }
-  return BuildKeyFilter(hashes);
+  *filter = builder.Finish();
+  return kStatusOk;
 }
 
 }  // namespace Kestrun

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "format/checksum.h"
 
@@ -17,6 +18,15 @@ constexpr size_t kMaxBits = (kMaxKeyFilterSize - 1) * 8;
 
 uint32_t ProbeStep(uint32_t hash) {
   return (hash >> 17) | (hash << 15);
+}
+
+void SetProbes(uint32_t probe, std::vector<uint8_t>& filter) {
+  const size_t bits = (filter.size() - 1) * 8;
+  const uint32_t step = ProbeStep(probe);
+  for (int j = 0; j < kProbes; ++j, probe += step) {
+    const size_t bit = probe % bits;
+    filter[bit / 8] = static_cast<uint8_t>(filter[bit / 8] | (1u << (bit % 8)));
+  }
 }
 
 }  // namespace
@@ -45,18 +55,34 @@ uint32_t KeyHash(std::string_view key) {
   return FilterHash(reinterpret_cast<const uint8_t*>(key.data()), key.size(), kChecksumSeed);
 }
 
-std::vector<uint8_t> BuildKeyFilter(const std::vector<uint32_t>& hashes) {
-  const size_t bits = std::clamp(hashes.size() * kBitsPerKey, kMinBits, kMaxBits);
+std::vector<uint8_t> KeyFilterBuilder::EmptyFilter(size_t bits) {
   std::vector<uint8_t> filter(bits / 8 + 1);
   filter.back() = kProbes;
-  for (uint32_t probe : hashes) {
-    const uint32_t step = ProbeStep(probe);
-    for (int j = 0; j < kProbes; ++j, probe += step) {
-      const size_t bit = probe % bits;
-      filter[bit / 8] = static_cast<uint8_t>(filter[bit / 8] | (1u << (bit % 8)));
-    }
-  }
   return filter;
+}
+
+void KeyFilterBuilder::Add(uint32_t hash) {
+  if (!filter_.empty()) {
+    SetProbes(hash, filter_);
+    return;
+  }
+  hashes_.push_back(hash);
+  if (hashes_.size() * kBitsPerKey < kMaxBits) return;
+  filter_ = EmptyFilter(kMaxBits);
+  for (const uint32_t each : hashes_) SetProbes(each, filter_);
+}
+
+std::vector<uint8_t> KeyFilterBuilder::Finish() {
+  if (!filter_.empty()) return std::move(filter_);
+  std::vector<uint8_t> filter = EmptyFilter(std::clamp(hashes_.size() * kBitsPerKey, kMinBits, kMaxBits));
+  for (const uint32_t each : hashes_) SetProbes(each, filter);
+  return filter;
+}
+
+std::vector<uint8_t> BuildKeyFilter(const std::vector<uint32_t>& hashes) {
+  KeyFilterBuilder builder;
+  for (const uint32_t hash : hashes) builder.Add(hash);
+  return builder.Finish();
 }
 
 bool KeyFilterMayContain(uint32_t hash, const std::vector<uint8_t>& filter) {

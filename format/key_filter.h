@@ -21,8 +21,21 @@ uint32_t KeyHash(std::string_view key);
 // The longest filter: 32768 bits and the number of probes.
 inline constexpr size_t kMaxKeyFilterSize = 32768 / 8 + 1;
 
-// The filter over keys with these hashes: 8 bits per key, at least 64 bits and at most 32768, and 5 probes.
-// May throw std::bad_alloc.
+// Builds a filter: 8 bits per key, at least 64 bits and at most 32768, and 5 probes. Takes bounded memory. May throw
+// std::bad_alloc.
+class KeyFilterBuilder {
+ public:
+  void Add(uint32_t hash);
+  std::vector<uint8_t> Finish();
+
+ private:
+  static std::vector<uint8_t> EmptyFilter(size_t bits);
+
+  std::vector<uint32_t> hashes_;  // until there are so many that the filter is of the longest
+  std::vector<uint8_t> filter_;   // the longest, from then on
+};
+
+// The filter over keys with these hashes.
 std::vector<uint8_t> BuildKeyFilter(const std::vector<uint32_t>& hashes);
 
 // Whether a filter may have been built from the key with this hash. A filter of fewer than 2 bytes holds

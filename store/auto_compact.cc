@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "base/catch_bad_alloc.h"
+#include "block/block_pages.h"
 #include "kestrun/status.h"
 #include "store/store_impl.h"
 
@@ -172,10 +173,12 @@ double Store::Impl::EstimateHidden(const BlockEntries& entries, size_t newer) {
   if (block == nullptr) return 0;
   const uint32_t samples = std::min(block->Count(), kSamples);
   uint32_t found = 0;
+  BlockPages pages(*block);
   for (uint32_t i = 0; i < samples; ++i) {
     const auto place = static_cast<uint32_t>(uint64_t{block->Count()} * i / samples);
-    const DataEntry described = block->EntryAt(place);
-    const BlockFilter::Probe probe(block->KeyAt(place));
+    if (pages.Load(place) != kStatusOk) return 0;
+    const DataEntry described = pages.EntryAt(place);
+    const BlockFilter::Probe probe(pages.KeyAt(place));
     const bool hides =
         std::any_of(entries.begin(), entries.begin() + static_cast<ptrdiff_t>(newer),
                     [&](const std::shared_ptr<BlockEntry>& older) {

@@ -6,7 +6,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "block/block.h"
@@ -23,15 +25,28 @@ struct OpenBlock {
 // Oldest first.
 using BlockSet = std::vector<OpenBlock>;
 
+// An entry of a block: what it says, and the CRC-32C of key and value if it carries one.
+struct FoundEntry {
+  DataEntry entry;
+  std::optional<uint32_t> checksum;
+
+  explicit FoundEntry(const BlockIndex::Record& record);
+};
+
 // Reads the value of an entry of `block`, which stands under `key`, to `*value`, and compares it with the checksum that the
 // entry may carry.
 //
 // kStatusBlockShortRead  the system could not read
 // kStatusBlockCorrupt    the file ends before the value does, or the checksum differs
-uint32_t ReadBlockValue(const Block& block, uint32_t i, std::string_view key, std::string* value);
+uint32_t ReadBlockValue(const Block& block, const FoundEntry& found, std::string_view key,
+                        std::string* value);
 
-// The entry of `key` in one block of the set, newest first: `*block` null when no block has it. kStatusBlockCorrupt
-// when a damaged block may hold it.
-uint32_t FindInBlocks(const BlockSet& blocks, std::string_view key, const Block** block, uint32_t* index);
+// The entry of `key` in one block, if it has one. kStatusBlockCorrupt when damage keeps it from being known;
+// kStatusBlockShortRead.
+uint32_t FindInBlock(const Block& block, std::string_view key, std::optional<FoundEntry>* found);
+
+// The same in the newest block of the set that has the key: `*block` null when none has.
+uint32_t FindInBlocks(const BlockSet& blocks, std::string_view key, const Block** block,
+                      std::optional<FoundEntry>* found);
 
 }  // namespace Kestrun

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "base/clock.h"
+#include "block/block_pages.h"
 #include "engine/manifest_filter.h"
 #include "engine/pending_block_file.h"
 #include "kestrun/status.h"
@@ -45,11 +46,15 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
   MergeOptions options;
   options.keepsHidden = !toOldest;
   options.stop = stop;
-  if (const uint32_t status = Block::Merge(file.Path(), sources, options, &written); status != kStatusOk) {
+  options.maxIndexed = kMaxIndexedEntries;
+  std::shared_ptr<const BlockFilter> keys;
+  if (const uint32_t status = Block::Merge(file.Path(), sources, options, &written, &keys);
+      status != kStatusOk) {
     return status == kStatusBlockWriteFailed ? ExplainFailedMerge(run, stop) : status;
   }
   const std::shared_ptr<Block> block(written);
-  const std::vector<uint8_t> filter = BuildManifestFilter(*block);
+  std::vector<uint8_t> filter;
+  if (const uint32_t status = BuildManifestFilter(*block, &filter); status != kStatusOk) return status;
   {
     const ManifestSection section(core_, LockLevel::Exclusive);
     if (section.Status() != kStatusOk) return section.Status();
@@ -57,7 +62,7 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
     if (*done) {
       file.Commit();
       for (const std::shared_ptr<BlockEntry>& entry : run) cache_.Erase(entry->name);
-      cache_.Put(file.Name(), block, manifest_->FindEntry(file.Name()));
+      cache_.Put(file.Name(), block, manifest_->FindEntry(file.Name()), keys);
     }
     if (status != kStatusOk) {
       file.Commit();  // the journal may still bring it into the list
@@ -113,8 +118,10 @@ uint32_t Store::Impl::HasHidden(const std::shared_ptr<BlockEntry>& entry, bool* 
   std::shared_ptr<Block> block;
   if (const uint32_t status = LoadBlock(entry, &block); status != kStatusOk) return status;
   const uint64_t now = NowSeconds();
+  BlockPages pages(*block);
   for (uint32_t i = 0; i < block->Count() && !*hasHidden; ++i) {
-    const DataEntry found = block->EntryAt(i);
+    if (const uint32_t status = pages.Load(i); status != kStatusOk) return status;
+    const DataEntry found = pages.EntryAt(i);
     *hasHidden = found.deleted || !IsAlive(found.timestamp, found.ttl, now);
   }
   return kStatusOk;

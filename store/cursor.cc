@@ -5,6 +5,7 @@
 
 #include "base/catch_bad_alloc.h"
 #include "base/clock.h"
+#include "base/diagnostics.h"
 #include "format/crc32c.h"
 #include "kestrun/status.h"
 #include "store/cursor_impl.h"
@@ -15,6 +16,13 @@ namespace {
 constexpr size_t kMinReadAhead = 4 * 1024;
 constexpr size_t kMaxReadAhead = 256 * 1024;
 
+uint32_t TellDamage(const Block& block, uint32_t status) {
+  if (status == kStatusBlockCorrupt) {
+    Diagnostics::HandlerOnly().Printf("Block file %s is damaged\n", block.File()->Path().c_str());
+  }
+  return status;
+}
+
 }  // namespace
 
 Cursor::Impl::Impl(std::shared_ptr<const Snapshot::Impl> snapshot, const Range& range)
@@ -23,22 +31,32 @@ Cursor::Impl::Impl(std::shared_ptr<const Snapshot::Impl> snapshot, const Range& 
       log_{LogIndex::Iterator(snapshot_->log.filling->index, snapshot_->log.end), false, {}},
       status_(kStatusOk) {
   for (const OpenBlock& open : *snapshot_->blocks) {
-    if (open.block == nullptr) {
-      hasDamagedBlock_ = true;
-      continue;
-    }
-    const uint32_t begin = range_.from.empty() ? 0 : open.block->LowerBound(range_.from);
-    const uint32_t end = range_.to.empty() ? open.block->Count() : open.block->LowerBound(range_.to);
-    if (begin < end) blocks_.push_back({open.block.get(), begin, end, end, false, {}});
+    const uint32_t status =
+        open.block == nullptr ? kStatusBlockCorrupt : TellDamage(*open.block, AddBlock(*open.block));
+    if (status != kStatusOk) damage_ = status;
   }
   logSource_ = blocks_.size();
+}
+
+uint32_t Cursor::Impl::AddBlock(const Block& block) {
+  if (block.Index() != nullptr && !block.Index()->IsOrdered()) return kStatusBlockCorrupt;
+  const BlockPages pages(block);
+  uint32_t begin = 0;
+  uint32_t end = block.Count();
+  uint32_t status = kStatusOk;
+  if (!range_.from.empty()) status = pages.LowerBound(range_.from, &begin);
+  if (status == kStatusOk && !range_.to.empty()) status = pages.LowerBound(range_.to, &end);
+  if (status == kStatusOk && begin < end) {
+    blocks_.push_back({&block, BlockPages(block), begin, end, end, false, {}});
+  }
+  return status;
 }
 
 // A damaged block may hold any key, so there is no walk that could be right.
 void Cursor::Impl::Reset() {
   current_ = kNone;
   entry_ = {};
-  status_ = hasDamagedBlock_ ? kStatusBlockCorrupt : kStatusOk;
+  status_ = damage_;
 }
 
 void Cursor::Impl::Fail(uint32_t status) {
@@ -49,7 +67,14 @@ void Cursor::Impl::Fail(uint32_t status) {
 
 void Cursor::Impl::TakeBlock(BlockPlace& place) {
   place.isValid = place.position >= place.begin && place.position < place.end;
-  if (place.isValid) place.key = place.block->KeyAt(place.position);
+  if (!place.isValid) return;
+  const uint32_t status = place.pages.Load(place.position, direction_ == Direction::Forward);
+  if (status != kStatusOk) {
+    place.isValid = false;
+    status_ = TellDamage(*place.block, status);
+    return;
+  }
+  place.key = place.pages.KeyAt(place.position);
 }
 
 void Cursor::Impl::TakeLog(Direction direction) {
@@ -66,8 +91,15 @@ void Cursor::Impl::SeekSources(std::string_view key, bool inclusive, Direction d
   direction_ = direction;
   const bool forward = direction == Direction::Forward;
   for (BlockPlace& place : blocks_) {
-    uint32_t found = std::clamp(place.block->LowerBound(key), place.begin, place.end);
-    const bool isThere = found < place.end && place.block->KeyAt(found) == key;
+    uint32_t found = 0;
+    uint32_t status = place.pages.LowerBound(key, &found);
+    found = std::clamp(found, place.begin, place.end);
+    if (status == kStatusOk && found < place.end) status = place.pages.Load(found, forward);
+    if (status != kStatusOk) {
+      status_ = TellDamage(*place.block, status);
+      return;
+    }
+    const bool isThere = found < place.end && place.pages.KeyAt(found) == key;
     if (forward && isThere && !inclusive) ++found;
     if (!forward && !(isThere && inclusive)) --found;  // wraps below the first entry, which is no valid place
     place.position = found;
@@ -108,6 +140,10 @@ void Cursor::Impl::Step(size_t source) {
 void Cursor::Impl::Settle() {
   const bool forward = direction_ == Direction::Forward;
   for (;;) {
+    if (status_ != kStatusOk) {
+      Fail(status_);
+      return;
+    }
     size_t best = kNone;
     std::string_view bestKey;
     // From the oldest source on: of equal keys the last one counts.
@@ -132,6 +168,7 @@ void Cursor::Impl::Settle() {
     for (size_t i = 0; i < blocks_.size() && i < best; ++i) {
       if (blocks_[i].isValid && blocks_[i].key == bestKey) Step(i);
     }
+    if (status_ != kStatusOk) continue;
     key_ = bestKey;
     if (TakeCurrent()) return;
     Step(best);
@@ -141,7 +178,7 @@ void Cursor::Impl::Settle() {
 // False when the entry is not alive.
 bool Cursor::Impl::TakeCurrent() {
   entry_ = current_ == logSource_ ? log_.position.Get().entry
-                                  : blocks_[current_].block->EntryAt(blocks_[current_].position);
+                                  : blocks_[current_].pages.EntryAt(blocks_[current_].position);
   if (entry_.deleted || !IsAlive(entry_.timestamp, entry_.ttl, snapshot_->seconds)) return false;
   return true;
 }
@@ -214,9 +251,9 @@ uint32_t Cursor::Impl::Value(std::string_view* bytes) {
   const BlockPlace& place = blocks_[current_];
   std::string_view found;
   if (const uint32_t status = ReadAhead(place, &found); status != kStatusOk) return status;
-  uint32_t crc = 0;
-  if (place.block->ChecksumAt(place.position, &crc) &&
-      Crc32c(found.data(), found.size(), Crc32c(key_.data(), key_.size())) != crc) {
+  const BlockIndex::Record& record = place.pages.RecordAt(place.position);
+  if (record.hasChecksum &&
+      Crc32c(found.data(), found.size(), Crc32c(key_.data(), key_.size())) != record.checksum) {
     return kStatusBlockCorrupt;
   }
   *bytes = found;
@@ -237,7 +274,7 @@ uint32_t Cursor::Impl::ReadAhead(const BlockPlace& place, std::string_view* byte
                         begin <= bufferStart_ + bufferSize_ + kMaxReadAhead;
     const bool goesBack = bufferBlock_ == place.block && end <= bufferStart_ + bufferSize_ &&
                           end + kMaxReadAhead >= bufferStart_;
-    readAhead_ = goesOn || goesBack ? std::min(readAhead_ * 4, kMaxReadAhead) : kMinReadAhead;
+    readAhead_ = goesOn || goesBack ? std::min(readAhead_ * 2, kMaxReadAhead) : kMinReadAhead;
     const uint64_t wanted = std::max<uint64_t>(entry_.valueSize, readAhead_);
     uint64_t start = begin;
     if (direction_ == Direction::Backward) start = end > wanted ? std::min(begin, end - wanted) : 0;

@@ -10,8 +10,10 @@
 #include <string_view>
 #include <vector>
 
+#include "block/block_pages.h"
 #include "kestrun/cursor.h"
 #include "kestrun/range.h"
+#include "kestrun/status.h"
 #include "store/snapshot_impl.h"
 
 namespace Kestrun {
@@ -45,6 +47,7 @@ class Cursor::Impl {
   // One block: the part of it that lies in the range, and the entry that it stands on.
   struct BlockPlace {
     const Block* block;
+    BlockPages pages;
     uint32_t begin;
     uint32_t end;
     uint32_t position;  // end: past the last one; walking backwards also past the first one
@@ -57,6 +60,7 @@ class Cursor::Impl {
     std::string_view key;
   };
 
+  uint32_t AddBlock(const Block& block);
   void Reset();
   void TakeBlock(BlockPlace& place);
   void TakeLog(Direction direction);
@@ -68,7 +72,7 @@ class Cursor::Impl {
 
   const std::shared_ptr<const Snapshot::Impl> snapshot_;
   const Range range_;
-  bool hasDamagedBlock_ = false;
+  uint32_t damage_ = kStatusOk;  // what keeps every walk from being right
 
   // Sources are numbered by age: the blocks from the oldest on, the log last.
   std::vector<BlockPlace> blocks_;

@@ -68,20 +68,16 @@ uint32_t Snapshot::Impl::Get(std::string_view key, std::optional<std::string>* v
   }
 
   const Block* block = nullptr;
-  uint32_t index = 0;
-  if (const uint32_t status = FindInBlocks(*blocks, key, &block, &index); status != kStatusOk) return status;
-  if (block == nullptr) {
+  std::optional<FoundEntry> found;
+  if (const uint32_t status = FindInBlocks(*blocks, key, &block, &found); status != kStatusOk) return status;
+  if (!found.has_value() || found->entry.deleted ||
+      !IsAlive(found->entry.timestamp, found->entry.ttl, seconds)) {
     value->reset();
     return kStatusOk;
   }
-  const DataEntry entry = block->EntryAt(index);
-  if (entry.deleted || !IsAlive(entry.timestamp, entry.ttl, seconds)) {
-    value->reset();
-    return kStatusOk;
-  }
-  std::string found;
-  const uint32_t status = ReadBlockValue(*block, index, key, &found);
-  if (status == kStatusOk) *value = std::move(found);
+  std::string bytes;
+  const uint32_t status = ReadBlockValue(*block, *found, key, &bytes);
+  if (status == kStatusOk) *value = std::move(bytes);
   return status;
 }
 

@@ -4,6 +4,7 @@
 // locked, so that the list fits to it.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -24,6 +25,9 @@ namespace Kestrun {
 namespace {
 
 constexpr unsigned int kLockMilliseconds = 5000;
+
+// Blocks are loaded until they have so many entries in all; of the others only what is asked for is read.
+constexpr uint32_t kMaxIndexed = 1 << 17;
 
 uint32_t OpenToRead(const std::string& path, uint32_t otherwise, std::shared_ptr<OsFile>* file) {
   errno = 0;
@@ -127,11 +131,13 @@ uint32_t ReadManifest(const std::string& path, BlockEntries* entries) {
   return ReadEntries(source, size, sizeof(ManifestHeader), entries);
 }
 
-uint32_t LoadListedBlock(const std::string& path, std::shared_ptr<Block>* block) {
+uint32_t LoadListedBlock(const std::string& path, uint32_t maxIndexed, std::shared_ptr<Block>* block) {
   const Diagnostics& diagnostics = Diagnostics::HandlerOnly();
   Block* loaded = nullptr;
   errno = 0;
-  const uint32_t status = Block::Load(path, &loaded, kAnyPageSize);
+  BlockLoading loading;
+  loading.maxIndexed = maxIndexed;
+  const uint32_t status = Block::Load(path, loading, &loaded, kAnyPageSize);
   const int error = errno;
   if (status == kStatusOk) {
     block->reset(loaded);
@@ -157,10 +163,12 @@ uint32_t OpenListed(const std::string& path, std::shared_ptr<const BlockSet>* bl
     }
     auto set = std::make_shared<BlockSet>();
     bool isComplete = true;
+    uint32_t left = kMaxIndexed;
     for (const std::shared_ptr<BlockEntry>& entry : entries) {
       std::shared_ptr<Block> block;
-      const uint32_t status = LoadListedBlock(path + "/" + entry->name + kBlockFileSuffix, &block);
+      const uint32_t status = LoadListedBlock(path + "/" + entry->name + kBlockFileSuffix, left, &block);
       if (status != kStatusOk && status != kStatusBlockCorrupt) return status;
+      if (block != nullptr && block->Index() != nullptr) left -= std::min(left, block->Count());
       isComplete = isComplete && block != nullptr;
       set->push_back({entry, std::move(block)});
     }

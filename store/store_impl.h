@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -28,6 +29,12 @@ inline constexpr int kMaxListReads = 20;
 
 // Blocks that a store keeps loaded and open: as many as compaction that takes care of itself leaves, and more.
 inline constexpr size_t kMaxOpenBlocks = 64;
+
+// Blocks with more entries have a table in memory instead of an index, which would take about 60 bytes for each key.
+inline constexpr uint32_t kMaxIndexedEntries = 1 << 20;
+
+// So many searches of a store may look into the files of large blocks that have not been loaded.
+inline constexpr uint32_t kMaxColdSearches = 8;
 
 // What GetStats counts.
 struct StoreCounters {
@@ -80,8 +87,10 @@ class Store::Impl {
 
   // The blocks of the list as it is now. kStatusBlockCorrupt is no failure here: see OpenBlock.
   uint32_t OpenBlocks(std::shared_ptr<const BlockSet>* blocks);
-  // The block of one entry of the list, from the cache or loaded. kStatusBlockCorrupt when it is damaged or gone.
-  uint32_t LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::shared_ptr<Block>* block);
+  // The block of one entry of the list, from the cache or loaded. `firstUse`: it may be cold. kStatusBlockCorrupt when it
+  // is damaged or gone.
+  uint32_t LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::shared_ptr<Block>* block,
+                     bool firstUse = false);
 
   // Merges `run`, which stand side by side in the list, into one block in their place. `toOldest`: no older block
   // remains, so that what is deleted or expired is dropped. `*done` false: the list has changed, and nothing was done.
@@ -109,7 +118,7 @@ class Store::Impl {
   const StoreOptions options_;
   const std::unique_ptr<Wal> wal_;
   const std::unique_ptr<Manifest> manifest_;
-  BlockCache cache_{kMaxOpenBlocks};
+  BlockCache cache_{kMaxOpenBlocks, kMaxIndexedEntries};
   StoreCounters counters_;
   const Core core_;
 
@@ -129,8 +138,12 @@ class Store::Impl {
   };
 
   uint32_t ListAgain(ManifestListPointer* list);
-  uint32_t SearchBlocks(std::string_view key, std::shared_ptr<Block>* block, uint32_t* index);
+  uint32_t SearchBlock(const std::shared_ptr<BlockEntry>& entry, std::string_view key,
+                       std::shared_ptr<Block>* block, std::optional<FoundEntry>* found);
+  uint32_t SearchBlocks(std::string_view key, std::shared_ptr<Block>* block,
+                        std::optional<FoundEntry>* found);
 
+  std::atomic<uint32_t> coldSearches_{0};
   std::atomic<std::thread::id> bodyThread_{std::thread::id()};
   std::weak_ptr<const BlockSet> lastSet_;                // guarded by the log's lock
   std::unordered_map<std::string, double> hiddenParts_;  // of blocks by name; for the thread of autoCompact_

@@ -20,17 +20,22 @@ void TellReason(const Diagnostics& diagnostics, const char* what, const std::str
 }
 
 // A file that is gone although it is listed is as good as damaged; its name may have been taken off the list since.
-uint32_t Store::Impl::LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::shared_ptr<Block>* block) {
+uint32_t Store::Impl::LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::shared_ptr<Block>* block,
+                                bool firstUse) {
   *block = cache_.FindOwned(entry->name, entry);
-  const std::string path = *block != nullptr ? std::string() : core_.BlockPath(entry->name);
-  if (*block == nullptr) *block = cache_.Find(entry->name, path, entry);
-  if (*block != nullptr) {
+  if (*block != nullptr && !(*block)->IsCold()) {
+    ++counters_.blockHits;
+    return kStatusOk;
+  }
+  const std::string path = core_.BlockPath(entry->name);
+  *block = cache_.Find(entry->name, path, entry);
+  if (*block != nullptr && (firstUse || !(*block)->IsCold())) {
     ++counters_.blockHits;
     return kStatusOk;
   }
   uint32_t status = kStatusOk;
   errno = 0;
-  *block = cache_.GetOrLoad(entry->name, path, &status, entry);
+  *block = cache_.GetOrLoad(entry->name, path, &status, entry, firstUse);
   if (*block != nullptr) {
     ++counters_.blockLoads;
     return kStatusOk;
@@ -58,9 +63,24 @@ uint32_t Store::Impl::ListAgain(ManifestListPointer* list) {
   return manifest_->LoadUnlocked(list);
 }
 
+// Loading a large block for the first few keys would take longer than looking for them in its file. But only a block that
+// was read whole can say that it lacks a key, or what is wrong with it.
+uint32_t Store::Impl::SearchBlock(const std::shared_ptr<BlockEntry>& entry, std::string_view key,
+                                  std::shared_ptr<Block>* block, std::optional<FoundEntry>* found) {
+  const bool isFirstUse = coldSearches_.load(std::memory_order_relaxed) < kMaxColdSearches;
+  if (const uint32_t status = LoadBlock(entry, block, isFirstUse); status != kStatusOk) return status;
+  if ((*block)->IsCold()) {
+    coldSearches_.fetch_add(1, std::memory_order_relaxed);
+    if (FindInBlock(**block, key, found) == kStatusOk && found->has_value()) return kStatusOk;
+    if (const uint32_t status = LoadBlock(entry, block); status != kStatusOk) return status;
+  }
+  return FindInBlock(**block, key, found);
+}
+
 // Newest first; the first block that has the key decides. One that is gone may have been merged meanwhile: the list is
 // read again then, and only a block that is still listed is damaged.
-uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>* block, uint32_t* index) {
+uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>* block,
+                                   std::optional<FoundEntry>* found) {
   ManifestListPointer list;
   if (const uint32_t status = manifest_->LoadUnlocked(&list); status != kStatusOk) return status;
   if (list->entries.empty()) return kStatusOk;
@@ -72,14 +92,8 @@ uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>*
       if (!KeyFilterMayContain(hash, (*entry)->filter) || !core_.MayContain(*entry, probe)) {
         continue;
       }
-      std::shared_ptr<Block> candidate;
-      status = LoadBlock(*entry, &candidate);
-      if (status != kStatusOk) break;
-      const uint32_t found = candidate->Find(key);
-      if (found == candidate->Count()) continue;
-      *block = std::move(candidate);
-      *index = found;
-      return kStatusOk;
+      status = SearchBlock(*entry, key, block, found);
+      if (status == kStatusOk && found->has_value()) return kStatusOk;
     }
     if (status != kStatusBlockCorrupt) return status;
     ManifestListPointer again;
@@ -110,16 +124,16 @@ uint32_t Store::Impl::GetLocked(std::string_view key, std::optional<std::string>
   }
 
   std::shared_ptr<Block> block;
-  uint32_t index = 0;
-  if (const uint32_t status = SearchBlocks(key, &block, &index); status != kStatusOk) return status;
-  const DataEntry entry = block == nullptr ? DataEntry() : block->EntryAt(index);
-  if (block == nullptr || entry.deleted || !IsAlive(entry.timestamp, entry.ttl, NowSeconds())) {
+  std::optional<FoundEntry> found;
+  if (const uint32_t status = SearchBlocks(key, &block, &found); status != kStatusOk) return status;
+  if (!found.has_value() || found->entry.deleted ||
+      !IsAlive(found->entry.timestamp, found->entry.ttl, NowSeconds())) {
     value->reset();
     return kStatusOk;
   }
-  std::string found;
-  const uint32_t status = ReadBlockValue(*block, index, key, &found);
-  if (status == kStatusOk) *value = std::move(found);
+  std::string bytes;
+  const uint32_t status = ReadBlockValue(*block, *found, key, &bytes);
+  if (status == kStatusOk) *value = std::move(bytes);
   return status;
 }
 

@@ -266,6 +266,34 @@ TEST_F(BlockCacheTest, AnEvictedBlockIsNotReadAgainWhileItsFileIsTheSame) {
   EXPECT_EQ(Get("block", &failure), nullptr) << "the file is gone";
 }
 
+TEST_F(BlockCacheTest, ALargeBlockIsColdAtItsFirstUseAndLoadedWhenAskedForAgain) {
+  std::vector<BlockImageEntry> entries;
+  for (uint32_t i = 0; i <= kMaxLoadedAtOnce; ++i) entries.push_back({std::to_string(100000 + i), "v"});
+  const std::string path = Store("large", BlockImage(entries).Bytes());
+  const std::string small = Store("small", BlockImage({{"k", "v"}}).Bytes());
+  const auto owner = std::make_shared<int>(0);
+  const auto get = [&](BlockCache& cache, const std::string& name, bool firstUse) {
+    return cache.GetOrLoad(name, PathOf(name), nullptr, owner, firstUse);
+  };
+
+  EXPECT_FALSE(get(cache_, "small", true)->IsCold());
+  const std::shared_ptr<Block> cold = get(cache_, "large", true);
+  ASSERT_TRUE(cold->IsCold());
+  EXPECT_EQ(get(cache_, "large", true), cold);
+  EXPECT_EQ(cache_.AskFilter("large", BlockFilter::Probe("absent"), owner), true) << "nothing is known yet";
+  const std::shared_ptr<Block> loaded = get(cache_, "large", false);
+  ASSERT_NE(loaded->Index(), nullptr);
+  EXPECT_EQ(get(cache_, "large", true), loaded);
+  EXPECT_EQ(cache_.AskFilter("large", BlockFilter::Probe("absent"), owner), false);
+
+  BlockCache withTables(2, kMaxLoadedAtOnce);
+  const std::shared_ptr<Block> learned = get(withTables, "large", false);
+  ASSERT_NE(learned->Table(), nullptr);
+  EXPECT_TRUE(learned->Table()->IsLearned());
+  EXPECT_EQ(withTables.AskFilter("large", BlockFilter::Probe("absent"), owner), false);
+  EXPECT_EQ(withTables.AskFilter("large", BlockFilter::Probe("100007"), owner), true);
+}
+
 TEST_F(BlockCacheTest, NothingIsPrinted) {
   CapturedStdout output;
   Store("corrupt", "x");

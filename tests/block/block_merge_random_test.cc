@@ -98,6 +98,44 @@ class RandomMergeTest : public BlockTest {
       ASSERT_EQ(value.status, kStatusOk);
       ASSERT_EQ(value.bytes, entry.value);
     }
+    for (const bool keepsHidden : {false, true}) ExpectSameStream(paths, keepsHidden);
+  }
+
+  // A merge in little memory writes the same file.
+  void ExpectSameStream(const std::vector<std::string>& paths, bool keepsHidden) {
+    std::vector<BlockSource> sources;
+    for (const std::string& path : paths) sources.push_back({path, nullptr});
+    MergeOptions options;
+    options.keepsHidden = keepsHidden;
+    std::unique_ptr<Block> blocks[2];
+    std::shared_ptr<const BlockFilter> filter;
+    uint64_t entries = 0;
+    for (const std::unique_ptr<Block>& block : Loaded(paths)) entries += block->Count();
+    const char* names[] = {"with an index", "streamed"};
+    for (int streamed : {0, 1}) {
+      std::remove(PathOf(names[streamed]).c_str());
+      if (streamed == 1) options.maxIndexed = 0;
+      Block* block = nullptr;
+      ASSERT_EQ(Block::Merge(PathOf(names[streamed]), sources, options, &block, &filter), kStatusOk);
+      blocks[streamed].reset(block);
+    }
+    ASSERT_TRUE(ReadFile(PathOf("streamed")) == ReadFile(PathOf("with an index")));
+    if (entries == 0) return;
+    ASSERT_NE(blocks[1]->Table(), nullptr);
+    ASSERT_EQ(blocks[1]->Count(), blocks[0]->Count());
+    ASSERT_NE(filter, nullptr);
+    for (uint32_t i = 0; i < blocks[0]->Count(); ++i) {
+      uint32_t position = UINT32_MAX;
+      ASSERT_EQ(blocks[1]->Table()->LowerBound(blocks[0]->KeyAt(i), &position), kStatusOk);
+      ASSERT_EQ(position, i);
+      ASSERT_TRUE(filter->MayContain(BlockFilter::Probe(blocks[0]->KeyAt(i))));
+    }
+  }
+
+  std::vector<std::unique_ptr<Block>> Loaded(const std::vector<std::string>& paths) {
+    std::vector<std::unique_ptr<Block>> blocks;
+    for (const std::string& path : paths) blocks.push_back(Load(path));
+    return blocks;
   }
 
   FakeClock clock_;

@@ -70,10 +70,9 @@ TEST_F(BlockWriterTest, AMergeCopiesMarkAndChecksumOfAnEntry) {
   for (const bool loaded : {false, true}) {
     const std::shared_ptr<Block> block = loaded ? std::shared_ptr<Block>(Load(path)) : nullptr;
     EXPECT_TRUE(Merge({{path, block}, {second, nullptr}}, DeadEntries::Drop) == expected.Bytes());
-    uint32_t checksum = 0;
-    EXPECT_TRUE(merged_->ChecksumAt(0, &checksum));
-    EXPECT_EQ(checksum, 0xC0FFEEu);
-    EXPECT_FALSE(merged_->ChecksumAt(1, &checksum));
+    EXPECT_TRUE(merged_->Index()->RecordAt(0).hasChecksum);
+    EXPECT_EQ(merged_->Index()->RecordAt(0).checksum, 0xC0FFEEu);
+    EXPECT_FALSE(merged_->Index()->RecordAt(1).hasChecksum);
   }
 }
 
