@@ -1,6 +1,7 @@
 // base/key_bytes.h: a key as the bytes that it consists of.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -33,6 +34,14 @@ inline uint64_t PrefixOf(std::string_view key) {
     std::memcpy(&prefix, padded, sizeof(prefix));
   }
   return __builtin_bswap64(prefix);
+}
+
+// How many bytes two keys have in common at their beginnings.
+inline size_t CommonPrefixSize(std::string_view left, std::string_view right) {
+  const size_t most = std::min(left.size(), right.size());
+  size_t size = 0;
+  while (size < most && left[size] == right[size]) ++size;
+  return size;
 }
 
 }  // namespace Kestrun

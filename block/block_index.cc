@@ -14,13 +14,6 @@ namespace {
 // Large enough to make few calls, small enough to stay in the cache until its entries are checked.
 constexpr size_t kReadSize = 5376 * sizeof(BlockDataEntry);  // 252 KiB
 
-size_t CommonPrefix(std::string_view left, std::string_view right) {
-  const size_t most = std::min(left.size(), right.size());
-  size_t size = 0;
-  while (size < most && left[size] == right[size]) ++size;
-  return size;
-}
-
 BlockIndex::Record ToRecord(const BlockDataEntry& entry) {
   const bool marked = entry.mark == kChecksummedMark;
   return {entry.valueOffset, entry.valueSize, entry.timestamp,    entry.ttl, marked ? entry.crc : 0,
@@ -162,7 +155,7 @@ void BlockIndex::FindOrder() {
   if (count != 0) prefixes_.Extend(count);
   common_ = 0;
   ordered_ = true;
-  if (count == 0 || BuildPrefixes(CommonPrefix(KeyAt(0), KeyAt(count - 1)))) return;
+  if (count == 0 || BuildPrefixes(CommonPrefixSize(KeyAt(0), KeyAt(count - 1)))) return;
   ordered_ = false;
   for (uint32_t i = 0; i < count; ++i) prefixes_[i] = PrefixOf(KeyAt(i));
 }

@@ -13,13 +13,6 @@ namespace {
 
 constexpr size_t kLearnWindow = 256 * 1024;
 
-size_t CommonPrefix(std::string_view left, std::string_view right) {
-  const size_t most = std::min(left.size(), right.size());
-  return static_cast<size_t>(
-      std::mismatch(left.begin(), left.begin() + static_cast<ptrdiff_t>(most), right.begin()).first -
-      left.begin());
-}
-
 }  // namespace
 
 BlockTable::BlockTable(std::shared_ptr<OsFile> file, const BlockSections& sections)
@@ -59,7 +52,7 @@ uint32_t BlockTable::WalkAll(uint64_t pageSize, BlockFilter* filter) {
     if (status == kStatusOk) status = ends.ReadPart(source, sections_, 0, 1);
     if (status == kStatusOk) common_ = ends.KeyAt(0);
     if (status == kStatusOk) status = ends.ReadPart(source, sections_, Count() - 1, 1);
-    if (status == kStatusOk) common_.resize(CommonPrefix(common_, ends.KeyAt(0)));
+    if (status == kStatusOk) common_.resize(CommonPrefixSize(common_, ends.KeyAt(0)));
   }
   groups_.Reserve(size_t{Count()} / kGroup + 1);
   std::string previous;

@@ -12,7 +12,7 @@ namespace Kestrun {
 namespace {
 
 // Values that lie side by side are copied together, up to this many bytes at a time.
-constexpr uint64_t kMaxRun = 1024 * 1024;
+constexpr uint64_t kMaxStreamedRun = 1024 * 1024;
 
 bool IsSet(const std::atomic<bool>* stop) {
   return stop != nullptr && stop->load(std::memory_order_relaxed);
@@ -93,7 +93,7 @@ class Sections {
 
   bool AppendValue(const DataEntry& entry) {
     const bool goesOn =
-        cursor_.Source() == runSource_ && entry.valueOffset == runOffset_ + runSize_ && runSize_ < kMaxRun;
+        cursor_.Source() == runSource_ && entry.valueOffset == runOffset_ + runSize_ && runSize_ < kMaxStreamedRun;
     if (!goesOn) {
       if (!CopyRun() || IsSet(stop_)) return false;
       runSource_ = cursor_.Source();
