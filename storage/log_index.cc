@@ -28,29 +28,66 @@ KeyPrefix KeyPrefix::Of(std::string_view key) {
   return {LoadBigEndian(padded), LoadBigEndian(padded + kHalf)};
 }
 
-// The keys' bytes follow the `height` links.
+// What a search looks at stands side by side. The payload and the key's bytes follow the `height` links.
 struct LogIndex::Node {
+  struct Payload {
+    uint64_t timestamp;
+    uint32_t valueOffset;
+    uint32_t valueSize;
+    uint32_t ttl;
+  };
+
   KeyPrefix prefix;
-  uint64_t timestamp;
   uint32_t offset;
-  uint32_t valueOffset;
-  uint32_t valueSize;
-  uint32_t ttl;
   uint16_t keySize;
   uint8_t height;
   bool deleted;
   std::atomic<Node*> links[1];
 
   Node* Next(int level) const { return links[level].load(std::memory_order_acquire); }
+  // The same, and has the processor fetch what follows on the level below, where a search goes if it does not go on here.
+  Node* NextAhead(int level) const {
+    if (level > 0) __builtin_prefetch(links[level - 1].load(std::memory_order_relaxed));
+    return Next(level);
+  }
+  Payload* AfterLinks() { return reinterpret_cast<Payload*>(&links[height]); }
+  const Payload* AfterLinks() const { return reinterpret_cast<const Payload*>(&links[height]); }
+  Version ToVersion() const {
+    const Payload& payload = *AfterLinks();
+    return {offset, {payload.valueOffset, payload.valueSize, deleted, payload.timestamp, payload.ttl}};
+  }
 };
 
 namespace {
+
+// Older versions that Find passes by one by one before it searches.
+constexpr int kMaxPassed = 4;
+
+constexpr size_t kMinSlots = 1024;
+
+uint64_t Mix(uint64_t hash, uint64_t word) {
+  hash = (hash ^ word) * 0x9E3779B97F4A7C15;
+  return hash ^ (hash >> 29);
+}
 
 constexpr size_t AlignedSize(size_t size) {
   return (size + kNodeAlignment - 1) / kNodeAlignment * kNodeAlignment;
 }
 
 }  // namespace
+
+// A slot holds the address of a node, whose lowest bits are zero, and in these some bits of the hash; 0 is a free slot.
+struct LogIndex::Table {
+  explicit Table(size_t slotCount) : mask(slotCount - 1), slots(new std::atomic<uintptr_t>[slotCount]) {
+    Clear();
+  }
+  void Clear() {
+    for (size_t i = 0; i <= mask; ++i) slots[i].store(0, std::memory_order_relaxed);
+  }
+
+  size_t mask;
+  std::unique_ptr<std::atomic<uintptr_t>[]> slots;
+};
 
 // Chunks that are too small for what comes next are passed over until the arena is cleared.
 void LogIndex::Arena::Reserve(size_t size) {
@@ -98,20 +135,84 @@ void LogIndex::MakeHead() {
 
 void LogIndex::Clear() {
   arena_.Clear();
+  if (tables_.size() > 1) tables_.erase(tables_.begin(), tables_.end() - 1);
+  if (!tables_.empty()) tables_.back()->Clear();
   height_.store(1, std::memory_order_relaxed);
   keyCount_.store(0, std::memory_order_relaxed);
   MakeHead();
 }
 
 void LogIndex::Reserve(size_t count, size_t keyBytes) {
-  const size_t largest = offsetof(Node, links) + kMaxHeight * sizeof(std::atomic<Node*>) + kNodeAlignment;
+  const size_t largest = offsetof(Node, links) + kMaxHeight * sizeof(std::atomic<Node*>) +
+                         sizeof(Node::Payload) + kNodeAlignment;
   arena_.Reserve(count * largest + keyBytes);
+  ReserveTable(KeyCount() + count);
+}
+
+uint64_t LogIndex::HashOf(const Target& target) {
+  constexpr size_t kPrefix = sizeof(KeyPrefix);
+  uint64_t hash = Mix(Mix(target.key.size(), target.prefix.high), target.prefix.low);
+  if (target.key.size() > kPrefix) {
+    std::string_view rest = target.key.substr(kPrefix);
+    uint64_t word = 0;
+    for (; rest.size() >= sizeof(word); rest.remove_prefix(sizeof(word))) {
+      std::memcpy(&word, rest.data(), sizeof(word));
+      hash = Mix(hash, word);
+    }
+    word = 0;
+    if (!rest.empty()) std::memcpy(&word, rest.data(), rest.size());
+    hash = Mix(hash, word);
+  }
+  return Mix(hash, hash >> 32);
+}
+
+uintptr_t LogIndex::Tagged(const Node* node, uint64_t hash) {
+  return reinterpret_cast<uintptr_t>(node) | (hash >> 61);
+}
+
+// Puts `node` into the slot of `replaced`, which has the same key, or into a free one.
+void LogIndex::PutInto(Table& table, uint64_t hash, const Node* node, const Node* replaced) {
+  const uintptr_t old = replaced == nullptr ? 0 : Tagged(replaced, hash);
+  size_t slot = hash & table.mask;
+  while (table.slots[slot].load(std::memory_order_relaxed) != old) slot = (slot + 1) & table.mask;
+  table.slots[slot].store(Tagged(node, hash), std::memory_order_release);
+}
+
+const LogIndex::Node* LogIndex::NewestOf(const Target& target) const {
+  const Table* const table = table_.load(std::memory_order_acquire);
+  if (table == nullptr) return nullptr;
+  const uint64_t hash = HashOf(target);
+  for (size_t slot = hash & table->mask;; slot = (slot + 1) & table->mask) {
+    const uintptr_t tagged = table->slots[slot].load(std::memory_order_acquire);
+    if (tagged == 0) return nullptr;
+    if ((tagged & (kNodeAlignment - 1)) != hash >> 61) continue;
+    const auto* node = reinterpret_cast<const Node*>(tagged & ~uintptr_t{kNodeAlignment - 1});
+    if (node->prefix == target.prefix && KeyOf(*node) == target.key) return node;
+  }
+}
+
+void LogIndex::ReserveTable(size_t keys) {
+  Table* const old = table_.load(std::memory_order_relaxed);
+  size_t slots = old == nullptr ? kMinSlots : old->mask + 1;
+  while (slots < keys * 2) slots *= 2;
+  if (old != nullptr && slots == old->mask + 1) return;
+  auto table = std::make_unique<Table>(slots);
+  if (old != nullptr) {
+    for (size_t i = 0; i <= old->mask; ++i) {
+      const uintptr_t tagged = old->slots[i].load(std::memory_order_relaxed);
+      if (tagged == 0) continue;
+      const auto* node = reinterpret_cast<const Node*>(tagged & ~uintptr_t{kNodeAlignment - 1});
+      PutInto(*table, HashOf(Target(KeyOf(*node))), node, nullptr);
+    }
+  }
+  tables_.push_back(std::move(table));
+  table_.store(tables_.back().get(), std::memory_order_release);
 }
 
 LogIndex::~LogIndex() = default;
 
 std::string_view LogIndex::KeyOf(const Node& node) {
-  return {reinterpret_cast<const char*>(&node.links[node.height]), node.keySize};
+  return {reinterpret_cast<const char*>(node.AfterLinks() + 1), node.keySize};
 }
 
 namespace {
@@ -139,10 +240,10 @@ const LogIndex::Node* LogIndex::FirstNotBefore(const Target& target, uint32_t of
   const Node* node = head_;
   const Node* passed = nullptr;  // known not to be before, from the level above
   for (int level = height_.load(std::memory_order_relaxed) - 1;; --level) {
-    const Node* next = node->Next(level);
+    const Node* next = node->NextAhead(level);
     while (next != nullptr && next != passed && IsBefore(*next, target, offset)) {
       node = next;
-      next = node->Next(level);
+      next = node->NextAhead(level);
     }
     if (level == 0) return next;
     passed = next;
@@ -152,10 +253,10 @@ const LogIndex::Node* LogIndex::FirstNotBefore(const Target& target, uint32_t of
 const LogIndex::Node* LogIndex::LastBefore(const Target& target, uint32_t offset) const {
   const Node* node = head_;
   for (int level = height_.load(std::memory_order_relaxed) - 1; level >= 0; --level) {
-    const Node* next = node->Next(level);
+    const Node* next = node->NextAhead(level);
     while (next != nullptr && IsBefore(*next, target, offset)) {
       node = next;
-      next = node->Next(level);
+      next = node->NextAhead(level);
     }
   }
   return node == head_ ? nullptr : node;
@@ -172,10 +273,10 @@ void LogIndex::FindPlace(const Target& target, uint32_t offset, Node** before) c
   Node* node = head_;
   const Node* passed = nullptr;
   for (int level = height - 1; level >= 0; --level) {
-    Node* next = node->Next(level);
+    Node* next = node->NextAhead(level);
     while (next != nullptr && next != passed && IsBefore(*next, target, offset)) {
       node = next;
-      next = node->Next(level);
+      next = node->NextAhead(level);
     }
     before[level] = node;
     passed = next;
@@ -197,25 +298,24 @@ void LogIndex::Insert(std::string_view key, const Version& version) {
   const Node* older = before[0]->Next(0);
   const bool isKnownKey = older != nullptr && older->prefix == target.prefix && KeyOf(*older) == key;
   if (isKnownKey && older->offset == version.offset) return;
-  // A version older than one that is there: the key may stand before the place only.
-  const bool hasNewer = !isKnownKey && before[0] != head_ && KeyOf(*before[0]) == key;
-
+  const bool hasNewer = before[0] != head_ && before[0]->prefix == target.prefix && KeyOf(*before[0]) == key;
+  const bool isNewKey = !isKnownKey && !hasNewer;
+  if (isNewKey) ReserveTable(KeyCount() + 1);
   const int height = DrawHeight();
-  auto* node = static_cast<Node*>(arena_.Allocate(
-      offsetof(Node, links) + static_cast<size_t>(height) * sizeof(std::atomic<Node*>) + key.size()));
+  auto* node = static_cast<Node*>(arena_.Allocate(offsetof(Node, links) +
+                                                  static_cast<size_t>(height) * sizeof(std::atomic<Node*>) +
+                                                  sizeof(Node::Payload) + key.size()));
   node->prefix = target.prefix;
-  node->timestamp = version.entry.timestamp;
   node->offset = version.offset;
-  node->valueOffset = version.entry.valueOffset;
-  node->valueSize = version.entry.valueSize;
-  node->ttl = version.entry.ttl;
   node->keySize = static_cast<uint16_t>(key.size());
   node->height = static_cast<uint8_t>(height);
   node->deleted = version.entry.deleted;
+  *node->AfterLinks() = {version.entry.timestamp, version.entry.valueOffset, version.entry.valueSize,
+                         version.entry.ttl};
   for (int level = 0; level < height; ++level) {
     new (&node->links[level]) std::atomic<Node*>(before[level]->Next(level));
   }
-  std::memcpy(static_cast<void*>(&node->links[height]), key.data(), key.size());
+  std::memcpy(static_cast<void*>(node->AfterLinks() + 1), key.data(), key.size());
 
   if (height > height_.load(std::memory_order_relaxed)) height_.store(height, std::memory_order_relaxed);
   // From the bottom up: a reader that finds the node on one level finds it on those below.
@@ -223,15 +323,25 @@ void LogIndex::Insert(std::string_view key, const Version& version) {
     before[level]->links[level].store(node, std::memory_order_release);
     if (before[level] == last_[level]) last_[level] = node;
   }
-  if (!isKnownKey && !hasNewer) keyCount_.fetch_add(1, std::memory_order_relaxed);
+  if (!hasNewer) {
+    PutInto(*table_.load(std::memory_order_relaxed), HashOf(target), node, isKnownKey ? older : nullptr);
+  }
+  if (isNewKey) keyCount_.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool LogIndex::Find(std::string_view key, uint32_t limit, Version* version) const {
   if (limit == 0) return false;
   const Target target(key);
-  const Node* node = FirstNotBefore(target, limit - 1);
-  if (node == nullptr || node->prefix != target.prefix || KeyOf(*node) != key) return false;
-  *version = {node->offset, {node->valueOffset, node->valueSize, node->deleted, node->timestamp, node->ttl}};
+  const auto isOfKey = [&](const Node* node) {
+    return node != nullptr && node->prefix == target.prefix && KeyOf(*node) == key;
+  };
+  // Older versions follow the newest one.
+  const Node* node = NewestOf(target);
+  for (int i = 0; isOfKey(node) && node->offset >= limit; ++i) {
+    node = i < kMaxPassed ? node->Next(0) : FirstNotBefore(target, limit - 1);
+  }
+  if (!isOfKey(node)) return false;
+  *version = node->ToVersion();
   return true;
 }
 
@@ -302,8 +412,7 @@ std::string_view LogIndex::Iterator::Key() const {
 }
 
 LogIndex::Version LogIndex::Iterator::Get() const {
-  return {node_->offset,
-          {node_->valueOffset, node_->valueSize, node_->deleted, node_->timestamp, node_->ttl}};
+  return node_->ToVersion();
 }
 
 }  // namespace Kestrun

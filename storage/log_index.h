@@ -1,6 +1,6 @@
 // storage/log_index.h: the ordered index of one filling of the log: which record holds which key.
 //
-// A skip list of versions. A version is one record; its offset in the log is its version number, because a log only
+// A skip list of versions, and a hash table of the newest version of each key, through which single keys are found. A version is one record; its offset in the log is its version number, because a log only
 // grows until it is reset. Versions of one key stand newest first, so that a reader who goes by the first `limit` bytes
 // of the log finds the state of the moment when the log was that long. Nothing is ever taken out: a reset of the log
 // begins a new index.
@@ -84,6 +84,10 @@ class LogIndex {
     size_t current_ = 0;  // the chunk that is handed out; those after it are empty
     size_t used_ = 0;     // bytes of it
   };
+  // The newest version of each key, by the key's hash: open addressing. A table is replaced by a larger one when it is
+  // half full; readers may still be in the old one, so it stays until the index is cleared.
+  struct Table;
+
   // What a search looks for, taken apart once.
   struct Target {
     explicit Target(std::string_view key);
@@ -98,8 +102,15 @@ class LogIndex {
   void FindPlace(const Target& target, uint32_t offset, Node** before) const;
   void MakeHead();
   int DrawHeight();
+  static uint64_t HashOf(const Target& target);
+  static uintptr_t Tagged(const Node* node, uint64_t hash);
+  static void PutInto(Table& table, uint64_t hash, const Node* node, const Node* replaced);
+  const Node* NewestOf(const Target& target) const;
+  void ReserveTable(size_t keys);
 
   Arena arena_;
+  std::vector<std::unique_ptr<Table>> tables_;  // the last one is in use
+  std::atomic<Table*> table_{nullptr};
   Node* head_;
   std::atomic<int> height_{1};
   std::atomic<size_t> keyCount_{0};
