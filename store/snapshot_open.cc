@@ -110,6 +110,9 @@ uint32_t ReadManifest(const std::string& path, BlockEntries* entries) {
   const ManifestHeaderView header = ReadManifestHeader(source);
   if (!header.complete || !header.checksumMatches) return kStatusManifestChecksum;
   if (!header.magicMatches) return kStatusBadMagic;
+  // Nothing was ever recorded. An entry that stands there all the same is one whose process ended before it counted:
+  // whoever opens the store does not see it either.
+  if (header.header.generation == 0) return kStatusOk;
   uint64_t size = 0;
   if (file->Size(&size) != 0) return kStatusStatFailed;
 
