@@ -123,13 +123,15 @@ void Expect(ScriptedStore* store, int key, int number, Verdict* verdict) {
 }
 
 // Only the log can be wrong about a key, and only with a record that reaches beyond its first page.
+// Store can tell: of what it has written nothing may be wrong anywhere.
 void Judge(int key, int found, uint32_t status, const Promise& promise, const LogContents& log, bool whole,
            Verdict* verdict) {
   const std::set<int>& allowed = promise.allowed[static_cast<size_t>(key)];
   if (status == kStatusOk && allowed.count(found) != 0) return;
   const std::string name = ScriptKey(key);
   const auto record = log.newest.find(name);
-  if (whole || record == log.newest.end() || record->second.end <= kConsistentPart) {
+  const bool canTell = whole || promise.face == Face::Safe;
+  if (canTell || record == log.newest.end() || record->second.end <= kConsistentPart) {
     return Fail(verdict, "%s: %d and status %u in the place of %s(%s)", name.c_str(), found, status,
                 Text(allowed).c_str(), record == log.newest.end() ? "not in the log" : "in the log");
   }
@@ -163,9 +165,31 @@ void JudgeKeys(const std::string& directory, const Promise& promise, const LogCo
   if (status != kStatusOk) Fail(verdict, "EnumerateKeys gives %u", status);
 }
 
+// What the files show before anybody opens the store: some state that the store once had.
+bool JudgeFiles(const std::string& directory, const Promise& promise, Verdict* verdict,
+                std::vector<int>* found) {
+  uint32_t status = kStatusOk;
+  const std::string wrong = ReadThroughSnapshot(directory, &status, found);
+  if (!wrong.empty()) {
+    Fail(verdict, "%s", wrong.c_str());
+    return false;
+  }
+  if (status == kStatusStoreMissing && promise.promised == 0) return false;  // it is being made
+  if (status != kStatusOk) {
+    Fail(verdict, "Snapshot::Open gives %u", status);
+    return false;
+  }
+  if (promise.prefixes.empty()) return true;
+  for (const std::vector<int>& state : promise.prefixes) {
+    if (state == *found) return true;
+  }
+  Fail(verdict, "the keys hold what they never held at once");
+  return true;
+}
+
 bool WritesToLog(Step::Kind kind) {
   return kind == Step::Kind::Insert || kind == Step::Kind::Append || kind == Step::Kind::Delete ||
-         kind == Step::Kind::DeleteRange;
+         kind == Step::Kind::DeleteRange || kind == Step::Kind::Batch || kind == Step::Kind::Transact;
 }
 
 }  // namespace
@@ -189,35 +213,35 @@ Promise History::PromiseAt(size_t events) const {
       promise.opened = promise.opened || returned;
     }
     if (!returned) continue;
-    if (done.step.kind == Step::Kind::Flush || done.step.kind == Step::Kind::Clear) promise.promised = begun;
+    const Step::Kind kind = done.step.kind;
+    if (kind == Step::Kind::Flush || kind == Step::Kind::Clear || kind == Step::Kind::Sync)
+      promise.promised = begun;
     if (done.flushed && WritesToLog(done.step.kind)) promise.promised = std::max(promise.promised, begun - 1);
   }
+  bool isKnown = start_.allowed.empty();  // each state, and not only what each key may hold
+  std::vector<int> state(kScriptKeys, kAbsent);
+  if (promise.promised == 0) promise.prefixes.push_back(state);
   for (int index = 0; index < begun; ++index) {
-    const Step& step = steps_[static_cast<size_t>(index)].step;
+    const Done& done = steps_[static_cast<size_t>(index)];
     const int number = firstNumber_ + index;
     const auto write = [&](int key, int value) {
       std::set<int>& allowed = promise.allowed[static_cast<size_t>(key)];
       if (index < promise.promised) allowed.clear();
       allowed.insert(value);
+      state[static_cast<size_t>(key)] = value;
+      if (index >= promise.promised) promise.prefixes.push_back(state);
     };
-    switch (step.kind) {
-      case Step::Kind::Insert:
-      case Step::Kind::Append:
-        write(step.key, number);
-        break;
-      case Step::Kind::Delete:
-        write(step.key, kAbsent);
-        break;
-      case Step::Kind::DeleteRange:
-        for (int key = step.key; key < step.end; ++key) write(key, kAbsent);
-        break;
-      case Step::Kind::Clear:
-        for (int key = 0; key < kScriptKeys; ++key) write(key, kAbsent);
-        break;
-      default:
-        break;
+    for (const auto& [key, value] : WritesOf(number, done.step)) write(key, value);
+    if (done.step.kind == Step::Kind::Clear) {
+      for (int key = 0; key < kScriptKeys; ++key) write(key, kAbsent);
+      isKnown = isKnown && index < promise.promised;  // the blocks go before the log
     }
+    // The new block is listed before the log is emptied, and of the log any beginning may have arrived: it hides newer
+    // values that the block has.
+    if (done.flushed && done.end > events) isKnown = false;
+    if (index + 1 == promise.promised) promise.prefixes = {state};
   }
+  if (!isKnown || promise.face == Face::Older) promise.prefixes.clear();
   return promise;
 }
 
@@ -227,27 +251,35 @@ void CheckFirst(const DiskImage& image, const std::string& directory, const Prom
   const LogContents log = ReadLog(image);
   verdict->damaged = log.damaged;
   if (log.damaged && (whole || log.used <= kConsistentPart)) Fail(verdict, "a damaged record");
+  const bool isSafe = promise.face == Face::Safe;
   const std::string path = directory + "/" + kStoreName;
   const bool there = access(path.c_str(), F_OK) == 0;
   if (!there && promise.opened) return Fail(verdict, "the directory is not there");
 
-  JudgeKeys(path, promise, log, whole, verdict);
-  ScriptedStore store(path);
+  std::vector<int> shown;
+  bool isShown = false;
+  if (isSafe && there) isShown = JudgeFiles(path, promise, verdict, &shown);
+  if (!isSafe) JudgeKeys(path, promise, log, whole, verdict);
+  ScriptedStore store(path, promise.face);
   if (!Open(&store, promise, verdict)) return;
   for (int key = 0; key < kScriptKeys; ++key) {
     uint32_t status = 0;
     const int found = Look(&store, key, &status);
     Judge(key, found, status, promise, log, whole, verdict);
     verdict->found[key] = found;
+    if (isShown && found != shown[static_cast<size_t>(key)]) {
+      Fail(verdict, "%s: %d before the store was opened, %d after", ScriptKey(key).c_str(),
+           shown[static_cast<size_t>(key)], found);
+    }
   }
   Write(&store, kFirstOwnStep, {Step::Kind::Insert, kFirstCheckKey, 0, 50}, verdict);
 }
 
 void CheckSecond(const std::string& directory, const Promise& promise, Verdict* verdict) {
-  ScriptedStore store(directory + "/" + kStoreName);
+  ScriptedStore store(directory + "/" + kStoreName, promise.face);
   if (!Open(&store, promise, verdict)) return;
   uint32_t status = 0;
-  if (verdict->damaged && Look(&store, kFirstCheckKey, &status) == kAbsent) {
+  if (promise.face == Face::Older && verdict->damaged && Look(&store, kFirstCheckKey, &status) == kAbsent) {
     ++verdict->findings[static_cast<size_t>(Finding::Hidden)];
   } else {
     Expect(&store, kFirstCheckKey, kFirstOwnStep, verdict);
@@ -259,7 +291,7 @@ void CheckSecond(const std::string& directory, const Promise& promise, Verdict* 
 }
 
 void CheckThird(const std::string& directory, const Promise& promise, Verdict* verdict) {
-  ScriptedStore store(directory + "/" + kStoreName);
+  ScriptedStore store(directory + "/" + kStoreName, promise.face);
   if (!Open(&store, promise, verdict)) return;
   Expect(&store, kCheckRecordKey, kFirstOwnStep + 1, verdict);
   Expect(&store, kFirstCheckKey + 1, kFirstOwnStep + 2, verdict);

@@ -25,6 +25,10 @@ struct Promise {
   int promised = 0;                    // so many steps are promised
   uint32_t walSize = 0;                // as the script would open the store next
   bool opened = false;                 // the first opening had returned
+  Face face = Face::Older;             // through which it was written, and will be read
+  // What Store may show: the state after each write since what is promised. Empty where more than that is possible:
+  // while a flush or a clear is under way, or where it is not known what there was before.
+  std::vector<std::vector<int>> prefixes;
 };
 
 // The steps of a script with the events that were recorded meanwhile.
