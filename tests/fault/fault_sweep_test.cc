@@ -217,7 +217,8 @@ class Worker {
   // In processes of their own.
   void GoOn(const FaultCase& faultCase, long number) {
     for (int generation = 2; generation <= 3; ++generation) {
-      const int status = Run([&] { return RunGeneration(generation, directory_, &attempt_->progress); });
+      const int status =
+          Run([&] { return RunGeneration(generation, directory_, Face::Older, &attempt_->progress); });
       if (status == 0) continue;
       Fail(faultCase, number,
            status == 1 ? attempt_->progress.message : "the next process ends with " + std::to_string(status));

@@ -159,7 +159,10 @@ void StoreModel::Apply(int number, const Step& step, Outcome outcome) {
   if (step.kind == Step::Kind::Flush && done) inBlocks_ = possible_;
   if (step.kind == Step::Kind::Clear) {
     for (int key = 0; key < kScriptKeys; ++key) {
-      if (!done) possible_[Index(key)].insert(inBlocks_[Index(key)].begin(), inBlocks_[Index(key)].end());
+      // Store drops the blocks before the log.
+      if (!done && face_ == Face::Older) {
+        possible_[Index(key)].insert(inBlocks_[Index(key)].begin(), inBlocks_[Index(key)].end());
+      }
       write(key, kAbsent);
       if (done) inBlocks_[Index(key)] = {kAbsent};
     }
