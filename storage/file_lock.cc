@@ -127,7 +127,8 @@ uint32_t InodeInfo::WaitFor(LockLevel target, int descriptor, unsigned int milli
   ++*retries;
   bool hasGate = false;
   for (int tries = 0;; ++tries) {
-    const bool isLast = std::chrono::steady_clock::now() >= deadline;
+    // A process that the system did not run for that long has tried once only.
+    const bool isLast = tries + 2 >= kLockAttempts && std::chrono::steady_clock::now() >= deadline;
     // The gate byte is given back in any case, and only by a thread that is inside.
     const bool isInside = isLast && hasGate ? (Enter(), true) : TryEnter();
     if (isInside) {
