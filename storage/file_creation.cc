@@ -15,8 +15,19 @@ namespace {
 constexpr int kGuardAttempts = 1000;
 constexpr useconds_t kGuardRetryMicros = 1000;
 
+// A file whose room could not be had must not get the name: it would have its full length already, and whoever opens it
+// later, perhaps asking for less, would have to find that room again. A file system that can't reserve passes.
+bool ReserveRoom(int descriptor, uint64_t length) {
+  int result;
+  do {
+    result = fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length));
+  } while (result != 0 && errno == EINTR);
+  return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
+}
+
 bool FillAndLink(int descriptor, const std::string& path, const void* head, size_t headSize,
                  uint64_t length) {
+  if (length > headSize && !ReserveRoom(descriptor, length)) return false;
   if (pwrite(descriptor, head, headSize, 0) != static_cast<ssize_t>(headSize)) return false;
   if (ftruncate(descriptor, static_cast<off_t>(length)) != 0) return false;
   // Before it has a name: a name that survives a loss of power must lead to a complete header.

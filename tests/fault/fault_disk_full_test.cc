@@ -239,5 +239,31 @@ TEST(DiskFull, ALogWithHolesThatCanNotBeFilledIsNotOpened) {
   EXPECT_EQ(process.Wait(), 0);
 }
 
+// A log for which there was no room must not be in the way of a smaller one.
+int MakeSmallerLog(const std::string& directory, Face face) {
+  constexpr uint32_t kRoom = 64 * kPage;
+  constexpr uint32_t kSmallLog = 4 * kPage;
+  if (!MountSmallDisk(directory, kRoom)) return 0;
+  if (!DropStandardOutput()) return 1;
+  ScriptedStore store(directory + "/store", face);
+  if (store.Run(0, {Kind::Open, 0, 0, 4 * kRoom}).status != kStatusCreateFailed) return 2;
+  if (store.Run(1, {Kind::Open, 0, 0, kSmallLog}).status != kStatusOk) return 3;
+  if (store.Run(2, {Kind::Insert, 0, 0, 100}).status != kStatusOk) return 4;
+  store.Run(3, {Kind::Close});
+  // Neither when an existing one was to become larger. The older face begins a new log then.
+  if (store.Run(4, {Kind::Open, 0, 0, 4 * kRoom}).status != kStatusCreateFailed) return 5;
+  if (store.Run(5, {Kind::Open, 0, 0, kSmallLog}).status != kStatusOk) return 6;
+  if (face == Face::Safe && store.Run(6, {Kind::Get, 0}).found != 2) return 7;
+  return store.Run(7, {Kind::Insert, 1, 0, 100}).status == kStatusOk ? 0 : 8;
+}
+
+TEST(DiskFull, ALogThatDidNotFitIsMadeSmaller) {
+  for (const Face face : {Face::Older, Face::Safe}) {
+    const ScratchDirectory directory;
+    ChildProcess process([&](ChildLink&) { return MakeSmallerLog(directory.Path(), face); });
+    EXPECT_EQ(process.Wait(), 0) << (face == Face::Older ? "LSDBImpl" : "Store");
+  }
+}
+
 }  // namespace
 }  // namespace Kestrun::Testing
