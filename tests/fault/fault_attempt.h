@@ -20,14 +20,15 @@ struct FaultReport {
 // Runs the workload in the fresh directory. Every step must give success or a status that is documented for
 // it, reads that succeed must be right, and with `mustSucceed` nothing may fail at all. Afterwards, without
 // failures, the same process must find everything, and write, flush and compact. 0, or 1 with a message.
-int RunFaultAttempt(const std::string& directory, const FaultPlan& plan, bool mustSucceed,
+// Through Store, what it has open is counted before and after.
+int RunFaultAttempt(const std::string& directory, Face face, const FaultPlan& plan, bool mustSucceed,
                     FaultReport* report);
 
 // Begins the workload and ends the process with kEndedByPlan at the call that the plan names. 0 when there is
 // no such call.
-int RunUntilEnd(const std::string& directory, const FaultPlan& plan, FaultReport* report);
+int RunUntilEnd(const std::string& directory, Face face, const FaultPlan& plan, FaultReport* report);
 
 // As RunFaultAttempt, with a shorter workload on what such a process has left.
-int RunFaultyRecovery(const std::string& directory, const FaultPlan& plan, FaultReport* report);
+int RunFaultyRecovery(const std::string& directory, Face face, const FaultPlan& plan, FaultReport* report);
 
 }  // namespace Kestrun::Testing

@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,6 +52,11 @@ ssize_t Allowed(Fault fault, size_t count) {
   return static_cast<ssize_t>(count);
 }
 
+bool LinksFail() {
+  if (armed && plan.noLinks) errno = EXDEV;
+  return armed && plan.noLinks;
+}
+
 template <typename Function>
 Function Next(const char* name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
@@ -60,8 +66,9 @@ Function Next(const char* name) {
 
 __attribute__((visibility("default"))) const char* FaultName(Fault fault) {
   static const char* const names[] = {
-      "open",    "read",   "pread",  "write",  "fsync", "mmap",  "ftruncate", "fallocate", "fcntl", "mkdir",
-      "opendir", "linkat", "unlink", "access", "fstat", "lseek", "msync",     "flock",     "malloc"};
+      "open",  "read",  "pread",   "write",           "fsync",  "mmap",   "ftruncate", "fallocate",
+      "fcntl", "mkdir", "opendir", "linkat",          "unlink", "access", "fstat",     "lseek",
+      "msync", "flock", "rename",  "copy_file_range", "chmod",  "malloc"};
   static_assert(sizeof(names) / sizeof(names[0]) == kFaults);
   return names[static_cast<size_t>(fault)];
 }
@@ -89,6 +96,7 @@ __attribute__((visibility("default"))) long FaultHits() {
 using Kestrun::Testing::Allowed;
 using Kestrun::Testing::Fails;
 using Kestrun::Testing::Fault;
+using Kestrun::Testing::LinksFail;
 using Kestrun::Testing::Next;
 
 // The C library's functions, with what stands behind them.
@@ -185,7 +193,7 @@ DIR* opendir(const char* path) {
 }
 int linkat(int oldDirectory, const char* oldPath, int newDirectory, const char* newPath, int flags) noexcept {
   static const auto next = Next<int (*)(int, const char*, int, const char*, int)>("linkat");
-  return Fails(Fault::Link) ? -1 : next(oldDirectory, oldPath, newDirectory, newPath, flags);
+  return LinksFail() || Fails(Fault::Link) ? -1 : next(oldDirectory, oldPath, newDirectory, newPath, flags);
 }
 int unlink(const char* path) noexcept {
   static const auto next = Next<int (*)(const char*)>("unlink");
@@ -194,6 +202,40 @@ int unlink(const char* path) noexcept {
 int remove(const char* path) noexcept {
   static const auto next = Next<int (*)(const char*)>("remove");
   return Fails(Fault::Unlink) ? -1 : next(path);
+}
+int rmdir(const char* path) noexcept {
+  static const auto next = Next<int (*)(const char*)>("rmdir");
+  return Fails(Fault::Unlink) ? -1 : next(path);
+}
+int rename(const char* oldPath, const char* newPath) noexcept {
+  static const auto next = Next<int (*)(const char*, const char*)>("rename");
+  return Fails(Fault::Rename) ? -1 : next(oldPath, newPath);
+}
+// Not every C library has a function for renameat2.
+long syscall(long number, ...) noexcept {
+  va_list args;
+  va_start(args, number);
+  long values[6];
+  for (long& value : values) value = va_arg(args, long);
+  va_end(args);
+  static const auto next = Next<long (*)(long, ...)>("syscall");
+  if (number == SYS_renameat2 && Fails(Fault::Rename)) return -1;
+  return next(number, values[0], values[1], values[2], values[3], values[4], values[5]);
+}
+ssize_t copy_file_range(int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t count,
+                        unsigned int flags) {
+  static const auto next =
+      Next<ssize_t (*)(int, off64_t*, int, off64_t*, size_t, unsigned int)>("copy_file_range");
+  const ssize_t allowed = Allowed(Fault::CopyRange, count);
+  return allowed < 0 ? -1 : next(from, fromOffset, to, toOffset, static_cast<size_t>(allowed), flags);
+}
+int chmod(const char* path, mode_t mode) noexcept {
+  static const auto next = Next<int (*)(const char*, mode_t)>("chmod");
+  return Fails(Fault::Mode) ? -1 : next(path, mode);
+}
+int fchmod(int descriptor, mode_t mode) noexcept {
+  static const auto next = Next<int (*)(int, mode_t)>("fchmod");
+  return Fails(Fault::Mode) ? -1 : next(descriptor, mode);
 }
 int access(const char* path, int mode) noexcept {
   static const auto next = Next<int (*)(const char*, int)>("access");
@@ -205,6 +247,10 @@ int fstat(int descriptor, struct stat* info) noexcept {
 }
 int stat(const char* path, struct stat* info) noexcept {
   static const auto next = Next<int (*)(const char*, struct stat*)>("stat");
+  return Fails(Fault::Stat) ? -1 : next(path, info);
+}
+int lstat(const char* path, struct stat* info) noexcept {
+  static const auto next = Next<int (*)(const char*, struct stat*)>("lstat");
   return Fails(Fault::Stat) ? -1 : next(path, info);
 }
 off_t lseek(int descriptor, off_t offset, int whence) noexcept {
@@ -219,10 +265,11 @@ int flock(int descriptor, int operation) noexcept {
   static const auto next = Next<int (*)(int, int)>("flock");
   return Fails(Fault::LockWhole) ? -1 : next(descriptor, operation);
 }
-// What fails for good is tried several times; nobody has to wait for it.
+// What fails for good is tried several times; nobody has to wait for it. Shorter pauses are those of a wait that ends by
+// the clock.
 int usleep(useconds_t micros) {
   static const auto next = Next<int (*)(useconds_t)>("usleep");
-  return Kestrun::Testing::armed ? 0 : next(micros);
+  return Kestrun::Testing::armed && micros >= 1000 ? 0 : next(micros);
 }
 
 #pragma GCC visibility pop

@@ -26,15 +26,18 @@ enum class Fault {
   MakeDir,    // mkdir
   OpenDir,    // opendir
   Link,       // linkat
-  Unlink,     // unlink, remove
+  Unlink,     // unlink, remove, rmdir
   Access,     // access
-  Stat,       // fstat, stat
+  Stat,       // fstat, stat, lstat
   Seek,       // lseek
   SyncMap,    // msync
   LockWhole,  // flock
+  Rename,     // rename, and renameat2 through syscall
+  CopyRange,  // copy_file_range
+  Mode,       // chmod, fchmod
   Allocate,   // malloc and its kin, and thereby operator new
 };
-inline constexpr size_t kFaults = 19;
+inline constexpr size_t kFaults = 22;
 
 const char* FaultName(Fault fault);
 
@@ -46,6 +49,8 @@ struct FaultPlan {
   bool halves = false;
   // Where halves is set: the calls behind the first one do fail.
   bool failsBehind = false;
+  // No call of linkat succeeds besides, so that files are copied. Those count neither as calls nor as hits.
+  bool noLinks = false;
   // The process ends there, as if it were killed, with this exit status.
   bool ends = false;
   int error = 0;

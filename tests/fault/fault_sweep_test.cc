@@ -43,6 +43,7 @@ struct FaultCase {
   bool mustSucceed = false;
   bool halves = false;
   bool failsBehind = false;
+  bool noLinks = false;
 };
 
 constexpr bool kMustSucceed = true;
@@ -106,6 +107,20 @@ const FaultCase kSystemCalls[] = {
     {Fault::LockWhole, EINTR, Span::FromThenOn},
 };
 
+// What only Store asks for.
+const FaultCase kSystemCallsOfStore[] = {
+    {Fault::Rename, EIO, Span::Once},
+    {Fault::Rename, ENOSPC, Span::FromThenOn},
+    {Fault::Rename, EINVAL, Span::Once, kMustSucceed},  // a system without renameat2
+    {Fault::Mode, EPERM, Span::FromThenOn, kMustSucceed},
+    {Fault::Open, EACCES, Span::Once},
+    {Fault::CopyRange, EIO, Span::Once, false, false, false, true},
+    {Fault::CopyRange, ENOSPC, Span::FromThenOn, false, false, false, true},
+    {Fault::CopyRange, EXDEV, Span::FromThenOn, kMustSucceed, false, false, true},
+    {Fault::CopyRange, EINTR, Span::Thrice, kMustSucceed, false, false, true},
+    {Fault::CopyRange, 0, Span::FromThenOn, kMustSucceed, kHalves, false, true},
+};
+
 // Where a process ends before another one meets failures: the calls behind which a change takes effect.
 const Fault kEnds[] = {Fault::Truncate, Fault::Sync, Fault::Unlink, Fault::PWrite};
 
@@ -130,6 +145,7 @@ FaultPlan PlanFor(const FaultCase& faultCase, long number) {
   plan.error = faultCase.error;
   plan.halves = faultCase.halves;
   plan.failsBehind = faultCase.failsBehind;
+  plan.noLinks = faultCase.noLinks;
   plan.first = number;
   plan.last =
       faultCase.span == Span::FromThenOn ? LONG_MAX : number + (faultCase.span == Span::Thrice ? 2 : 0);
@@ -158,15 +174,16 @@ struct SweepReport {
 // One of the processes that share out the attempts.
 class Worker {
  public:
-  Worker(const std::string& directory, SweepReport* report) : directory_(directory), report_(report) {}
+  // `scratch` is for the worker alone.
+  Worker(const std::string& scratch, Face face, SweepReport* report)
+      : scratch_(scratch), directory_(scratch + "/store"), face_(face), report_(report) {}
 
   // False when there are fewer calls than that.
   bool Try(const FaultCase& faultCase, long number) {
-    std::filesystem::remove_all(directory_);
-    new (attempt_) FaultReport();
+    StartOver();
     const FaultPlan plan = PlanFor(faultCase, number);
     const int status =
-        Run([&] { return RunFaultAttempt(directory_, plan, faultCase.mustSucceed, attempt_); });
+        Run([&] { return RunFaultAttempt(directory_, face_, plan, faultCase.mustSucceed, attempt_); });
     if (status > 1) Fail(faultCase, number, "the process ends with " + std::to_string(status));
     if (status == 1) Fail(faultCase, number, attempt_->message);
     if (attempt_->hits == 0) return false;
@@ -181,16 +198,15 @@ class Worker {
   // One process ends at a call, and the next one, which finds what it left, meets failures. False when there
   // are fewer calls than that of either kind.
   bool TryRecovery(Fault end, long endNumber, const FaultCase& faultCase, long number) {
-    std::filesystem::remove_all(directory_);
-    new (attempt_) FaultReport();
+    StartOver();
     FaultPlan endPlan;
     endPlan.fault = end;
     endPlan.first = endNumber;
     endPlan.ends = true;
-    if (Run([&] { return RunUntilEnd(directory_, endPlan, attempt_); }) != kEndedByPlan) return false;
+    if (Run([&] { return RunUntilEnd(directory_, face_, endPlan, attempt_); }) != kEndedByPlan) return false;
     attempt_->hits = 0;
     const FaultPlan plan = PlanFor(faultCase, number);
-    const int status = Run([&] { return RunFaultyRecovery(directory_, plan, attempt_); });
+    const int status = Run([&] { return RunFaultyRecovery(directory_, face_, plan, attempt_); });
     const std::string where =
         "after an end at " + std::string(FaultName(end)) + " number " + std::to_string(endNumber) + ", ";
     if (status > 1) Fail(faultCase, number, where + "the process ends with " + std::to_string(status));
@@ -205,6 +221,12 @@ class Worker {
   }
 
  private:
+  void StartOver() {
+    std::filesystem::remove_all(scratch_);  // the store and its checkpoints
+    std::filesystem::create_directory(scratch_);
+    new (attempt_) FaultReport();
+  }
+
   template <typename Body>
   static int Run(Body body) {
     ChildProcess process([&](ChildLink&) {
@@ -218,7 +240,7 @@ class Worker {
   void GoOn(const FaultCase& faultCase, long number) {
     for (int generation = 2; generation <= 3; ++generation) {
       const int status =
-          Run([&] { return RunGeneration(generation, directory_, Face::Older, &attempt_->progress); });
+          Run([&] { return RunGeneration(generation, directory_, face_, &attempt_->progress); });
       if (status == 0) continue;
       Fail(faultCase, number,
            status == 1 ? attempt_->progress.message : "the next process ends with " + std::to_string(status));
@@ -233,7 +255,9 @@ class Worker {
                   Describe(faultCase, number).c_str(), message.c_str());
   }
 
+  const std::string scratch_;
   const std::string directory_;
+  const Face face_;
   SweepReport* const report_;
   FaultReport* const attempt_ = NewSharedObject<FaultReport>();
 };
@@ -247,14 +271,20 @@ void TryAll(Worker& worker, const FaultCase& faultCase, long calls, long most) {
 }
 
 // A run in which nothing fails; it tells how often each call is made.
-const FaultReport& RunWithoutFaults(const std::string& directory) {
+const FaultReport& RunWithoutFaults(const std::string& directory, Face face, bool noLinks = false) {
   FaultReport* report = NewSharedObject<FaultReport>();
-  ChildProcess process([&](ChildLink&) { return RunFaultAttempt(directory, {}, true, report); });
+  FaultPlan plan;
+  plan.noLinks = noLinks;
+  ChildProcess process([&](ChildLink&) { return RunFaultAttempt(directory, face, plan, true, report); });
   EXPECT_EQ(process.Wait(), 0) << report->message;
   return *report;
 }
 
-class FaultSweep : public testing::Test {
+std::string FaceName(const testing::TestParamInfo<Face>& face) {
+  return face.param == Face::Older ? "OlderFace" : "Store";
+}
+
+class FaultSweep : public testing::TestWithParam<Face> {
  protected:
   static ScratchDirectory ScratchInMemory() {
     if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 0);
@@ -271,7 +301,7 @@ class FaultSweep : public testing::Test {
     for (size_t i = 0; i < kWorkers; ++i) {
       reports[i] = NewSharedObject<SweepReport>();
       workers.push_back(std::make_unique<ChildProcess>([&, i](ChildLink&) {
-        Worker worker(scratch_.PathOf("store-" + std::to_string(i)), reports[i]);
+        Worker worker(scratch_.PathOf("worker-" + std::to_string(i)), GetParam(), reports[i]);
         for (size_t at = (*next)++; at < count; at = (*next)++) work(worker, at);
         return 0;
       }));
@@ -297,30 +327,37 @@ class FaultSweep : public testing::Test {
   const ScratchDirectory scratch_ = ScratchInMemory();
 };
 
-TEST_F(FaultSweep, AFailedSystemCallGivesAStatusAndLeavesTheStoreWhole) {
-  const auto most = static_cast<long>(TestSize(16, LONG_MAX / 4));
-  const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"));
-  Sweep("failure sweep over system calls", std::size(kSystemCalls), [&](Worker& worker, size_t at) {
-    TryAll(worker, kSystemCalls[at], whole.calls[static_cast<size_t>(kSystemCalls[at].fault)], most);
+TEST_P(FaultSweep, AFailedSystemCallGivesAStatusAndLeavesTheStoreWhole) {
+  const bool isStore = GetParam() == Face::Safe;
+  const auto most = static_cast<long>(TestSize(isStore ? 6 : 16, LONG_MAX / 4));
+  std::vector<FaultCase> cases(std::begin(kSystemCalls), std::end(kSystemCalls));
+  if (isStore) cases.insert(cases.end(), std::begin(kSystemCallsOfStore), std::end(kSystemCallsOfStore));
+  const FaultReport& linking = RunWithoutFaults(scratch_.PathOf("whole"), GetParam());
+  const FaultReport& copying = RunWithoutFaults(scratch_.PathOf("copied"), GetParam(), true);
+  Sweep("failure sweep over system calls", cases.size(), [&](Worker& worker, size_t at) {
+    const FaultReport& whole = cases[at].noLinks ? copying : linking;
+    TryAll(worker, cases[at], whole.calls[static_cast<size_t>(cases[at].fault)], most);
   });
 }
 
-TEST_F(FaultSweep, AFailedAllocationGivesAStatusAndLeavesTheStoreWhole) {
-  const auto most = static_cast<long>(TestSize(100, LONG_MAX / 4));
-  const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"));
+TEST_P(FaultSweep, AFailedAllocationGivesAStatusAndLeavesTheStoreWhole) {
+  const auto most = static_cast<long>(TestSize(GetParam() == Face::Safe ? 80 : 100, LONG_MAX / 4));
+  const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"), GetParam());
   Sweep("failure sweep over allocations", std::size(kAllocations), [&](Worker& worker, size_t at) {
     TryAll(worker, kAllocations[at], whole.calls[static_cast<size_t>(Fault::Allocate)], most);
   });
 }
 
-TEST_F(FaultSweep, AFailureAfterTheEndOfAProcessCostsNothingEither) {
+TEST_P(FaultSweep, AFailureAfterTheEndOfAProcessCostsNothingEither) {
   const auto most = static_cast<long>(TestSize(1, 40));
-  const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"));
+  const long stride = TestSize(1, 2) == 1 && GetParam() == Face::Safe ? 5 : 1;
+  const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"), GetParam());
   const size_t cases = std::size(kFaultsOfRecovery);
   Sweep("failure sweep after a kill", std::size(kEnds) * cases, [&](Worker& worker, size_t at) {
     const Fault end = kEnds[at / cases];
     const FaultCase& faultCase = kFaultsOfRecovery[at % cases];
-    for (long endNumber = 1; endNumber <= whole.calls[static_cast<size_t>(end)]; ++endNumber) {
+    const long begin = 1 + static_cast<long>(at) % stride;
+    for (long endNumber = begin; endNumber <= whole.calls[static_cast<size_t>(end)]; endNumber += stride) {
       // The opening and the reads behind it make the first calls. Few numbers are tried with each end, so
       // other ones with the next.
       const long first = 1 + (endNumber + static_cast<long>(at)) % 6 / most;
@@ -330,6 +367,8 @@ TEST_F(FaultSweep, AFailureAfterTheEndOfAProcessCostsNothingEither) {
     }
   });
 }
+
+INSTANTIATE_TEST_SUITE_P(Faces, FaultSweep, testing::Values(Face::Older, Face::Safe), FaceName);
 
 }  // namespace
 }  // namespace Kestrun::Testing
