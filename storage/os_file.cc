@@ -206,7 +206,12 @@ void* OsFile::Map(uint32_t length, uint32_t offset, uint32_t mapFlags) {
 }
 
 void OsFile::TrackMapping(void* address, uint32_t length) {
-  mappings_.emplace_back(address, length);
+  try {
+    mappings_.emplace_back(address, length);
+  } catch (...) {
+    munmap(address, length);  // nobody else would
+    throw;
+  }
 }
 
 uint32_t OsFile::Unmap(void* address) {
