@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -45,18 +46,13 @@ bool RemoveEntry(const std::string& path) {
 }  // namespace
 
 uint32_t RemoveDirectoryTree(const std::string& path) {
-  DIR* stream = opendir(path.c_str());
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(path.c_str()), &closedir);
   if (stream == nullptr) return kStatusOpenFailed;
-  while (const dirent* entry = readdir(stream)) {
+  while (const dirent* entry = readdir(stream.get())) {
     if (IsDotEntry(entry->d_name)) continue;
-    if (!RemoveEntry(path + "/" + entry->d_name)) {
-      closedir(stream);
-      return kStatusOpenFailed;
-    }
+    if (!RemoveEntry(path + "/" + entry->d_name)) return kStatusOpenFailed;
   }
-  const int removed = rmdir(path.c_str());
-  closedir(stream);
-  return removed == 0 ? kStatusOk : kStatusOpenFailed;
+  return rmdir(path.c_str()) == 0 ? kStatusOk : kStatusOpenFailed;
 }
 
 uint32_t RemoveFilesContaining(const std::string& directory, const std::string& text) {

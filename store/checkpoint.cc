@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/catch_bad_alloc.h"
 #include "format/block_format.h"
 #include "format/checksum.h"
 #include "format/file_magic.h"
@@ -169,7 +170,7 @@ uint32_t Store::Impl::Checkpoint(const std::string& directory) {
     return error == EACCES || error == EPERM || error == EROFS ? kStatusNoPermission : kStatusDirectoryFailed;
   }
   IgnoreStatus(static_cast<uint32_t>(chmod(partial.c_str(), ModeOf(path_))));  // 0700 will do
-  const uint32_t status = FillCheckpoint(*snapshot, partial, target);
+  const uint32_t status = CatchBadAlloc([&] { return FillCheckpoint(*snapshot, partial, target); });
   if (status != kStatusOk) IgnoreStatus(RemoveDirectoryTree(partial));  // the next attempt removes what stays
   return status;
 }
@@ -194,6 +195,7 @@ uint32_t Store::Impl::FillCheckpoint(const Snapshot::Impl& snapshot, const std::
     return fail(kStatusCreateFailed);
   }
   if (!SyncDirectory(partial)) return fail(kStatusSyncFailed);
+  const std::string parent = DirectoryOf(target);  // what may run out of memory comes before the name
   if (RenameToNew(partial, target) != 0) {
     if (errno == EEXIST || errno == ENOTEMPTY) return kStatusStoreExists;
     const bool isUnknown = errno == EINVAL || errno == ENOSYS;
@@ -202,7 +204,7 @@ uint32_t Store::Impl::FillCheckpoint(const Snapshot::Impl& snapshot, const std::
       return fail(kStatusCreateFailed);
     }
   }
-  if (SyncDirectory(DirectoryOf(target))) return kStatusOk;
+  if (SyncDirectory(parent)) return kStatusOk;
   const uint32_t status = fail(kStatusSyncFailed);
   IgnoreStatus(RemoveDirectoryTree(target));  // a failure leaves nothing
   return status;
