@@ -58,19 +58,23 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
   {
     const ManifestSection section(core_, LockLevel::Exclusive);
     if (section.Status() != kStatusOk) return section.Status();
+    // Whatever fails from here on, memory that runs out included: the list names the file then, or the journal may still
+    // bring it into the list.
+    file.Commit();
     const uint32_t status = manifest_->Replace(run, file.Name(), filter, done);
     if (*done) {
-      file.Commit();
       for (const std::shared_ptr<BlockEntry>& entry : run) cache_.Erase(entry->name);
       cache_.Put(file.Name(), block, manifest_->FindEntry(file.Name()), keys);
     }
     if (status != kStatusOk) {
-      file.Commit();  // the journal may still bring it into the list
       core_.diagnostics.Print("Failed to update manifest");
       return status;
     }
   }
-  if (!*done) return kStatusOk;
+  if (!*done) {
+    file.Abandon();
+    return kStatusOk;
+  }
   ++counters_.compactions;
   uint64_t bytes = 0;
   if (block->File()->Size(&bytes) == 0) counters_.bytesCompacted += bytes;
