@@ -95,6 +95,7 @@ class KESTRUN_EXPORT Store {
   // kStatusInvalid         the key, as in Put
   // kStatusBlockCorrupt    the newest block that may hold the key, or the value, is damaged or gone
   // kStatusBlockShortRead, kStatusOpenFailed, kStatusStatFailed, kStatusMapFailed  it can't be read at the moment
+  // kStatusNoPermission    the system does not allow to read the block
   // kStatusWalChecksum, kStatusManifestChecksum, kStatusManifestUnreadable  the log or the manifest is damaged
   // kStatusLockFailed, kStatusNoMemory
   [[nodiscard]] uint32_t Get(std::string_view key, std::optional<std::string>* value);

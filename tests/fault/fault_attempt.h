@@ -17,12 +17,18 @@ struct FaultReport {
   char message[1000];
 };
 
+enum class Workload {
+  Everything,
+  // Through Store: a few blocks, of which a merge and a checkpoint make more. Only these two meet failures.
+  MergeAndCheckpoint,
+};
+
 // Runs the workload in the fresh directory. Every step must give success or a status that is documented for
 // it, reads that succeed must be right, and with `mustSucceed` nothing may fail at all. Afterwards, without
 // failures, the same process must find everything, and write, flush and compact. 0, or 1 with a message.
 // Through Store, what it has open is counted before and after.
-int RunFaultAttempt(const std::string& directory, Face face, const FaultPlan& plan, bool mustSucceed,
-                    FaultReport* report);
+int RunFaultAttempt(const std::string& directory, Face face, Workload workload, const FaultPlan& plan,
+                    bool mustSucceed, FaultReport* report);
 
 // Begins the workload and ends the process with kEndedByPlan at the call that the plan names. 0 when there is
 // no such call.

@@ -601,7 +601,7 @@ bool IsExpectedFailureOfStore(Step::Kind kind, uint32_t status) {
                        kStatusSyncFailed, kStatusManifestWriteFailed, kStatusTruncateFailed,
                        kStatusSeekFailed, kStatusManifestUnreadable});
   const bool readFailed = IsOneOf(status, {kStatusBlockShortRead, kStatusOpenFailed, kStatusStatFailed,
-                                           kStatusMapFailed, kStatusManifestUnreadable});
+                                           kStatusMapFailed, kStatusManifestUnreadable, kStatusNoPermission});
   switch (kind) {
     case Step::Kind::Open:
       return IsOneOf(status, {kStatusDirectoryFailed, kStatusNoPermission, kStatusManifestUnreadable,
