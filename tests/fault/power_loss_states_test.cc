@@ -491,8 +491,8 @@ TEST(CrashStatesTest, AStoreThatStoreHasWrittenShowsNothingThatNobodyWrote) {
     const auto size = static_cast<uint32_t>(16 + random() % 900);
     script.push_back({random() % 2 == 0 ? Step::Kind::Batch : Step::Kind::Transact, key, key + 3, size});
   };
-  write(20);
-  for (int flush = 0; flush < 3; ++flush) {
+  write(14);
+  for (int flush = 0; flush < 2; ++flush) {
     write(6);
     script.push_back({Step::Kind::Flush});
   }
@@ -502,15 +502,15 @@ TEST(CrashStatesTest, AStoreThatStoreHasWrittenShowsNothingThatNobodyWrote) {
   script.push_back({Step::Kind::Sync});
   write(4);
   script.push_back({Step::Kind::Clear});
-  write(15);
+  write(10);
   script.push_back({Step::Kind::Close});
   script.push_back(Open(24576));  // the log is extended
-  write(20);
+  write(12);
 
   Recorder recorder({}, NothingYet());
   recorder.Run(script);
   if (HasFatalFailure()) return;
-  ExpectNoFindings(TryAll("written by Store", recorder.Finish(), 11, TestSize(2, 100)));
+  ExpectNoFindings(TryAll("written by Store", recorder.Finish(), 11, TestSize(1, 100)));
 }
 
 // A page that did not arrive shows a record of an earlier filling, whose own checksums are sound.
@@ -530,7 +530,7 @@ TEST(CrashStatesTest, ALogOfEqualSizedRecordsOfStoreShowsNoEarlierFilling) {
     if (HasFatalFailure()) return;
     if (filling == 1) recorder.BeginMoments();
   }
-  ExpectNoFindings(TryAll("equal-sized records of Store", recorder.Finish(), 12, TestSize(2, 100)));
+  ExpectNoFindings(TryAll("equal-sized records of Store", recorder.Finish(), 12, TestSize(1, 100)));
 }
 
 }  // namespace

