@@ -23,6 +23,8 @@ class StoreFiles {
   void PutBlock(const char* name, const std::string& bytes) {
     directory_.Put(std::string(name) + ".blk_v5", bytes);
   }
+  void Remove(const char* name) { directory_.Remove(name); }
+  void RemoveBlock(const char* name) { directory_.Remove(std::string(name) + ".blk_v5"); }
   const std::string& Path() const { return directory_.Path(); }
 
  private:

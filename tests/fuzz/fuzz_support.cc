@@ -13,6 +13,7 @@
 #include <set>
 #include <system_error>
 
+#include "format/crc32c.h"
 #include "tests/fuzz/fuzz_check.h"
 
 // Nothing is forced to the disk: a fuzz target has no loss of power.
@@ -72,8 +73,8 @@ void SealEntriesFrom(std::string& bytes, size_t offset) {
   }
 }
 
-size_t RoundUpToPage(size_t offset) {
-  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+size_t RoundUpToPage(size_t offset, size_t page) {
+  if (page == 0) page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   return (offset + page - 1) / page * page;
 }
 
@@ -148,6 +149,11 @@ void Directory::RemoveMadeBlocks() {
 std::string SealedLog(std::string bytes) {
   SealAt(bytes, 16, 0, 16);
   for (size_t offset = 128; offset + 40 <= bytes.size();) {
+    const uint64_t content = NumberAt(bytes, offset + 32, 2) + NumberAt(bytes, offset + 4, 4);
+    if (NumberAt(bytes, offset + 34, 2) == 0x4B43 && content <= bytes.size() - offset - 40) {
+      const uint32_t crc = Crc32c(bytes.data() + offset + 40, static_cast<size_t>(content));
+      std::memcpy(&bytes[offset + 28], &crc, sizeof(crc));
+    }
     SealAt(bytes, offset + 36, offset, offset + 36);
     offset += 40 + NumberAt(bytes, offset + 32, 2) + NumberAt(bytes, offset + 4, 4);
   }
@@ -168,7 +174,7 @@ std::string SealedSideFile(std::string bytes) {
   return bytes;
 }
 
-std::string BlockFromChunks(Input& input, bool seal) {
+std::string BlockFromChunks(Input& input, bool seal, size_t pageSize) {
   std::string file = input.Chunk();
   file.resize(128);
   if (seal) SealAt(file, 12, 0, 12);
@@ -183,7 +189,7 @@ std::string BlockFromChunks(Input& input, bool seal) {
     const size_t begin = file.size();
     file += bytes;
     const size_t declared = begin + NumberAt(bytes, 20, 4);
-    const size_t next = RoundUpToPage(declared < kFarthestTable ? declared : file.size());
+    const size_t next = RoundUpToPage(declared < kFarthestTable ? declared : file.size(), pageSize);
     if (section < 2) file.resize(next);
   }
   return file;

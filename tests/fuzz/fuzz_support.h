@@ -46,13 +46,14 @@ class Directory {
 };
 
 // Makes the store's checksums fit: of a log's header and of its records as far as one leads to the next, of a
-// manifest's header and entries. Bytes that are not there are not made.
+// manifest's header and entries. A record with the mark of a checked content gets the checksum of that. Bytes that are not there are not made.
 std::string SealedLog(std::string bytes);
 std::string SealedManifest(std::string bytes);
 std::string SealedSideFile(std::string bytes);
 
 // A block file from four chunks: the file header, and the three sections with their headers. The tables are
 // put where the sizes in the headers say, as far as that is near. `seal` makes the checksums fit.
-std::string BlockFromChunks(Input& input, bool seal);
+// The sections begin at pages of `pageSize` bytes, or of the machine's when that is 0.
+std::string BlockFromChunks(Input& input, bool seal, size_t pageSize = 0);
 
 }  // namespace Kestrun::Fuzzing
