@@ -249,15 +249,15 @@ class KillSweep : public testing::TestWithParam<Face> {
   double Seconds() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun_).count();
   }
-  // Store has been given fewer of the places by default.
-  long UsualStride() const { return Stride(GetParam() == Face::Older ? 3 : 13); }
+  // The two faces have much in common below: by default fewer places are tried through Store.
+  long UsualStride(uint64_t ofStore) const { return Stride(GetParam() == Face::Older ? 3 : ofStore); }
 
  private:
   const std::chrono::steady_clock::time_point begun_;
 };
 
 TEST_P(KillSweep, NothingAcknowledgedIsLostWhereverASystemCallIsTheLast) {
-  const long stride = UsualStride();  // odd: calls that are to come and calls that are done take turns
+  const long stride = UsualStride(13);  // odd: calls that are to come and calls that are done take turns
   const WorkerReport sum = ShareOut(GetParam(), [&](Worker& worker, int number) {
     long stop = 1 + number * stride;
     while (worker.KillAt({stop, 0})) stop += kWorkers * stride;
@@ -268,7 +268,7 @@ TEST_P(KillSweep, NothingAcknowledgedIsLostWhereverASystemCallIsTheLast) {
 }
 
 TEST_P(KillSweep, NothingAcknowledgedIsLostWhereverAStoreIntoAMappingIsTheLast) {
-  const long stride = UsualStride();
+  const long stride = UsualStride(17);
   const WorkerReport sum = ShareOut(GetParam(), [&](Worker& worker, int number) {
     const std::vector<long> places = worker.LookAround().storesFrom;
     const auto count = static_cast<long>(places.size());
@@ -280,7 +280,7 @@ TEST_P(KillSweep, NothingAcknowledgedIsLostWhereverAStoreIntoAMappingIsTheLast) 
     }
   });
   Print("kill sweep over stores", sum, Seconds());
-  EXPECT_GT(sum.storeKills, 20);
+  EXPECT_GT(sum.storeKills, 10);
 }
 
 INSTANTIATE_TEST_SUITE_P(Faces, KillSweep, testing::Values(Face::Older, Face::Safe), FaceName);
