@@ -100,19 +100,22 @@ uint32_t Store::Impl::Compact() {
     ManifestListPointer list;
     if (const uint32_t status = manifest_->LoadUnlocked(&list); status != kStatusOk) return status;
     if (list->entries.empty()) return kStatusOk;
+    uint32_t status = kStatusOk;
     if (list->entries.size() == 1) {
       bool hasHidden = false;
-      if (const uint32_t status = HasHidden(list->entries[0], &hasHidden); status != kStatusOk) return status;
-      if (!hasHidden) return kStatusOk;
+      status = HasHidden(list->entries[0], &hasHidden);
+      if (status == kStatusOk && !hasHidden) return kStatusOk;
     }
     bool done = false;
-    const uint32_t status = MergeRun(list->entries, true, nullptr, &done);
+    if (status == kStatusOk) status = MergeRun(list->entries, true, nullptr, &done);
     if (status == kStatusOk && done) return kStatusOk;
-    // The sources of a merge are gone when another process was quicker.
-    if (status != kStatusOk && status != kStatusBlockCorrupt) return status;
+    // The sources of a merge are gone when another process was quicker. Some of them may be in memory all the same, so
+    // that nothing but the list tells.
+    const bool mayBeGone = status == kStatusBlockCorrupt || status == kStatusBlockWriteFailed;
+    if (status != kStatusOk && !mayBeGone) return status;
     ManifestListPointer again;
     if (const uint32_t listed = manifest_->LoadUnlocked(&again); listed != kStatusOk) return listed;
-    if (status == kStatusBlockCorrupt && again->entries == list->entries) return status;
+    if (status != kStatusOk && again->entries == list->entries) return status;
   }
   return kStatusLockFailed;
 }
