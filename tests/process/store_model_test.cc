@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <random>
@@ -369,6 +370,7 @@ class StoreThread {
     std::string wrong = Walk(*snapshot, true, &contents);
     if (wrong.empty()) wrong = Judge(contents, before, shared_);
     if (!wrong.empty()) return Fail("a checkpoint: " + wrong);
+    std::filesystem::remove_all(copy);
     ++shared_.checkpoints;
     return true;
   }
