@@ -82,8 +82,12 @@ class MappedBytes {
 };
 
 struct Survey {
-  long stops = 0;                // of the whole workload
-  std::vector<long> storesFrom;  // stops after which mapped bytes change before the next system call
+  long stops = 0;  // of the whole workload
+  struct Place {
+    long stops;  // after which mapped bytes change before the next system call
+    int step;    // of the workload
+  };
+  std::vector<Place> storesFrom;
 };
 
 struct WorkerReport {
@@ -124,7 +128,8 @@ class Worker {
     while (child.RunToStop()) {
       ++survey.stops;
       const bool changed = bytes.HaveChanged();
-      if (changed && !child.IsAfterCall()) survey.storesFrom.push_back(survey.stops - 1);
+      if (changed && !child.IsAfterCall())
+        survey.storesFrom.push_back({survey.stops - 1, progress_->started - 1});
     }
     if (child.ExitStatus() != 0) Fail({survey.stops, 0}, progress_->message);
     if (face_ == Face::Safe && progress_->merges != 2) Fail({survey.stops, 0}, "the merges did nothing");
@@ -268,15 +273,20 @@ TEST_P(KillSweep, NothingAcknowledgedIsLostWhereverASystemCallIsTheLast) {
 }
 
 TEST_P(KillSweep, NothingAcknowledgedIsLostWhereverAStoreIntoAMappingIsTheLast) {
-  const long stride = UsualStride(17);
+  const long stride = UsualStride(29);
+  const auto storeStride = static_cast<int>(Stride(11));
+  const Script script = KillWorkload(GetParam());
   const WorkerReport sum = ShareOut(GetParam(), [&](Worker& worker, int number) {
-    const std::vector<long> places = worker.LookAround().storesFrom;
-    const auto count = static_cast<long>(places.size());
-    for (long i = number * stride; i < count; i += kWorkers * stride) {
+    const std::vector<Survey::Place> places = worker.LookAround().storesFrom;
+    for (size_t i = 0; i < places.size(); ++i) {
+      const Survey::Place& place = places[i];
+      // What has to be there as a whole is tried everywhere, if not at every store of it.
+      const bool isAtomic = IsAtomic(script[static_cast<size_t>(place.step)].kind, GetParam());
+      const auto turn = static_cast<long>(i);
+      if (isAtomic ? turn % kWorkers != number : turn % (kWorkers * stride) != number * stride) continue;
       int stores = 1;
-      while (worker.KillAt({places[static_cast<size_t>(i)], stores})) ++stores;
-      if (stores == 1)
-        worker.Fail({places[static_cast<size_t>(i)], 1}, "no store where there was one before");
+      while (worker.KillAt({place.stops, stores})) stores += isAtomic ? storeStride : 1;
+      if (stores == 1) worker.Fail({place.stops, 1}, "no store where there was one before");
     }
   });
   Print("kill sweep over stores", sum, Seconds());
