@@ -1,5 +1,6 @@
 #include "inspect/escape.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
@@ -48,6 +49,11 @@ bool IsControl(uint32_t code) {
          (code >= 0x2028 && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069) || code == 0xFEFF;
 }
 
+// Whether a letter is shown as it is.
+bool IsPlain(char letter) {
+  return letter >= 0x20 && letter < 0x7F && letter != '\\';
+}
+
 }  // namespace
 
 bool IsUtf8(std::string_view bytes) {
@@ -64,6 +70,11 @@ std::string Printable(std::string_view bytes) {
   std::string text;
   text.reserve(bytes.size());
   while (!bytes.empty()) {
+    const auto* const rest = std::find_if_not(bytes.begin(), bytes.end(), IsPlain);
+    const auto plain = static_cast<size_t>(rest - bytes.begin());
+    text.append(bytes.substr(0, plain));
+    bytes.remove_prefix(plain);
+    if (bytes.empty()) break;
     uint32_t code = 0;
     const size_t length = DecodeCharacter(bytes, &code);
     const size_t taken = length == 0 ? 1 : length;
@@ -79,7 +90,8 @@ std::string Printable(std::string_view bytes) {
     } else {
       for (const char byte : bytes.substr(0, taken)) {
         const auto value = static_cast<unsigned char>(byte);
-        text += {'\\', 'x', kDigits[value >> 4], kDigits[value & 15]};
+        const char shown[] = {'\\', 'x', kDigits[value >> 4], kDigits[value & 15]};
+        text.append(shown, sizeof(shown));
       }
     }
     bytes.remove_prefix(taken);

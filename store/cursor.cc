@@ -15,6 +15,7 @@ namespace {
 
 constexpr size_t kMinReadAhead = 4 * 1024;
 constexpr size_t kMaxReadAhead = 256 * 1024;
+constexpr size_t kMaxAllStretches = 4 * 1024 * 1024;
 
 uint32_t TellDamage(const Block& block, uint32_t status) {
   if (status == kStatusBlockCorrupt) {
@@ -47,7 +48,7 @@ uint32_t Cursor::Impl::AddBlock(const Block& block) {
   if (!range_.from.empty()) status = pages.LowerBound(range_.from, &begin);
   if (status == kStatusOk && !range_.to.empty()) status = pages.LowerBound(range_.to, &end);
   if (status == kStatusOk && begin < end) {
-    blocks_.push_back({&block, BlockPages(block), begin, end, end, false, {}});
+    blocks_.push_back({&block, BlockPages(block), begin, end, end, false, {}, {}});
   }
   return status;
 }
@@ -248,7 +249,7 @@ void Cursor::Impl::Prev() {
 uint32_t Cursor::Impl::Value(std::string_view* bytes) {
   if (!Valid()) return kStatusInvalid;
   if (current_ == logSource_) return snapshot_->ViewLogValue(key_, log_.position.Get(), bytes);
-  const BlockPlace& place = blocks_[current_];
+  BlockPlace& place = blocks_[current_];
   std::string_view found;
   if (const uint32_t status = ReadAhead(place, &found); status != kStatusOk) return status;
   const BlockIndex::Record& record = place.pages.RecordAt(place.position);
@@ -260,35 +261,35 @@ uint32_t Cursor::Impl::Value(std::string_view* bytes) {
   return kStatusOk;
 }
 
-// Values lie side by side in the order of their keys: a walk reads larger and larger stretches at once.
-uint32_t Cursor::Impl::ReadAhead(const BlockPlace& place, std::string_view* bytes) {
+// Values lie side by side in the order of their keys: a walk reads larger and larger stretches at once. All blocks of the
+// walk share kMaxAllStretches.
+uint32_t Cursor::Impl::ReadAhead(BlockPlace& place, std::string_view* bytes) {
+  Stretch& values = place.values;
   const uint64_t begin = entry_.valueOffset;
   const uint64_t end = begin + entry_.valueSize;
-  const bool isThere =
-      bufferBlock_ == place.block && begin >= bufferStart_ && end <= bufferStart_ + bufferSize_;
-  if (!isThere) {
+  if (begin < values.start || end > values.start + values.size) {
     uint64_t fileSize = 0;
     if (place.block->File()->Size(&fileSize) != 0) return kStatusBlockShortRead;
     if (end > fileSize) return kStatusBlockCorrupt;
-    const bool goesOn = bufferBlock_ == place.block && begin >= bufferStart_ &&
-                        begin <= bufferStart_ + bufferSize_ + kMaxReadAhead;
-    const bool goesBack = bufferBlock_ == place.block && end <= bufferStart_ + bufferSize_ &&
-                          end + kMaxReadAhead >= bufferStart_;
-    readAhead_ = goesOn || goesBack ? std::min(readAhead_ * 2, kMaxReadAhead) : kMinReadAhead;
-    const uint64_t wanted = std::max<uint64_t>(entry_.valueSize, readAhead_);
+    const size_t most = std::clamp(kMaxAllStretches / blocks_.size(), kMinReadAhead, kMaxReadAhead);
+    const bool goesOn = begin >= values.start && begin <= values.start + values.size + most;
+    const bool goesBack = end <= values.start + values.size && end + most >= values.start;
+    values.readAhead =
+        values.size != 0 && (goesOn || goesBack) ? std::min(values.readAhead * 2, most) : kMinReadAhead;
+    const uint64_t wanted = std::max<uint64_t>(entry_.valueSize, values.readAhead);
     uint64_t start = begin;
     if (direction_ == Direction::Backward) start = end > wanted ? std::min(begin, end - wanted) : 0;
     const auto size = static_cast<size_t>(std::min(wanted, fileSize - start));
-    bufferBlock_ = nullptr;
-    if (buffer_.size() < size) buffer_.resize(size);
-    const ssize_t read = place.block->File()->PReadFully(buffer_.data(), size, static_cast<int64_t>(start));
+    values.size = 0;
+    if (values.bytes.size() < size) values.bytes.resize(size);
+    const ssize_t read =
+        place.block->File()->PReadFully(values.bytes.data(), size, static_cast<int64_t>(start));
     if (read < 0) return kStatusBlockShortRead;
     if (start + static_cast<uint64_t>(read) < end) return kStatusBlockCorrupt;
-    bufferBlock_ = place.block;
-    bufferStart_ = start;
-    bufferSize_ = static_cast<size_t>(read);
+    values.start = start;
+    values.size = static_cast<size_t>(read);
   }
-  *bytes = {buffer_.data() + (begin - bufferStart_), entry_.valueSize};
+  *bytes = {values.bytes.data() + (begin - values.start), entry_.valueSize};
   return kStatusOk;
 }
 

@@ -44,6 +44,13 @@ class Cursor::Impl {
   static constexpr size_t kNone = SIZE_MAX;
   enum class Direction { Forward, Backward };
 
+  // A stretch of a block's values that was read at once.
+  struct Stretch {
+    std::vector<char> bytes;
+    uint64_t start = 0;  // in the file
+    size_t size = 0;
+    size_t readAhead = 0;
+  };
   // One block: the part of it that lies in the range, and the entry that it stands on.
   struct BlockPlace {
     const Block* block;
@@ -53,6 +60,7 @@ class Cursor::Impl {
     uint32_t position;  // end: past the last one; walking backwards also past the first one
     bool isValid;
     std::string_view key;  // of the entry, while isValid
+    Stretch values;
   };
   struct LogPlace {
     LogIndex::Iterator position;
@@ -68,7 +76,7 @@ class Cursor::Impl {
   void Step(size_t source);
   void Settle();
   bool TakeCurrent();
-  uint32_t ReadAhead(const BlockPlace& place, std::string_view* bytes);
+  uint32_t ReadAhead(BlockPlace& place, std::string_view* bytes);
 
   const std::shared_ptr<const Snapshot::Impl> snapshot_;
   const Range range_;
@@ -84,13 +92,6 @@ class Cursor::Impl {
   std::string_view key_;  // belongs to the source
   DataEntry entry_ = {};
   uint32_t status_;
-
-  // A stretch of a block's values that was read at once.
-  std::vector<char> buffer_;
-  const Block* bufferBlock_ = nullptr;
-  uint64_t bufferStart_ = 0;
-  size_t bufferSize_ = 0;
-  size_t readAhead_ = 0;
 };
 
 }  // namespace Kestrun
