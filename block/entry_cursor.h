@@ -38,6 +38,8 @@ class EntryCursor {
   // Whether `size` bytes at `offset` lie within their source, once the walk has met it. An entry whose value does not is
   // left out.
   virtual bool HoldsValue(uint32_t source, uint64_t offset, uint64_t size) = 0;
+  // Tells that these bytes will be wanted soon.
+  virtual void Prefetch(uint32_t /*source*/, uint64_t /*offset*/, uint64_t /*size*/) {}
   // Appends `size` bytes at `offset` of a source that the walk has met, the values of one entry or of several that lie side by side.
   // False when they can't be read or written. Called with offsets in the order of the walk.
   virtual bool CopyValues(uint32_t source, uint64_t offset, uint64_t size, BufferedWriter& out) = 0;

@@ -21,6 +21,7 @@ class LogCursor final : public EntryCursor {
   // kStatusBlockWriteFailed, and "wal boundary verification failed", when a value lies outside the log.
   uint32_t Next(bool* end) override;
   bool HoldsValue(uint32_t source, uint64_t offset, uint64_t size) override;
+  void Prefetch(uint32_t source, uint64_t offset, uint64_t size) override;
   bool CopyValues(uint32_t source, uint64_t offset, uint64_t size, BufferedWriter& out) override;
 
  private:

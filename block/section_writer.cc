@@ -14,6 +14,9 @@ namespace {
 // Values that lie side by side are copied together, up to this many bytes at a time.
 constexpr uint64_t kMaxRun = 8 * 1024 * 1024;
 
+// Values are asked for so many entries before they are copied.
+constexpr uint32_t kPrefetched = 8;
+
 }  // namespace
 
 bool WriteSectionHeader(BufferedWriter& file, SectionType type, const char* name, uint64_t size) {
@@ -87,6 +90,10 @@ bool DataSectionWriter::WriteTo(BufferedWriter& file) {
   };
   uint32_t kept = 0;
   for (uint32_t i = 0; i < entries.Count(); ++i) {
+    if (const uint32_t ahead = i + kPrefetched; ahead < entries.Count()) {
+      cursor_.Prefetch(sources_[ahead], entries.RecordAt(ahead).valueOffset,
+                       entries.RecordAt(ahead).valueSize);
+    }
     const uint32_t source = sources_[i];
     if (IsLeftOut(entries.RecordAt(i), source)) {
       if (foundDamage_) return false;

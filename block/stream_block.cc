@@ -92,8 +92,8 @@ class Sections {
   }
 
   bool AppendValue(const DataEntry& entry) {
-    const bool goesOn =
-        cursor_.Source() == runSource_ && entry.valueOffset == runOffset_ + runSize_ && runSize_ < kMaxStreamedRun;
+    const bool goesOn = cursor_.Source() == runSource_ && entry.valueOffset == runOffset_ + runSize_ &&
+                        runSize_ < kMaxStreamedRun;
     if (!goesOn) {
       if (!CopyRun() || IsSet(stop_)) return false;
       runSource_ = cursor_.Source();

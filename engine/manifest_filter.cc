@@ -1,5 +1,6 @@
 #include "engine/manifest_filter.h"
 
+#include <cstring>
 #include <string_view>
 
 #include "block/block_pages.h"
@@ -12,8 +13,9 @@ namespace {
 
 // As Key::GetPrimary: the key up to its last dash, unless that is its first byte.
 std::string_view PrimaryOf(std::string_view key) {
-  const size_t dash = key.rfind('-');
-  return dash == std::string_view::npos || dash == 0 ? key : key.substr(0, dash);
+  if (key.empty()) return key;
+  const auto* const dash = static_cast<const char*>(memrchr(key.data(), '-', key.size()));
+  return dash == nullptr || dash == key.data() ? key : key.substr(0, static_cast<size_t>(dash - key.data()));
 }
 
 }  // namespace

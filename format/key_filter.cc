@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 #include "format/checksum.h"
@@ -20,14 +21,17 @@ uint32_t ProbeStep(uint32_t hash) {
   return (hash >> 17) | (hash << 15);
 }
 
-void SetProbes(uint32_t probe, std::vector<uint8_t>& filter) {
-  const size_t bits = (filter.size() - 1) * 8;
+// `bits` is the size of the filter; a constant saves divisions.
+template <typename Bits>
+void SetProbes(uint32_t probe, Bits bits, uint8_t* filter) {
   const uint32_t step = ProbeStep(probe);
   for (int j = 0; j < kProbes; ++j, probe += step) {
     const size_t bit = probe % bits;
     filter[bit / 8] = static_cast<uint8_t>(filter[bit / 8] | (1u << (bit % 8)));
   }
 }
+
+constexpr std::integral_constant<size_t, kMaxBits> kLongest;
 
 }  // namespace
 
@@ -63,19 +67,20 @@ std::vector<uint8_t> KeyFilterBuilder::EmptyFilter(size_t bits) {
 
 void KeyFilterBuilder::Add(uint32_t hash) {
   if (!filter_.empty()) {
-    SetProbes(hash, filter_);
+    SetProbes(hash, kLongest, filter_.data());
     return;
   }
   hashes_.push_back(hash);
   if (hashes_.size() * kBitsPerKey < kMaxBits) return;
   filter_ = EmptyFilter(kMaxBits);
-  for (const uint32_t each : hashes_) SetProbes(each, filter_);
+  for (const uint32_t each : hashes_) SetProbes(each, kLongest, filter_.data());
 }
 
 std::vector<uint8_t> KeyFilterBuilder::Finish() {
   if (!filter_.empty()) return std::move(filter_);
-  std::vector<uint8_t> filter = EmptyFilter(std::clamp(hashes_.size() * kBitsPerKey, kMinBits, kMaxBits));
-  for (const uint32_t each : hashes_) SetProbes(each, filter);
+  const size_t bits = std::clamp(hashes_.size() * kBitsPerKey, kMinBits, kMaxBits);
+  std::vector<uint8_t> filter = EmptyFilter(bits);
+  for (const uint32_t each : hashes_) SetProbes(each, bits, filter.data());
   return filter;
 }
 

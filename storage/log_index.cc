@@ -407,6 +407,13 @@ void LogIndex::Iterator::SeekForPrev(std::string_view key) {
   if (node != nullptr) TakeKeyOf(node);
 }
 
+uint32_t LogIndex::Iterator::FollowingOffset() const {
+  const Node* next = node_->Next(0);
+  if (next == nullptr) return 0;
+  __builtin_prefetch(next->links[0].load(std::memory_order_relaxed));
+  return next->offset;
+}
+
 std::string_view LogIndex::Iterator::Key() const {
   return KeyOf(*node_);
 }

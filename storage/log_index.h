@@ -132,6 +132,8 @@ class LogIndex {
     void Prev();
     std::string_view Key() const;
     Version Get() const;
+    // The offset of the record that follows in the list, of whatever key; 0 at the end.
+    uint32_t FollowingOffset() const;
 
    private:
     void SkipHidden();
