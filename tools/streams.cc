@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "tools/failure.h"
 
@@ -17,6 +18,7 @@ std::string* data = nullptr;
 bool inputIsClosed = false;
 bool outputIsClosed = false;
 bool progressIsShown = false;
+int writeError = 0;  // of the data that was handed over before a message
 Verbosity verbosity = Verbosity::Normal;
 
 // Whether all of `bytes` was written.
@@ -34,6 +36,14 @@ void ClearProgress() {
   if (!progressIsShown) return;
   WriteAll(STDERR_FILENO, "\r\033[K");
   progressIsShown = false;
+}
+
+// A failure is kept for FlushData.
+void HandOverData() {
+  if (data == nullptr || data->empty()) return;
+  ClearProgress();
+  if (!WriteAll(STDOUT_FILENO, *data)) writeError = errno;
+  data->clear();
 }
 
 }  // namespace
@@ -64,21 +74,19 @@ void WriteLine(std::string_view text) {
 }
 
 void FlushData() {
-  if (data->empty()) return;
-  ClearProgress();
-  const bool written = WriteAll(STDOUT_FILENO, *data);
-  const int error = errno;
-  data->clear();
-  if (!written) throw SystemFailure(std::string("standard output can't be written: ") + std::strerror(error));
+  HandOverData();
+  if (writeError == 0) return;
+  throw SystemFailure(std::string("standard output can't be written: ") +
+                      std::strerror(std::exchange(writeError, 0)));
 }
 
 void SetVerbosity(Verbosity wanted) {
   verbosity = wanted;
 }
 
-// What stands before the message on a terminal comes first.
+// What stands before the message comes first, wherever both go. That it can't be written is told by FlushData.
 void PrintMessage(std::string_view text) {
-  if (StandardOutputIsTerminal()) FlushData();
+  HandOverData();
   ClearProgress();
   WriteAll(STDERR_FILENO, std::string(text) + "\n");
 }

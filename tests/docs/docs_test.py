@@ -5,9 +5,12 @@
   docs_test.py messages ROOT           messages.md has every status, and every message that the library's sources print
   docs_test.py compatibility ROOT      every "Compat: <id>" of the sources stands in compatibility.md, each id once
   docs_test.py examples ROOT CXX [FLAG...]   the C++ of README.md and docs/guide compiles, and the C as C99
+  docs_test.py transcripts ROOT KESTRUN      the commands of docs/operations/cli.md print what stands there; with --update as
+                                             a last argument the page is given what they print
   docs_test.py readme ROOT CXX LIBRARY       README.md's example prints what README.md says
 """
 
+import os
 import pathlib
 import re
 import subprocess
@@ -218,6 +221,56 @@ def check_readme(root, compiler, library):
     return problems, f"the example of README.md, {command}"
 
 
+TRANSCRIPT = re.compile(r"^ {4}\$ ([^\n]*)\n((?:(?: {4}(?!\$ )[^\n]*)?\n)*)", flags=re.M)
+TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ")
+
+
+def comparable(line):
+    line = TIME.sub("TIME", line)
+    # Blocks are made of pages.
+    return line if os.sysconf("SC_PAGE_SIZE") == 4096 else re.sub(r" *[\d,]+", " N", line)
+
+
+def check_transcripts(root, kestrun, update):
+    """Runs the commands of the page in its order, in one directory. Times differ; "..." stands for the rest."""
+    page = root / "docs/operations/cli.md"
+    text = page.read_text(encoding="utf-8")
+    problems = []
+    pieces = []
+    done = 0
+    count = 0
+    with tempfile.TemporaryDirectory() as directory:
+        folder = pathlib.Path(directory)
+        (folder / "bin").mkdir()
+        (folder / "bin" / "kestrun").symlink_to(kestrun)
+        (folder / "towns.csv").write_text("name,founded\nSeattle,1851\nTacoma,1868\n", encoding="utf-8")
+        days = (root / "examples/data/seattle-weather.csv").read_bytes()
+        (folder / "seattle-weather.csv").write_bytes(days)
+        environment = {"PATH": f"{folder / 'bin'}:/usr/bin:/bin", "LC_ALL": "C.UTF-8", "TZ": "UTC"}
+        for match in TRANSCRIPT.finditer(text):
+            count += 1
+            command = match.group(1)
+            run = subprocess.run(["/bin/bash", "-c", command], cwd=folder, env=environment, text=True,
+                                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                 check=False)
+            printed = run.stdout.splitlines()
+            if run.returncode != 0:
+                printed.append(f"[exit status {run.returncode}]")
+            expected = [line[4:] for line in match.group(2).rstrip().splitlines()]
+            if expected and expected[-1] == "...":
+                printed = "\n".join(printed[:len(expected) - 1]).rstrip().splitlines() + ["..."]
+            if [comparable(line) for line in printed] != [comparable(line) for line in expected]:
+                problems.append("\n".join([f"{page}: {command}", "printed", *printed, "but the page has", *expected]))
+            shown = "".join(f"    {line}".rstrip() + "\n" for line in [f"$ {command}", *printed])
+            pieces += [text[done:match.start()], shown + "\n"]
+            done = match.end()
+    if count == 0:
+        problems.append("no transcript was found at all")
+    if update and problems:
+        page.write_text("".join(pieces) + text[done:], encoding="utf-8")
+    return problems, f"{count} commands"
+
+
 def main():
     if len(sys.argv) < 3:
         sys.exit(__doc__)
@@ -230,6 +283,8 @@ def main():
         problems, account = check_compatibility(root)
     elif what == "examples":
         problems, account = check_examples(root, sys.argv[3], sys.argv[4:])
+    elif what == "transcripts":
+        problems, account = check_transcripts(root, pathlib.Path(sys.argv[3]).resolve(), sys.argv[4:] == ["--update"])
     elif what == "readme":
         problems, account = check_readme(root, sys.argv[3], str(pathlib.Path(sys.argv[4]).resolve()))
     else:
