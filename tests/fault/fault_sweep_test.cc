@@ -337,7 +337,7 @@ class MergeFaultSweep : public FaultSweep {};
 
 TEST_P(FaultSweep, AFailedSystemCallGivesAStatusAndLeavesTheStoreWhole) {
   const bool isStore = GetParam() == Face::Safe;
-  const auto most = static_cast<long>(TestSize(isStore ? 2 : 16, LONG_MAX / 4));
+  const auto most = static_cast<long>(TestSize(isStore ? 2 : 8, LONG_MAX / 4));
   std::vector<FaultCase> cases(std::begin(kSystemCalls), std::end(kSystemCalls));
   if (isStore) cases.insert(cases.end(), std::begin(kSystemCallsOfStore), std::end(kSystemCallsOfStore));
   const FaultReport& linking = RunWithoutFaults(scratch_.PathOf("whole"), GetParam());
@@ -370,7 +370,8 @@ TEST_P(MergeFaultSweep, AnyAllocationOfAMergeOrACheckpointMayFail) {
 
 TEST_P(FaultSweep, AFailureAfterTheEndOfAProcessCostsNothingEither) {
   const auto most = static_cast<long>(TestSize(1, 40));
-  const long stride = TestSize(1, 2) == 1 && GetParam() == Face::Safe ? 31 : 1;
+  const long usual = GetParam() == Face::Safe ? 31 : 3;
+  const long stride = TestSize(1, 2) == 1 ? usual : 1;
   const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"), GetParam());
   const size_t cases = std::size(kFaultsOfRecovery);
   Sweep("failure sweep after a kill", std::size(kEnds) * cases, [&](Worker& worker, size_t at) {

@@ -255,7 +255,7 @@ class KillSweep : public testing::TestWithParam<Face> {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun_).count();
   }
   // The two faces have much in common below: by default fewer places are tried through Store.
-  long UsualStride(uint64_t ofStore) const { return Stride(GetParam() == Face::Older ? 3 : ofStore); }
+  long UsualStride(uint64_t ofStore) const { return Stride(GetParam() == Face::Older ? 7 : ofStore); }
 
  private:
   const std::chrono::steady_clock::time_point begun_;
