@@ -124,11 +124,23 @@ if [ -e "$prefix/bin/kestrun" ]; then
     "$prefix/bin/kestrun" help --completions "$1" | diff - "$prefix/share/$file" || return 1
     if command -v "$1" >/dev/null; then "$1" -n "$prefix/share/$file"; fi
   }
+  fish_completes() {  # what fish offers for a command line, from the installed file
+    PATH="$prefix/bin:$PATH" fish --no-config -c "source '$prefix/share/fish/vendor_completions.d/kestrun.fish'; complete -C '$1'" |
+      grep -q -- "^$2"
+  }
+  zsh_knows() {  # compinit finds the installed file by its first line
+    zsh -f -c "fpath=('$prefix/share/zsh/site-functions' \$fpath); autoload -Uz compinit; compinit -u -D; [[ \${_comps[kestrun]} == _kestrun ]]"
+  }
   commands=$("$prefix/bin/kestrun" --help | awk '/^Commands:/ { on = 1; next } /^$/ { on = 0 } on { print $1 }')
   expect "the program has commands" test "$(wc -w <<<"$commands")" -ge 24
   for shell in bash zsh fish; do
     expect "the completions for $shell are those of the program" completed "$shell"
   done
+  if command -v fish >/dev/null; then
+    expect "fish completes a command" fish_completes "kestrun sc" scan
+    expect "fish completes an option of a command" fish_completes "kestrun scan --pre" --prefix
+  fi
+  if command -v zsh >/dev/null; then expect "zsh finds the completions" zsh_knows; fi
   for command in $commands; do expect "the manual page has the command $command and its options" documented "$command"; done
 fi
 
