@@ -40,7 +40,8 @@ class EntryCursor {
   virtual bool HoldsValue(uint32_t source, uint64_t offset, uint64_t size) = 0;
   // Tells that these bytes will be wanted soon.
   virtual void Prefetch(uint32_t /*source*/, uint64_t /*offset*/, uint64_t /*size*/) {}
-  // Appends `size` bytes at `offset` of a source that the walk has met, the values of one entry or of several that lie side by side.
+  // Appends `size` bytes at `offset` of a source that the walk has met, the values of one entry or of several that lie
+  // side by side.
   // False when they can't be read or written. Called with offsets in the order of the walk.
   virtual bool CopyValues(uint32_t source, uint64_t offset, uint64_t size, BufferedWriter& out) = 0;
 

@@ -1,6 +1,7 @@
 // storage/log_index.h: the ordered index of one filling of the log: which record holds which key.
 //
-// A skip list of versions, and a hash table of the newest version of each key, through which single keys are found. A version is one record; its offset in the log is its version number, because a log only
+// A skip list of versions, and a hash table of the newest version of each key, through which single keys are found.
+// A version is one record; its offset in the log is its version number, because a log only
 // grows until it is reset. Versions of one key stand newest first, so that a reader who goes by the first `limit` bytes
 // of the log finds the state of the moment when the log was that long. Nothing is ever taken out: a reset of the log
 // begins a new index.
