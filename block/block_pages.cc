@@ -8,17 +8,23 @@ namespace Kestrun {
 namespace {
 
 constexpr uint32_t kFirstPage = 32;
-constexpr uint32_t kLargestPage = 2048;
 
 }  // namespace
 
-BlockPages::BlockPages(const Block& block) : block_(&block), page_(block.Index().get()) {
+BlockPages::BlockPages(const Block& block, uint32_t largestPage)
+    : block_(&block), page_(block.Index().get()), largestPage_(largestPage) {
   if (page_ != nullptr) count_ = page_->Count();
+}
+
+void BlockPages::Release() {
+  if (own_ == nullptr) return;
+  count_ = 0;
+  own_.reset();
 }
 
 uint32_t BlockPages::LoadPage(uint32_t position, bool forward) {
   const bool goesOn = count_ != 0 && (position == first_ + count_ || position + 1 == first_);
-  size_ = goesOn ? std::min(size_ * 4, kLargestPage) : kFirstPage;
+  size_ = std::min(goesOn ? size_ * 4 : kFirstPage, largestPage_);
   if (own_ == nullptr) own_ = std::make_unique<BlockIndex>();
   page_ = own_.get();
   count_ = 0;

@@ -16,6 +16,9 @@ namespace {
 constexpr size_t kMinReadAhead = 4 * 1024;
 constexpr size_t kMaxReadAhead = 256 * 1024;
 constexpr size_t kMaxAllStretches = 4 * 1024 * 1024;
+// Entries of the pages of all blocks of a walk, and of the largest page of one.
+constexpr size_t kMaxAllPages = 64 * 1024;
+constexpr size_t kMinLargestPage = 64;
 
 uint32_t TellDamage(const Block& block, uint32_t status) {
   if (status == kStatusBlockCorrupt) {
@@ -29,7 +32,7 @@ uint32_t TellDamage(const Block& block, uint32_t status) {
 Cursor::Impl::Impl(std::shared_ptr<const Snapshot::Impl> snapshot, const Range& range)
     : snapshot_(std::move(snapshot)),
       range_(range),
-      log_{LogIndex::Iterator(snapshot_->log.filling->index, snapshot_->log.end), false, {}},
+      log_(snapshot_->log.filling->index, snapshot_->log.end),
       status_(kStatusOk) {
   for (const OpenBlock& open : *snapshot_->blocks) {
     const uint32_t status =
@@ -48,13 +51,16 @@ uint32_t Cursor::Impl::AddBlock(const Block& block) {
   if (!range_.from.empty()) status = pages.LowerBound(range_.from, &begin);
   if (status == kStatusOk && !range_.to.empty()) status = pages.LowerBound(range_.to, &end);
   if (status == kStatusOk && begin < end) {
-    blocks_.push_back({&block, BlockPages(block), begin, end, end, false, {}, {}});
+    const size_t largest = std::clamp(kMaxAllPages / snapshot_->blocks->size(), kMinLargestPage,
+                                      size_t{BlockPages::kLargestPage});
+    blocks_.push_back({&block, BlockPages(block, static_cast<uint32_t>(largest)), begin, end, end, {}});
   }
   return status;
 }
 
 // A damaged block may hold any key, so there is no walk that could be right.
 void Cursor::Impl::Reset() {
+  heads_.clear();
   current_ = kNone;
   entry_ = {};
   status_ = damage_;
@@ -66,133 +72,160 @@ void Cursor::Impl::Fail(uint32_t status) {
   status_ = status;
 }
 
-void Cursor::Impl::TakeBlock(BlockPlace& place) {
-  place.isValid = place.position >= place.begin && place.position < place.end;
-  if (!place.isValid) return;
+// False at the end of the block, whose memory is given up, and where its key can't be read.
+bool Cursor::Impl::TakeBlock(BlockPlace& place, std::string_view* key) {
+  if (place.position < place.begin || place.position >= place.end) {
+    place.pages.Release();
+    place.values = {};
+    return false;
+  }
   const uint32_t status = place.pages.Load(place.position, direction_ == Direction::Forward);
   if (status != kStatusOk) {
-    place.isValid = false;
     status_ = TellDamage(*place.block, status);
-    return;
+    return false;
   }
-  place.key = place.pages.KeyAt(place.position);
+  *key = place.pages.KeyAt(place.position);
+  return true;
 }
 
-void Cursor::Impl::TakeLog(Direction direction) {
-  log_.isValid = log_.position.Valid();
-  if (!log_.isValid) return;
-  log_.key = log_.position.Key();
-  log_.isValid =
-      direction == Direction::Forward ? range_.to.empty() || log_.key < range_.to : log_.key >= range_.from;
+bool Cursor::Impl::TakeLog(std::string_view* key) {
+  if (!log_.Valid()) return false;
+  *key = log_.Key();
+  return direction_ == Direction::Forward ? range_.to.empty() || *key < range_.to : *key >= range_.from;
+}
+
+// Lets a source take part that stands where it is to begin.
+void Cursor::Impl::AddHead(size_t source) {
+  Head head = {{}, source};
+  const bool isThere = source == logSource_ ? TakeLog(&head.key) : TakeBlock(blocks_[source], &head.key);
+  if (isThere) heads_.push_back(head);
+}
+
+// Stands a block where SeekSources says; false when it can't be read.
+bool Cursor::Impl::SeekBlock(BlockPlace& place, std::string_view key, bool inclusive) {
+  const bool forward = direction_ == Direction::Forward;
+  uint32_t found = 0;
+  uint32_t status = place.pages.LowerBound(key, &found);
+  found = std::clamp(found, place.begin, place.end);
+  if (status == kStatusOk && found < place.end) status = place.pages.Load(found, forward);
+  if (status != kStatusOk) {
+    status_ = TellDamage(*place.block, status);
+    return false;
+  }
+  const bool isThere = found < place.end && place.pages.KeyAt(found) == key;
+  if (forward && isThere && !inclusive) ++found;
+  if (!forward && !(isThere && inclusive)) --found;  // wraps below the first entry, which is no valid place
+  place.position = found;
+  return true;
 }
 
 // Stands each source on its first key that is not before `key`, or after it, or backwards on its last one that is not
 // after `key`, or before it.
 void Cursor::Impl::SeekSources(std::string_view key, bool inclusive, Direction direction) {
   direction_ = direction;
-  const bool forward = direction == Direction::Forward;
-  for (BlockPlace& place : blocks_) {
-    uint32_t found = 0;
-    uint32_t status = place.pages.LowerBound(key, &found);
-    found = std::clamp(found, place.begin, place.end);
-    if (status == kStatusOk && found < place.end) status = place.pages.Load(found, forward);
-    if (status != kStatusOk) {
-      status_ = TellDamage(*place.block, status);
-      return;
+  heads_.clear();
+  for (size_t i = 0; i < blocks_.size(); ++i) {
+    if (!SeekBlock(blocks_[i], key, inclusive)) return;
+    AddHead(i);
+  }
+  if (snapshot_->log.copy != nullptr) {
+    if (direction == Direction::Forward) {
+      log_.Seek(key);
+      if (!inclusive && log_.Valid() && log_.Key() == key) log_.Next();
+    } else {
+      log_.SeekForPrev(key);
+      if (!inclusive && log_.Valid() && log_.Key() == key) log_.Prev();
     }
-    const bool isThere = found < place.end && place.pages.KeyAt(found) == key;
-    if (forward && isThere && !inclusive) ++found;
-    if (!forward && !(isThere && inclusive)) --found;  // wraps below the first entry, which is no valid place
-    place.position = found;
-    TakeBlock(place);
+    AddHead(logSource_);
   }
-  if (snapshot_->log.copy == nullptr) {
-    log_.isValid = false;
-    return;
-  }
-  if (forward) {
-    log_.position.Seek(key);
-    if (!inclusive && log_.position.Valid() && log_.position.Key() == key) log_.position.Next();
-  } else {
-    log_.position.SeekForPrev(key);
-    if (!inclusive && log_.position.Valid() && log_.position.Key() == key) log_.position.Prev();
-  }
-  TakeLog(direction);
+  OrderHeads();
 }
 
-// Moves one source on by one key.
-void Cursor::Impl::Step(size_t source) {
-  const bool forward = direction_ == Direction::Forward;
-  if (source == logSource_) {
-    if (forward) {
-      log_.position.Next();
-    } else {
-      log_.position.Prev();
-    }
-    TakeLog(direction_);
-    return;
+// Of equal keys the newest source comes first.
+bool Cursor::Impl::ComesBefore(const Head& left, const Head& right) const {
+  const int order = left.key.compare(right.key);
+  if (order == 0) return left.source > right.source;
+  return direction_ == Direction::Forward ? order < 0 : order > 0;
+}
+
+// Puts one head in its place below, where everything but it is in order.
+void Cursor::Impl::SiftDown(size_t head) {
+  for (;;) {
+    size_t first = 2 * head + 1;
+    if (first >= heads_.size()) return;
+    if (first + 1 < heads_.size() && ComesBefore(heads_[first + 1], heads_[first])) ++first;
+    if (!ComesBefore(heads_[first], heads_[head])) return;
+    std::swap(heads_[first], heads_[head]);
+    head = first;
   }
-  BlockPlace& place = blocks_[source];
-  place.position = forward ? place.position + 1 : place.position - 1;
-  TakeBlock(place);
+}
+
+void Cursor::Impl::OrderHeads() {
+  for (size_t i = heads_.size() / 2; i-- > 0;) SiftDown(i);
+}
+
+// Moves the source of one head on by one key. The head is the first one or one of the two after it.
+void Cursor::Impl::Step(size_t head) {
+  const bool forward = direction_ == Direction::Forward;
+  Head& moved = heads_[head];
+  bool isThere = false;
+  if (moved.source == logSource_) {
+    if (forward) {
+      log_.Next();
+    } else {
+      log_.Prev();
+    }
+    isThere = TakeLog(&moved.key);
+  } else {
+    BlockPlace& place = blocks_[moved.source];
+    place.position = forward ? place.position + 1 : place.position - 1;
+    isThere = TakeBlock(place, &moved.key);
+  }
+  if (!isThere) {
+    moved = heads_.back();
+    heads_.pop_back();
+  }
+  if (heads_.size() > 1) SiftDown(head);
 }
 
 // Finds the key on which the cursor stands, the newest source of it, and passes over the keys that are not alive.
 void Cursor::Impl::Settle() {
-  const bool forward = direction_ == Direction::Forward;
-  for (;;) {
-    if (status_ != kStatusOk) {
-      Fail(status_);
-      return;
+  while (status_ == kStatusOk && !heads_.empty()) {
+    // Older versions of the key come right after it.
+    for (const size_t next : {1, 2}) {
+      while (next < heads_.size() && heads_[next].key == heads_[0].key) Step(next);
     }
-    size_t best = kNone;
-    std::string_view bestKey;
-    // From the oldest source on: of equal keys the last one counts.
-    for (size_t i = 0; i < blocks_.size(); ++i) {
-      const BlockPlace& place = blocks_[i];
-      if (!place.isValid) continue;
-      if (best == kNone || (forward ? place.key <= bestKey : place.key >= bestKey)) {
-        best = i;
-        bestKey = place.key;
-      }
-    }
-    if (log_.isValid && (best == kNone || (forward ? log_.key <= bestKey : log_.key >= bestKey))) {
-      best = logSource_;
-      bestKey = log_.key;
-    }
-    current_ = best;
-    if (best == kNone) {
-      entry_ = {};
-      return;
-    }
-    // Older versions of the key come after it now.
-    for (size_t i = 0; i < blocks_.size() && i < best; ++i) {
-      if (blocks_[i].isValid && blocks_[i].key == bestKey) Step(i);
-    }
-    if (status_ != kStatusOk) continue;
-    key_ = bestKey;
+    if (status_ != kStatusOk) break;
+    current_ = heads_[0].source;
+    key_ = heads_[0].key;
     if (TakeCurrent()) return;
-    Step(best);
+    Step(0);
   }
+  Fail(status_);
 }
 
 // False when the entry is not alive.
 bool Cursor::Impl::TakeCurrent() {
-  entry_ = current_ == logSource_ ? log_.position.Get().entry
-                                  : blocks_[current_].pages.EntryAt(blocks_[current_].position);
+  entry_ =
+      current_ == logSource_ ? log_.Get().entry : blocks_[current_].pages.EntryAt(blocks_[current_].position);
   if (entry_.deleted || !IsAlive(entry_.timestamp, entry_.ttl, snapshot_->seconds)) return false;
   return true;
 }
 
 void Cursor::Impl::SeekToFirst() {
-  Seek(range_.from);
+  SeekFrom(range_.from);
 }
 
-void Cursor::Impl::Seek(std::string_view key) {
+void Cursor::Impl::SeekFrom(std::string_view key) {
   Reset();
   if (status_ != kStatusOk) return;
-  SeekSources(std::max(key, std::string_view(range_.from)), true, Direction::Forward);
+  SeekSources(key, true, Direction::Forward);
   Settle();
+}
+
+// The key may be the cursor's own, which goes when the sources move.
+void Cursor::Impl::Seek(std::string_view key) {
+  SeekFrom(std::string(std::max(key, std::string_view(range_.from))));
 }
 
 void Cursor::Impl::SeekToLast() {
@@ -202,15 +235,15 @@ void Cursor::Impl::SeekToLast() {
     SeekSources(range_.to, false, Direction::Backward);
   } else {
     direction_ = Direction::Backward;
-    for (BlockPlace& place : blocks_) {
-      place.position = place.end - 1;
-      TakeBlock(place);
+    for (size_t i = 0; i < blocks_.size(); ++i) {
+      blocks_[i].position = blocks_[i].end - 1;
+      AddHead(i);
     }
-    log_.isValid = false;
     if (snapshot_->log.copy != nullptr) {
-      log_.position.SeekToLast();
-      TakeLog(Direction::Backward);
+      log_.SeekToLast();
+      AddHead(logSource_);
     }
+    OrderHeads();
   }
   Settle();
 }
@@ -222,7 +255,7 @@ void Cursor::Impl::SeekForPrev(std::string_view key) {
   }
   Reset();
   if (status_ != kStatusOk) return;
-  SeekSources(key, true, Direction::Backward);
+  SeekSources(std::string(key), true, Direction::Backward);
   Settle();
 }
 
@@ -231,7 +264,7 @@ void Cursor::Impl::Next() {
   if (direction_ == Direction::Backward) {
     SeekSources(std::string(key_), false, Direction::Forward);
   } else {
-    Step(current_);
+    Step(0);
   }
   Settle();
 }
@@ -241,14 +274,14 @@ void Cursor::Impl::Prev() {
   if (direction_ == Direction::Forward) {
     SeekSources(std::string(key_), false, Direction::Backward);
   } else {
-    Step(current_);
+    Step(0);
   }
   Settle();
 }
 
 uint32_t Cursor::Impl::Value(std::string_view* bytes) {
   if (!Valid()) return kStatusInvalid;
-  if (current_ == logSource_) return snapshot_->ViewLogValue(key_, log_.position.Get(), bytes);
+  if (current_ == logSource_) return snapshot_->ViewLogValue(key_, log_.Get(), bytes);
   BlockPlace& place = blocks_[current_];
   std::string_view found;
   if (const uint32_t status = ReadAhead(place, &found); status != kStatusOk) return status;

@@ -1,7 +1,8 @@
 // store/cursor_impl.h: how a cursor walks the log and the blocks of a snapshot at once.
 //
 // Each source stands on a key of its own; the cursor stands on the least of them, or on the greatest when it walks
-// backwards, and among equal keys on that of the newest source. Seeking is a search in each source.
+// backwards, and among equal keys on that of the newest source. A heap of the sources tells which one that is. Seeking
+// is a search in each source.
 #pragma once
 
 #include <cstdint>
@@ -58,22 +59,26 @@ class Cursor::Impl {
     uint32_t begin;
     uint32_t end;
     uint32_t position;  // end: past the last one; walking backwards also past the first one
-    bool isValid;
-    std::string_view key;  // of the entry, while isValid
     Stretch values;
   };
-  struct LogPlace {
-    LogIndex::Iterator position;
-    bool isValid;
-    std::string_view key;
+  // A source that stands on a key.
+  struct Head {
+    std::string_view key;  // belongs to the source
+    size_t source;
   };
 
   uint32_t AddBlock(const Block& block);
   void Reset();
-  void TakeBlock(BlockPlace& place);
-  void TakeLog(Direction direction);
+  bool TakeBlock(BlockPlace& place, std::string_view* key);
+  bool TakeLog(std::string_view* key);
+  void AddHead(size_t source);
+  void SeekFrom(std::string_view key);
   void SeekSources(std::string_view key, bool inclusive, Direction direction);
-  void Step(size_t source);
+  bool SeekBlock(BlockPlace& place, std::string_view key, bool inclusive);
+  bool ComesBefore(const Head& left, const Head& right) const;
+  void SiftDown(size_t head);
+  void OrderHeads();
+  void Step(size_t head);
   void Settle();
   bool TakeCurrent();
   uint32_t ReadAhead(BlockPlace& place, std::string_view* bytes);
@@ -84,8 +89,9 @@ class Cursor::Impl {
 
   // Sources are numbered by age: the blocks from the oldest on, the log last.
   std::vector<BlockPlace> blocks_;
-  LogPlace log_;
+  LogIndex::Iterator log_;
   size_t logSource_;
+  std::vector<Head> heads_;  // a heap, the one whose turn it is first
   Direction direction_ = Direction::Forward;
 
   size_t current_ = kNone;

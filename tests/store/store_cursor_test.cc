@@ -222,6 +222,27 @@ TEST_F(StoreCursorTest, ValuesOfAllSizesAreReadAheadInBothDirections) {
   }
 }
 
+// The memory of the key under the cursor goes when the cursor moves.
+TEST_F(StoreCursorTest, SeeksItsOwnKey) {
+  const std::vector<std::string> keys = {std::string(40, 'a'), std::string(40, 'b'), std::string(40, 'c')};
+  std::unique_ptr<Store> store = OpenWith(keys);
+  ASSERT_EQ(store->Flush(), kStatusOk);
+  store.reset();
+  std::unique_ptr<Snapshot> snapshot;
+  ASSERT_EQ(Snapshot::Open(path_, &snapshot), kStatusOk);
+  const std::unique_ptr<Cursor> cursor = NewCursor(*snapshot);
+  cursor->SeekToLast();
+  for (const std::string& key : {keys[2], keys[1]}) {
+    ASSERT_EQ(Here(*cursor), key + "=" + key);
+    cursor->Seek(cursor->Key());
+    EXPECT_EQ(Here(*cursor), key + "=" + key);
+    cursor->SeekForPrev(cursor->Key());
+    EXPECT_EQ(Here(*cursor), key + "=" + key);
+    cursor->Prev();
+  }
+  EXPECT_EQ(Here(*cursor), keys[0] + "=" + keys[0]);
+}
+
 // A map and a cursor take the same steps.
 class Walker {
  public:
