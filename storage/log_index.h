@@ -1,21 +1,25 @@
-// storage/log_index.h: the ordered index of one filling of the log: which record holds which key.
+// storage/log_index.h: the index of one filling of the log: which record holds which key.
 //
-// A skip list of versions, and a hash table of the newest version of each key, through which single keys are found.
-// A version is one record; its offset in the log is its version number, because a log only
-// grows until it is reset. Versions of one key stand newest first, so that a reader who goes by the first `limit` bytes
-// of the log finds the state of the moment when the log was that long. Nothing is ever taken out: a reset of the log
-// begins a new index.
+// A version is one record; its offset in the log is its version number, because a log only grows until it is reset. A
+// reader who goes by the first `limit` bytes of the log finds the state of the moment when the log was that long. Nothing
+// is ever taken out: a reset of the log begins a new index.
+//
+// A hash table leads to the newest version of each key, and from there to its older ones. Beside it stands a skip list of
+// all versions, by key and then newest first. Putting a version into the list costs several times what the table costs,
+// so it waits until somebody walks: what was inserted since the last walk is sorted then, and put in as a whole.
 //
 // Ownership: an index owns copies of its keys; nothing in it points into the log.
 // Threads:   one thread at a time may call Insert. All else may run beside it, and from any number of threads: a version
-//            becomes visible with the store of one pointer.
-// Failure:   Insert may throw std::bad_alloc and has changed nothing then.
+//            becomes visible with the store of one pointer. Walks that begin wait for each other while the list is
+//            completed.
+// Failure:   Insert may throw std::bad_alloc and has changed nothing then. Nothing else fails.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <vector>
 
@@ -92,37 +96,57 @@ class LogIndex {
   // What a search looks for, taken apart once.
   struct Target {
     explicit Target(std::string_view key);
+    explicit Target(const Node& node);
     std::string_view key;
     KeyPrefix prefix;
   };
+  struct Unordered;
 
-  static bool IsBefore(const Node& node, const Target& target, uint32_t offset);
   static std::string_view KeyOf(const Node& node);
-  const Node* FirstNotBefore(const Target& target, uint32_t offset) const;
-  const Node* LastBefore(const Target& target, uint32_t offset) const;
-  void FindPlace(const Target& target, uint32_t offset, Node** before) const;
-  void MakeHead();
+  static bool IsOfKey(const Node* node, const Target& target);
   int DrawHeight();
+  Node* MakeNode(const Target& target, const Version& version);
+  void MakeHead();
   static uint64_t HashOf(const Target& target);
   static uintptr_t Tagged(const Node* node, uint64_t hash);
+  static Node* Untagged(uintptr_t tagged);
   static void PutInto(Table& table, uint64_t hash, const Node* node, const Node* replaced);
-  const Node* NewestOf(const Target& target) const;
+  Node* NewestOf(const Target& target, uint64_t hash) const;
   void ReserveTable(size_t keys);
+
+  // The list.
+  static bool IsBefore(const Node& node, const Target& target, uint32_t offset);
+  const Node* FirstNotBefore(const Target& target, uint32_t offset) const;
+  const Node* LastBefore(const Target& target, uint32_t offset) const;
+  void Order() const;
+  void OrderAll(Node* newest) const;
+  void FindPlace(const Target& target, uint32_t offset) const;
+  void Link(Node* node) const;
 
   Arena arena_;
   std::vector<std::unique_ptr<Table>> tables_;  // the last one is in use
   std::atomic<Table*> table_{nullptr};
-  Node* head_;
-  std::atomic<int> height_{1};
   std::atomic<size_t> keyCount_{0};
-  Node* last_[kMaxHeight];  // the last node of each level, for keys that come in ascending order
+  std::atomic<size_t> inserted_{0};  // versions
   uint32_t random_ = 0x2545F491;
 
+  // The versions that are not in the list yet, newest first, linked where the list's lowest level will be. The thread
+  // that takes them puts them into the list, holding the mutex, and counts them when all of them are there.
+  mutable std::atomic<Node*> unordered_{nullptr};
+  mutable std::mutex orderMutex_;
+  mutable std::atomic<size_t> ordered_{0};
+
+  Node* head_;
+  mutable std::atomic<int> height_{1};
+  // On each level the last node that is not after the version that was put in last: the next search goes on from there.
+  mutable Node* finger_[kMaxHeight];
+
  public:
-  // Walks the keys in order, each at its newest version before `limit`. The index must outlive it.
+  // Walks the keys in order, each at its newest version before `limit`. A walk without a limit also meets what is
+  // inserted while it goes on. The index must outlive it.
   class Iterator {
    public:
-    explicit Iterator(const LogIndex& index, uint32_t limit = kNoLimit) : index_(&index), limit_(limit) {}
+    explicit Iterator(const LogIndex& index, uint32_t limit = kNoLimit);
 
     bool Valid() const { return node_ != nullptr; }
     void SeekToFirst();
@@ -137,6 +161,10 @@ class LogIndex {
     uint32_t FollowingOffset() const;
 
    private:
+    // Where all that counts may have grown since the walk began.
+    void OrderNew() const {
+      if (limit_ == kNoLimit) index_->Order();
+    }
     void SkipHidden();
     void TakeKeyOf(const Node* node);
 

@@ -20,11 +20,9 @@
 namespace Kestrun {
 namespace {
 
-// So many records are sorted and put into an empty index in order, which is quicker than finding each its place.
-constexpr size_t kMinBulk = 256;
-
-// Bytes, for guessing how many records there are.
-constexpr size_t kUsualRecord = 128;
+uint64_t SizeOf(const WalRecord& record) {
+  return sizeof(record) + record.keySize + uint64_t{record.valueSize};
+}
 
 std::string_view KeyAt(const LogBytes& log, uint64_t offset, const WalRecord& record) {
   return {reinterpret_cast<const char*>(log.base + offset + sizeof(record)), record.keySize};
@@ -219,62 +217,36 @@ void Wal::CatchUp(const WalHeader& header) {
   if (state_->staleness.ReplayedEnd() < header.used) Replay(header.used);
 }
 
-// Looks through the records first: what is not sound ends the replay, and what is sound goes into the index at once
-// when there is much of it.
+// Looks through the records first: what is not sound ends the replay, and for what is sound there is room in the index
+// then.
 void Wal::Replay(uint32_t used) {
-  struct Found {
-    KeyPrefix prefix;
-    uint32_t offset;
-    uint16_t keySize;
-  };
   const std::lock_guard<std::mutex> lock(state_->replayMutex);
   LogFilling& filling = *state_->filling;
   const LogBytes log = Bytes();
   const uint64_t start = state_->staleness.ReplayedEnd();
-  uint64_t offset = start;
+  uint64_t end = start;
   uint64_t last = start;
   bool hasEpoch = filling.hasEpoch;
   uint32_t epoch = filling.epoch;
-  std::vector<Found> found;
-  found.reserve((used - start) / kUsualRecord);
+  size_t count = 0;
   size_t keyBytes = 0;
   WalRecord record;
-  while (log.ReadRecord(offset, used, &record) && IsContentSound(offset, record, &hasEpoch, &epoch)) {
-    found.push_back(
-        {KeyPrefix::Of(KeyAt(log, offset, record)), static_cast<uint32_t>(offset), record.keySize});
+  while (log.ReadRecord(end, used, &record) && IsContentSound(end, record, &hasEpoch, &epoch)) {
+    ++count;
     keyBytes += record.keySize;
-    last = offset;
-    offset += sizeof(record) + record.keySize + uint64_t{record.valueSize};
+    last = end;
+    end += SizeOf(record);
   }
-  if (offset == start) return;
+  if (end == start) return;
 
-  if (found.size() >= kMinBulk && filling.index.KeyCount() == 0) {
-    const auto key = [&log](const Found& one) {
-      return std::string_view(reinterpret_cast<const char*>(log.base + one.offset + sizeof(WalRecord)),
-                              one.keySize);
-    };
-    std::sort(found.begin(), found.end(), [&key](const Found& left, const Found& right) {
-      if (!(left.prefix == right.prefix)) return left.prefix < right.prefix;
-      const int order = left.keySize <= sizeof(KeyPrefix) && right.keySize <= sizeof(KeyPrefix)
-                            ? left.keySize - right.keySize
-                            : key(left).compare(key(right));
-      return order != 0 ? order < 0 : left.offset > right.offset;
-    });
-    // Nobody can ask for the state before this replay: the newest version of each key is enough.
-    found.erase(std::unique(found.begin(), found.end(),
-                            [&key](const Found& left, const Found& right) {
-                              return left.prefix == right.prefix && key(left) == key(right);
-                            }),
-                found.end());
-  }
-  filling.index.Reserve(found.size(), keyBytes);
-  for (const Found& one : found) {
-    std::memcpy(&record, log.base + one.offset, sizeof(record));
-    filling.index.Insert(KeyAt(log, one.offset, record), {one.offset, ToDataEntry(record)});
+  filling.index.Reserve(count, keyBytes);
+  for (uint64_t offset = start; offset < end; offset += SizeOf(record)) {
+    std::memcpy(&record, log.base + offset, sizeof(record));
+    filling.index.Insert(KeyAt(log, offset, record), {static_cast<uint32_t>(offset), ToDataEntry(record)});
   }
   filling.hasEpoch = hasEpoch;
   filling.epoch = epoch;
-  state_->staleness.OnReplayed(log, static_cast<uint32_t>(last), static_cast<uint32_t>(offset));
+  state_->staleness.OnReplayed(log, static_cast<uint32_t>(last), static_cast<uint32_t>(end));
 }
 
 // What a marked record promises of its content. `*epoch` is that of the marked records before it.

@@ -169,6 +169,61 @@ TEST(LogIndexTest, IsEmptyAfterClearAndTakesEntriesAgain) {
   }
 }
 
+// The older face walks like this while its callbacks write.
+TEST(LogIndexTest, AWalkWithoutALimitMeetsWhatIsInsertedMeanwhile) {
+  LogIndex index;
+  uint32_t offset = 128;
+  for (const char* key : {"b", "d", "f"}) index.Insert(key, VersionAt(offset++));
+  const LogIndex::Iterator before(index, offset);
+  LogIndex::Iterator position(index);
+  std::vector<std::string> seen;
+  for (position.SeekToFirst(); position.Valid(); position.Next()) {
+    const std::string key(position.Key());
+    seen.push_back(key);
+    if (key.size() == 1) index.Insert(key + "+", VersionAt(offset++));
+    index.Insert("a", VersionAt(offset++));
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"b", "b+", "d", "d+", "f", "f+"}));
+  index.Insert("g", VersionAt(offset++));
+  position.SeekToLast();
+  EXPECT_EQ(position.Key(), "g");
+  index.Insert("e", VersionAt(offset++));
+  position.SeekForPrev("e");
+  EXPECT_EQ(position.Key(), "e");
+
+  LogIndex::Iterator limited = before;
+  limited.SeekToLast();
+  EXPECT_EQ(limited.Key(), "f");
+  limited.Prev();
+  EXPECT_EQ(limited.Key(), "d");
+}
+
+// Few of them, many, in order and out of order, before and after walks.
+TEST(LogIndexTest, IsInOrderHoweverManyWereInsertedSinceTheLastWalk) {
+  std::mt19937_64 random = TestRandom(13);
+  LogIndex index;
+  Versions model;
+  uint32_t offset = 128;
+  for (const int count : {1, 2, 3000, 1, 0, 500, 2, 4000}) {
+    for (int i = 0; i < count; ++i) {
+      const std::string key = count % 2 == 0 ? "a long common beginning " + std::to_string(random() % 5000)
+                                             : "a long common beginning 9" + std::to_string(offset);
+      index.Insert(key, VersionAt(offset));
+      std::vector<uint32_t>& versions = model[key];
+      versions.insert(versions.begin(), offset++);
+    }
+    State seen;
+    std::string last;
+    LogIndex::Iterator position(index);
+    for (position.SeekToFirst(); position.Valid(); position.Next()) {
+      ASSERT_LT(last, position.Key());
+      last = position.Key();
+      seen[last] = position.Get().offset;
+    }
+    ASSERT_EQ(seen, StateBefore(model, LogIndex::kNoLimit)) << count;
+  }
+}
+
 TEST(LogIndexTest, RoomThatWasReservedIsEnough) {
   LogIndex index;
   const std::string key(60000, 'k');
