@@ -181,7 +181,9 @@ std::map<uint16_t, std::string> ReadRecordTypeTexts(const std::string& directory
   const auto file = ReadOnlyFile::Open(SchemaPath(directory), damage);
   if (!file) return texts;
   const bool whole = ScanSchema(*file, [&](const SchemaLineView& line) {
-    if (line.IsRecordType() && !line.textIsCut && line.idIsPlain) {
+    if (!line.ended) {
+      if (damage->empty()) *damage = "the line at " + std::to_string(line.offset) + " has no end";
+    } else if (line.IsRecordType() && !line.textIsCut && line.idIsPlain) {
       texts[line.id] = line.text;
     } else if (damage->empty()) {
       *damage = "the line at " + std::to_string(line.offset) + " is not a record type";

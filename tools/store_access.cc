@@ -11,6 +11,7 @@
 #include "inspect/locate.h"
 #include "inspect/read_only_file.h"
 #include "inspect/store_directory.h"
+#include "inspect/type_guess.h"
 #include "kestrun/status.h"
 #include "tools/bytes_text.h"
 #include "tools/failure.h"
@@ -134,7 +135,45 @@ std::unique_ptr<Store> OpenStore(const Invocation& line, Access access) {
   return store;
 }
 
+namespace {
+
+// A store that has lost the file of its record types would count their numbers from 1 again, and its older records would
+// be read as something else. Without that file, some thousand values tell whether there were any.
+void RequireRecordTypes(const std::string& path) {
+  constexpr int kLookedAt = 4096;
+  std::string damage;
+  const auto known = Inspect::ReadRecordTypeTexts(path, &damage);
+  const std::string name = ShownPath(path) + ": ";
+  const std::string advice =
+      "kestrun recover STORE NEW makes a store that has the record types as far as its values tell "
+      "them.";
+  if (!damage.empty()) {
+    throw StoreFailure(kStatusRecordTypeUnknown, name + kSchemaFileName + " is damaged: " + damage, "",
+                       advice);
+  }
+  if (!known.empty()) return;
+  std::unique_ptr<Snapshot> snapshot;
+  if (Snapshot::Open(path, &snapshot) != kStatusOk) return;  // a new store, or what opening it tells
+  Inspect::TypeGuess guess({});
+  const auto cursor = OpenCursor(*snapshot, Range::All());
+  int looked = 0;
+  for (cursor->SeekToFirst(); cursor->Valid() && looked < kLookedAt; cursor->Next(), ++looked) {
+    std::string_view value;
+    if (cursor->Value(&value) == kStatusOk) guess.Add(value);
+  }
+  for (const Inspect::GuessedType& type : guess.Guess()) {
+    if (!guess.IsLikely(type)) continue;
+    throw StoreFailure(kStatusRecordTypeUnknown,
+                       name + "there are values that seem to be records of the type number " +
+                           std::to_string(type.id) + ", but " + kSchemaFileName + " names no type",
+                       "", advice);
+  }
+}
+
+}  // namespace
+
 std::unique_ptr<RecordStore> OpenRecordStore(const Invocation& line, Access access) {
+  RequireRecordTypes(line.Store());
   std::unique_ptr<RecordStore> store;
   const uint32_t status = RecordStore::Open(line.Store(), OptionsOf(line, access), &store);
   if (status != kStatusOk) FailToOpen(status, line.Store());

@@ -153,6 +153,47 @@ TEST_F(RecordTest, ShowRefusesWhatIsNoRecordAndMakesNoSchema) {
   EXPECT_NE(access((store_ + "/meta_v5").c_str(), F_OK), 0);
 }
 
+// Numbers would begin at 1 again, and the older records would be read as the new type.
+TEST_F(RecordTest, NoTypeIsAddedWhereThoseThatWereThereAreLost) {
+  for (int i = 0; i < 20; ++i) {
+    Do("append",
+       {"k" + std::to_string(i), "Row name:%s,size:%i4", "name " + std::to_string(i), std::to_string(i)});
+  }
+  const std::string types = store_ + "/meta_v5";
+  const std::string whole = ReadFile(types);
+  const auto refused = [&](const char* says) {
+    const Ran append = Run("append", {"new", "T x:%i4", "5"});
+    EXPECT_EQ(append.status, 3);
+    EXPECT_TRUE(Contains(append.err, says)) << append.err;
+    EXPECT_TRUE(Contains(append.err, "kestrun recover")) << append.err;
+    EXPECT_EQ(
+        Run("import", {"-", "--format", "csv", "--type", "T x:%i4", "--key", "new-{x}"}, "x\n5\n").status, 3);
+    EXPECT_EQ(Run("get", {"new"}).status, 1);
+    EXPECT_EQ(Run("get", {"new-5"}).status, 1);
+  };
+  ASSERT_EQ(unlink(types.c_str()), 0);
+  refused("names no type");
+  EXPECT_NE(access(types.c_str(), F_OK), 0);
+  WriteFile(types, "");
+  refused("names no type");
+  WriteFile(types, whole.substr(0, whole.size() / 2));
+  refused("is damaged");
+  WriteFile(types, whole.substr(0, whole.size() - 1));
+  refused("has no end");
+  WriteFile(types, whole);
+  Do("append", {"new", "T x:%i4", "5"});
+  EXPECT_EQ(DoJson("show", {"new"})["id"], 2);
+}
+
+TEST_F(RecordTest, RawValuesAreNoReasonToRefuseTheFirstType) {
+  Put("text", "some bytes");
+  Put("number", "17");
+  Put("bytes", std::string("\x05\x00\x00\x01", 4));
+  Put("empty", "");
+  Do("append", {"k", "T x:%i4", "5"});
+  EXPECT_EQ(DoJson("show", {"k"})["fields"]["x"], 5);
+}
+
 TEST_F(RecordTest, RecordsSurviveFlushAndCompaction) {
   for (const char* number : {"1", "2", "3", "4"}) {
     Do("append", {std::string("k") + number, "T n:%i4", number});
