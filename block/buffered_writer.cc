@@ -8,6 +8,7 @@ namespace Kestrun {
 namespace {
 
 constexpr size_t kBufferSize = 1024 * 1024;
+constexpr size_t kMinStarted = kBufferSize / 4;
 
 }  // namespace
 
@@ -49,6 +50,8 @@ bool BufferedWriter::Flush() {
 bool BufferedWriter::Write(const void* bytes, size_t size) {
   const ssize_t written = file_->PWriteFully(bytes, size, static_cast<int64_t>(start_));
   if (written != static_cast<ssize_t>(size)) return false;
+  // The disk works while the next piece is being made.
+  if (size >= kMinStarted) file_->StartWriting(start_, size);
   start_ += size;
   return true;
 }

@@ -148,6 +148,14 @@ int OsFile::Truncate(int64_t length) {
   return ftruncate(descriptor_.Get(), length);
 }
 
+void OsFile::StartWriting(uint64_t offset, uint64_t size) {
+  const int error = errno;
+  // A file system that can't waits for Sync.
+  static_cast<void>(sync_file_range(descriptor_.Get(), static_cast<off64_t>(offset),
+                                    static_cast<off64_t>(size), SYNC_FILE_RANGE_WRITE));
+  errno = error;
+}
+
 int OsFile::Sync() {
   return fsync(descriptor_.Get());
 }
