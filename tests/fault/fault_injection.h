@@ -1,8 +1,8 @@
 // System calls and allocations that fail when a test wants them to.
 //
-// A program that links fault_injection has its calls of the functions behind each Fault arrive here first.
-// They are counted and made to fail only while a plan is armed; everything else passes through. stdio's own
-// calls and those inside the C library do not come by.
+// The calls are those of tests/support/interposed_calls.h. They are counted and made to fail only while a plan is
+// armed, and then no other observer of calls is set; everything else passes through. stdio's own calls and those
+// inside the C library do not come by.
 //
 // Threads: one thread while a plan is armed.
 #pragma once
@@ -21,7 +21,7 @@ enum class Fault {
   Sync,       // fsync
   Map,        // mmap
   Truncate,   // ftruncate
-  Reserve,    // fallocate
+  Reserve,    // fallocate, posix_fallocate
   Lock,       // fcntl
   MakeDir,    // mkdir
   OpenDir,    // opendir
@@ -35,7 +35,7 @@ enum class Fault {
   Rename,     // rename, and renameat2 through syscall
   CopyRange,  // copy_file_range
   Mode,       // chmod, fchmod
-  Allocate,   // malloc and its kin, and thereby operator new
+  Allocate,   // malloc and its kin, operator new, and what opendir allocates
 };
 inline constexpr size_t kFaults = 22;
 
@@ -47,8 +47,8 @@ struct FaultPlan {
   long last = LONG_MAX;
   // Reads and writes: only half of the bytes are moved, and nothing fails. Other calls pass through.
   bool halves = false;
-  // Where halves is set: the calls behind the first one do fail.
-  bool failsBehind = false;
+  // Where halves is set: the calls after the first one do fail.
+  bool failsAfter = false;
   // No call of linkat succeeds besides, so that files are copied. Those count neither as calls nor as hits.
   bool noLinks = false;
   // The process ends there, as if it were killed, with this exit status.

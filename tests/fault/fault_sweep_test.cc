@@ -42,7 +42,7 @@ struct FaultCase {
   Span span;
   bool mustSucceed = false;
   bool halves = false;
-  bool failsBehind = false;
+  bool failsAfter = false;
   bool noLinks = false;
 };
 
@@ -121,7 +121,7 @@ const FaultCase kSystemCallsOfStore[] = {
     {Fault::CopyRange, 0, Span::FromThenOn, kMustSucceed, kHalves, false, true},
 };
 
-// Where a process ends before another one meets failures: the calls behind which a change takes effect.
+// Where a process ends before another one meets failures: the calls after which a change takes effect.
 const Fault kEnds[] = {Fault::Truncate, Fault::Sync, Fault::Unlink, Fault::PWrite};
 
 const FaultCase kFaultsOfRecovery[] = {
@@ -144,7 +144,7 @@ FaultPlan PlanFor(const FaultCase& faultCase, long number) {
   plan.fault = faultCase.fault;
   plan.error = faultCase.error;
   plan.halves = faultCase.halves;
-  plan.failsBehind = faultCase.failsBehind;
+  plan.failsAfter = faultCase.failsAfter;
   plan.noLinks = faultCase.noLinks;
   plan.first = number;
   plan.last =
@@ -154,7 +154,7 @@ FaultPlan PlanFor(const FaultCase& faultCase, long number) {
 
 std::string Describe(const FaultCase& faultCase, long number) {
   std::string text = std::string(FaultName(faultCase.fault)) + " number " + std::to_string(number);
-  if (faultCase.span == Span::FromThenOn) text += " and all behind it";
+  if (faultCase.span == Span::FromThenOn) text += " and all after it";
   if (faultCase.span == Span::Thrice) text += " and the next two";
   if (faultCase.halves) text += " moves half of its bytes";
   if (faultCase.error != 0)
@@ -379,7 +379,7 @@ TEST_P(FaultSweep, AFailureAfterTheEndOfAProcessCostsNothingEither) {
     const FaultCase& faultCase = kFaultsOfRecovery[at % cases];
     const long begin = 1 + static_cast<long>(at) % stride;
     for (long endNumber = begin; endNumber <= whole.calls[static_cast<size_t>(end)]; endNumber += stride) {
-      // The opening and the reads behind it make the first calls. Few numbers are tried with each end, so
+      // The opening and the reads after it make the first calls. Few numbers are tried with each end, so
       // other ones with the next.
       const long first = 1 + (endNumber + static_cast<long>(at)) % 6 / most;
       for (long number = first; number < first + most; ++number) {
