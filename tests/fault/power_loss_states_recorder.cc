@@ -2,20 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <utility>
 
 namespace Kestrun::Testing {
 namespace {
-
-FileRecorder* current = nullptr;
 
 // The headers of the log and the manifest.
 constexpr size_t kHeaderSize = 24;
@@ -44,15 +38,99 @@ FileRecorder::FileRecorder(std::string root, const DiskImage& start) : root_(std
     event.push_back({Change::Kind::SyncFile, file, 0, 0, nullptr, ""});
   }
   Add(std::move(event));
-  current = this;
+  SetCallObserver(this);
 }
 
 FileRecorder::~FileRecorder() {
-  current = nullptr;
+  SetCallObserver(nullptr);
 }
 
-FileRecorder* FileRecorder::Current() {
-  return current;
+bool FileRecorder::Before(Call& call) {
+  switch (call.function) {
+    case Function::Open:
+    case Function::PWrite:
+    case Function::FTruncate:
+    case Function::FSync:
+    case Function::LinkAt:
+    case Function::Unlink:
+    case Function::Remove:
+    case Function::MkDir:
+    case Function::MSync:
+      TakeStores();
+      break;
+    case Function::MUnmap:
+      TakeStores();
+      Unmapped(call.argument);
+      break;
+    case Function::Close:
+      Closed(call.descriptor);
+      break;
+    case Function::FAllocate:
+      if (call.flags != FALLOC_FL_KEEP_SIZE) Unknown("fallocate", call.descriptor);
+      break;
+    case Function::Write:
+      Unknown("write", call.descriptor);
+      break;
+    case Function::PosixFAllocate:
+      Unknown("posix_fallocate", call.descriptor);
+      break;
+    case Function::FDataSync:
+      Unknown("fdatasync", call.descriptor);
+      break;
+    case Function::CopyFileRange:
+      Unknown("copy_file_range", call.descriptor);
+      break;
+    case Function::Rename:
+      Unknown("rename", call.newPath);
+      break;
+    case Function::RenameAt2:
+      Unknown("renameat2", call.newPath);
+      break;
+    case Function::RmDir:
+      Unknown("rmdir", call.path);
+      break;
+    default:  // changes no file
+      break;
+  }
+  return true;
+}
+
+void FileRecorder::After(const Call& call, int64_t result) {
+  if (result == -1) return;
+  switch (call.function) {
+    case Function::Open:
+      Opened(static_cast<int>(result), call.path, call.flags);
+      break;
+    case Function::PWrite:
+      Written(call.descriptor, call.bytes, static_cast<size_t>(result), call.offset);
+      break;
+    case Function::FTruncate:
+      Cut(call.descriptor, call.offset);
+      break;
+    case Function::FSync:
+      Synced(call.descriptor);
+      break;
+    case Function::LinkAt:
+      Linked(call.path, call.newPath);
+      break;
+    case Function::Unlink:
+    case Function::Remove:
+      Unlinked(call.path);
+      break;
+    case Function::MkDir:
+      DirectoryMade(call.path);
+      break;
+    case Function::MMap:
+      if ((call.flags & PROT_WRITE) != 0 && (call.flags & MAP_SHARED) != 0) {
+        Mapped(reinterpret_cast<const uint8_t*>(result), call.count, call.descriptor, call.offset);
+      }
+      break;
+    case Function::MSync:
+      SyncedMapping(call.argument, call.count);
+      break;
+    default:
+      break;
+  }
 }
 
 size_t FileRecorder::SyncsOf(const std::string& name) const {
@@ -209,20 +287,19 @@ void FileRecorder::DirectoryMade(const char* path) {
   Add({{Change::Kind::Name, kDirectory, 0, 0, nullptr, relative}});
 }
 
-void FileRecorder::Mapped(void* address, size_t length, int descriptor, int64_t offset) {
+void FileRecorder::Mapped(const uint8_t* bytes, size_t length, int descriptor, int64_t offset) {
   const Handle* handle = Find(descriptor);
   if (handle == nullptr) return;
-  mappings_.push_back(
-      {static_cast<const uint8_t*>(address), length, handle->file, static_cast<size_t>(offset)});
+  mappings_.push_back({bytes, length, handle->file, static_cast<size_t>(offset)});
 }
 
-void FileRecorder::Unmapped(void* address) {
+void FileRecorder::Unmapped(const void* address) {
   const auto position = std::find_if(mappings_.begin(), mappings_.end(),
                                      [address](const Mapping& mapping) { return mapping.bytes == address; });
   if (position != mappings_.end()) mappings_.erase(position);
 }
 
-void FileRecorder::SyncedMapping(void* address, size_t length) {
+void FileRecorder::SyncedMapping(const void* address, size_t length) {
   const auto* bytes = static_cast<const uint8_t*>(address);
   for (const Mapping& mapping : mappings_) {
     if (bytes < mapping.bytes || bytes >= mapping.bytes + mapping.length) continue;
@@ -243,155 +320,3 @@ void FileRecorder::Unknown(const char* function, const char* path) {
 }
 
 }  // namespace Kestrun::Testing
-
-// The linker sends the program's calls of FUNCTION to __wrap_FUNCTION; __real_FUNCTION is the system's.
-using Kestrun::Testing::FileRecorder;
-
-extern "C" {
-
-int __real_open(const char* path, int flags, ...);
-int __real_close(int descriptor);
-ssize_t __real_write(int descriptor, const void* bytes, size_t count);
-ssize_t __real_pwrite(int descriptor, const void* bytes, size_t count, off_t offset);
-int __real_ftruncate(int descriptor, off_t length);
-int __real_fallocate(int descriptor, int mode, off_t offset, off_t length);
-int __real_fsync(int descriptor);
-int __real_fdatasync(int descriptor);
-int __real_linkat(int oldDirectory, const char* oldPath, int newDirectory, const char* newPath, int flags);
-int __real_rename(const char* oldPath, const char* newPath);
-int __real_unlink(const char* path);
-int __real_remove(const char* path);
-int __real_mkdir(const char* path, mode_t mode);
-void* __real_mmap(void* hint, size_t length, int protection, int flags, int descriptor, off_t offset);
-int __real_munmap(void* address, size_t length);
-int __real_msync(void* address, size_t length, int flags);
-
-int __wrap_open(const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-    va_list arguments;
-    va_start(arguments, flags);
-    mode = va_arg(arguments, mode_t);
-    va_end(arguments);
-  }
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const int descriptor = __real_open(path, flags, mode);
-  if (recorder != nullptr && descriptor >= 0) recorder->Opened(descriptor, path, flags);
-  return descriptor;
-}
-
-int __wrap_close(int descriptor) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->Closed(descriptor);
-  return __real_close(descriptor);
-}
-
-ssize_t __wrap_write(int descriptor, const void* bytes, size_t count) {
-  if (FileRecorder* recorder = FileRecorder::Current()) recorder->Unknown("write", descriptor);
-  return __real_write(descriptor, bytes, count);
-}
-
-ssize_t __wrap_pwrite(int descriptor, const void* bytes, size_t count, off_t offset) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const ssize_t written = __real_pwrite(descriptor, bytes, count, offset);
-  if (recorder != nullptr && written > 0) {
-    recorder->Written(descriptor, bytes, static_cast<size_t>(written), offset);
-  }
-  return written;
-}
-
-int __wrap_ftruncate(int descriptor, off_t length) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const int result = __real_ftruncate(descriptor, length);
-  if (recorder != nullptr && result == 0) recorder->Cut(descriptor, length);
-  return result;
-}
-
-// Reserving space changes nothing that can be read.
-int __wrap_fallocate(int descriptor, int mode, off_t offset, off_t length) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr && mode != FALLOC_FL_KEEP_SIZE) recorder->Unknown("fallocate", descriptor);
-  return __real_fallocate(descriptor, mode, offset, length);
-}
-
-int __wrap_fsync(int descriptor) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const int result = __real_fsync(descriptor);
-  if (recorder != nullptr && result == 0) recorder->Synced(descriptor);
-  return result;
-}
-
-int __wrap_fdatasync(int descriptor) {
-  if (FileRecorder* recorder = FileRecorder::Current()) recorder->Unknown("fdatasync", descriptor);
-  return __real_fdatasync(descriptor);
-}
-
-int __wrap_linkat(int oldDirectory, const char* oldPath, int newDirectory, const char* newPath, int flags) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const int result = __real_linkat(oldDirectory, oldPath, newDirectory, newPath, flags);
-  if (recorder != nullptr && result == 0) recorder->Linked(oldPath, newPath);
-  return result;
-}
-
-int __wrap_rename(const char* oldPath, const char* newPath) {
-  if (FileRecorder* recorder = FileRecorder::Current()) recorder->Unknown("rename", newPath);
-  return __real_rename(oldPath, newPath);
-}
-
-int __wrap_unlink(const char* path) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const int result = __real_unlink(path);
-  if (recorder != nullptr && result == 0) recorder->Unlinked(path);
-  return result;
-}
-
-int __wrap_remove(const char* path) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const int result = __real_remove(path);
-  if (recorder != nullptr && result == 0) recorder->Unlinked(path);
-  return result;
-}
-
-int __wrap_mkdir(const char* path, mode_t mode) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const int result = __real_mkdir(path, mode);
-  if (recorder != nullptr && result == 0) recorder->DirectoryMade(path);
-  return result;
-}
-
-void* __wrap_mmap(void* hint, size_t length, int protection, int flags, int descriptor, off_t offset) {
-  void* address = __real_mmap(hint, length, protection, flags, descriptor, offset);
-  FileRecorder* recorder = FileRecorder::Current();
-  const bool storable = (protection & PROT_WRITE) != 0 && (flags & MAP_SHARED) != 0;
-  if (recorder != nullptr && address != MAP_FAILED && storable) {
-    recorder->Mapped(address, length, descriptor, offset);
-  }
-  return address;
-}
-
-int __wrap_munmap(void* address, size_t length) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) {
-    recorder->TakeStores();
-    recorder->Unmapped(address);
-  }
-  return __real_munmap(address, length);
-}
-
-int __wrap_msync(void* address, size_t length, int flags) {
-  FileRecorder* recorder = FileRecorder::Current();
-  if (recorder != nullptr) recorder->TakeStores();
-  const int result = __real_msync(address, length, flags);
-  if (recorder != nullptr && result == 0) recorder->SyncedMapping(address, length);
-  return result;
-}
-
-}  // extern "C"

@@ -1,8 +1,7 @@
 // Records what this process does to the files below one directory.
 //
-// The program is linked so that its calls of the functions that change files (kestrun_record_files in
-// CMakeLists.txt lists them) arrive here first. Stores to shared mappings are found by comparing the mapped
-// bytes before each of these calls, and when TakeStores is called.
+// It is the observer of the program's calls (tests/support/interposed_calls.h). Stores to shared mappings are
+// found by comparing the mapped bytes before each call that changes files, and when TakeStores is called.
 //
 // Threads: one recorder at a time, and one thread while there is one.
 #pragma once
@@ -14,15 +13,16 @@
 #include <vector>
 
 #include "tests/fault/power_loss_states_disk.h"
+#include "tests/support/interposed_calls.h"
 
 namespace Kestrun::Testing {
 
-class FileRecorder {
+class FileRecorder : public CallObserver {
  public:
   // `root` is an existing directory, empty or with the files of `start`, which count as settled.
   explicit FileRecorder(std::string root);
   FileRecorder(std::string root, const DiskImage& start);
-  ~FileRecorder();
+  ~FileRecorder() override;
   FileRecorder(const FileRecorder&) = delete;
   FileRecorder& operator=(const FileRecorder&) = delete;
 
@@ -33,24 +33,6 @@ class FileRecorder {
   size_t SyncsOf(const std::string& name) const;
   // Calls that the recorder does not understand, for messages; empty when it has understood everything.
   const std::string& NotUnderstood() const { return notUnderstood_; }
-
-  // What the interposed functions report; `path` as it was given to them. To be called after success.
-  void Opened(int descriptor, const char* path, int flags);
-  void Closed(int descriptor);
-  void Written(int descriptor, const void* bytes, size_t count, int64_t offset);
-  void Cut(int descriptor, int64_t length);
-  void Synced(int descriptor);
-  void Linked(const char* oldPath, const char* newPath);
-  void Unlinked(const char* path);
-  void DirectoryMade(const char* path);
-  void Mapped(void* address, size_t length, int descriptor, int64_t offset);
-  void Unmapped(void* address);
-  void SyncedMapping(void* address, size_t length);
-  void Unknown(const char* function, int descriptor);
-  void Unknown(const char* function, const char* path);
-
-  // The one that is recording, or null.
-  static FileRecorder* Current();
 
  private:
   struct Handle {
@@ -63,6 +45,24 @@ class FileRecorder {
     int file;
     size_t offset;
   };
+
+  bool Before(Call& call) override;
+  void After(const Call& call, int64_t result) override;
+
+  // `path` as it was given to the function. All after success, but for Closed, Unmapped and Unknown.
+  void Opened(int descriptor, const char* path, int flags);
+  void Closed(int descriptor);
+  void Written(int descriptor, const void* bytes, size_t count, int64_t offset);
+  void Cut(int descriptor, int64_t length);
+  void Synced(int descriptor);
+  void Linked(const char* oldPath, const char* newPath);
+  void Unlinked(const char* path);
+  void DirectoryMade(const char* path);
+  void Mapped(const uint8_t* bytes, size_t length, int descriptor, int64_t offset);
+  void Unmapped(const void* address);
+  void SyncedMapping(const void* address, size_t length);
+  void Unknown(const char* function, int descriptor);
+  void Unknown(const char* function, const char* path);
 
   // True with the path relative to the root when it leads below it, or to it.
   bool IsOurs(const char* path, std::string* relative) const;

@@ -112,8 +112,8 @@ using Kestrun::Testing::Interpose;
 using Kestrun::Testing::InterposePosix;
 using Kestrun::Testing::TransferOf;
 
-// The linker sends the program's calls of FUNCTION to __wrap_FUNCTION; __real_FUNCTION is the C library's. The list
-// that it goes by is in tests/support/CMakeLists.txt. What only passes through here has no need of its type.
+// The linker sends the program's calls of FUNCTION to __wrap_FUNCTION; __real_FUNCTION is the C library's. The
+// list that it goes by is in tests/support/CMakeLists.txt. What only passes through is of no type here.
 extern "C" {
 
 int __real_open(const char* path, int flags, ...);
@@ -384,8 +384,8 @@ int __wrap_posix_memalign(void** memory, size_t alignment, size_t size) {
 
 }  // extern "C"
 
-// The C++ library's own allocations come by here as well, also where it is a shared one. Memory comes from malloc,
-// and goes back to it, so that forms which are not replaced fit together with these.
+// In the place of the C++ library's, whose own allocations come by here too, also where it is a shared one.
+// Memory is taken from malloc and goes back to it, as with the forms of `new` that are not replaced.
 void* operator new(size_t size) {
   void* const memory = Interpose(CallOnMemory(Function::New, nullptr, size), static_cast<void*>(nullptr),
                                  [&](const Call&) { return __real_malloc(size == 0 ? 1 : size); });

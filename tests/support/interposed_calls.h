@@ -1,11 +1,11 @@
 // The calls that this program makes of the C library, brought before an observer.
 //
-// A program that links kestrun_interposed_calls has its calls of every Function arrive here first: those of the
-// tests, of the library's code in it and of whatever else is linked statically. Calls inside a shared C library do
-// not come by, and those of a shared C++ library only where they are `new`.
+// A program that links kestrun_interposed_calls has its calls of every Function arrive here first: those of
+// the tests, of the library's code in it and of whatever else is linked statically. Calls inside a shared C
+// library do not come by, and of those of a shared C++ library `new` alone.
 //
-// Threads: calls may come from any thread, and reach the observer on the thread that makes them. The observer is
-//          set while no other thread makes calls.
+// Threads: calls may come from any thread, and reach the observer on the thread that makes them. The observer
+//          is set while no other thread makes calls.
 #pragma once
 
 #include <cstddef>
@@ -63,7 +63,7 @@ struct Call {
   const char* path = nullptr;
   const char* newPath = nullptr;
   const void* bytes = nullptr;  // what write and pwrite write
-  size_t count = 0;             // bytes to transfer, to map, to sync or to allocate; microseconds of usleep
+  size_t count = 0;             // bytes to transfer, map, sync, reserve or allocate; microseconds of usleep
   int64_t offset = 0;           // also the length of ftruncate
   int flags = 0;                // also the command of fcntl, the protection and flags of mmap joined by |
   void* argument = nullptr;     // of fcntl; the address of mmap, munmap and msync
@@ -74,14 +74,15 @@ class CallObserver {
  public:
   virtual ~CallObserver() = default;
 
-  // Before the call is made. False: it is not made and fails with the errno that stands here. Transfers and pauses
-  // may be made smaller through `count`; changes of other members are without effect.
+  // Before the call is made. False: it is not made and fails, with the errno that the observer has set.
+  // Transfers and pauses may be made smaller through `count`; changes of other members are without effect.
   virtual bool Before(Call& call) {
     (void)call;
     return true;
   }
 
-  // After a call that was made, with what it gave: an address as a number. Leaves the caller's errno as it is.
+  // After a call that was made, with what it returned: an address as a number. The errno that the call has set
+  // stays, whatever happens here.
   virtual void After(const Call& call, int64_t result) {
     (void)call;
     (void)result;
