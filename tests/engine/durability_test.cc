@@ -1,100 +1,85 @@
-// In which order files reach the disk, and what happens when they don't. The functions below take the place
-// of the C library's in this program.
-#include <fcntl.h>
+// In which order files reach the disk, and what happens when they don't.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 
 #include "tests/engine/store_fixture.h"
 #include "tests/support/captured_stdout.h"
+#include "tests/support/interposed_calls.h"
 
+namespace Kestrun::Testing {
 namespace {
 
-std::vector<std::string> calls;
-int failingSync = 0;  // the number of the fsync that fails, or 0
-int syncs = 0;
-bool directoryAppears = false;
-int failingRead = 0;  // the number of the pread that fails, or 0
-int reads = 0;
-int failingWrite = 0;  // the number of the pwrite that fails, or 0
-int writes = 0;
-bool readsStumble = false;  // every other pread is interrupted, and the rest are short
+// Calls of one function, one of which fails.
+struct FailingCall {
+  int number = 0;  // of the call that fails, counted from 1; or 0
+  int error = 0;
+  int calls = 0;
 
-// "block", "manifest" and so on for a path of the store.
+  bool IsDue() {
+    if (++calls != number) return false;
+    errno = error;
+    return true;
+  }
+};
+
+// "block", "manifest" and so on for the path or name of a file of the store.
 std::string Kind(const std::string& path) {
   const std::string name = path.substr(path.rfind('/') + 1);
   if (name.find(".blk_v5") != std::string::npos) return "block";
   return name == "store" ? "directory" : name;
 }
 
-}  // namespace
+// What the tests below want of the engine's calls.
+struct DurabilityObserver : CallObserver {
+  Strings order;  // "sync block", "remove block" and so on
+  FailingCall sync;
+  FailingCall read;
+  FailingCall write;
+  bool readsStumble = false;  // every other pread is interrupted, and the rest are short
+  bool directoryAppears = false;
 
-// Named otherwise here, because C libraries declare these functions in different ways.
-extern "C" {
-int SyncOfTheTest(int descriptor) __asm__("fsync");
-int RemoveOfTheTest(const char* path) __asm__("remove");
-ssize_t ReadOfTheTest(int descriptor, void* buffer, size_t length, off_t offset) __asm__("pread");
-ssize_t WriteOfTheTest(int descriptor, const void* buffer, size_t length, off_t offset) __asm__("pwrite");
-int MakeDirectoryOfTheTest(const char* path, mode_t mode) __asm__("mkdir");
-}
-
-int SyncOfTheTest(int descriptor) {
-  char path[4096] = {};
-  const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-  if (readlink(link.c_str(), path, sizeof(path) - 1) > 0) calls.push_back("sync " + Kind(path));
-  if (++syncs == failingSync) {
-    errno = EIO;
-    return -1;
+  bool Before(Call& call) override {
+    switch (call.function) {
+      case Function::FSync:
+        order.push_back("sync " + Kind(FileNameOf(call.descriptor)));
+        return !sync.IsDue();
+      case Function::Remove:
+        order.push_back("remove " + Kind(call.path));
+        return true;
+      case Function::PRead:
+        if (read.IsDue()) return false;
+        if (readsStumble && read.calls % 2 == 0) {
+          errno = EINTR;
+          return false;
+        }
+        if (readsStumble) call.count = std::min<size_t>(call.count, 1000);
+        return true;
+      case Function::PWrite:
+        return !write.IsDue();
+      case Function::MkDir:
+        // Another process makes the directory at the last moment.
+        if (directoryAppears) mkdir(call.path, static_cast<mode_t>(call.flags));
+        return true;
+      default:
+        return true;
+    }
   }
-  return static_cast<int>(syscall(SYS_fsync, descriptor));
-}
-
-int RemoveOfTheTest(const char* path) {
-  calls.push_back("remove " + Kind(path));
-  return unlink(path);
-}
-
-ssize_t ReadOfTheTest(int descriptor, void* buffer, size_t length, off_t offset) {
-  ++reads;
-  if (reads == failingRead || (readsStumble && reads % 2 == 0)) {
-    errno = reads == failingRead ? EIO : EINTR;
-    return -1;
-  }
-  const size_t most = readsStumble ? 1000 : length;
-  return static_cast<ssize_t>(syscall(SYS_pread64, descriptor, buffer, std::min(length, most), offset));
-}
-
-ssize_t WriteOfTheTest(int descriptor, const void* buffer, size_t length, off_t offset) {
-  if (++writes == failingWrite) {
-    errno = ENOSPC;
-    return -1;
-  }
-  return static_cast<ssize_t>(syscall(SYS_pwrite64, descriptor, buffer, length, offset));
-}
-
-// Another process makes the directory at the last moment.
-int MakeDirectoryOfTheTest(const char* path, mode_t mode) {
-  const auto result = static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, path, mode));
-  return directoryAppears ? static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, path, mode)) : result;
-}
-
-namespace Kestrun::Testing {
-namespace {
+};
 
 class DurabilityTest : public StoreTest {
  protected:
-  ~DurabilityTest() override { FailSync(0); }
+  DurabilityTest() { SetCallObserver(&calls_); }
+  ~DurabilityTest() override { SetCallObserver(nullptr); }
 
-  static void FailSync(int number) {
-    calls.clear();
-    syncs = 0;
-    failingSync = number;
+  void FailSync(int number) {
+    calls_.order.clear();
+    calls_.sync = {number, EIO};
   }
 
+  DurabilityObserver calls_;
   std::unique_ptr<LSDBImpl> engine_ = Open();
 };
 
@@ -102,19 +87,20 @@ TEST_F(DurabilityTest, ABlockAndItsNameAreOnTheDiskBeforeTheManifestNamesIt) {
   ASSERT_EQ(Insert(*engine_, "key", "value"), kStatusOk);
   FailSync(0);
   ASSERT_EQ(engine_->ResetWal(), kStatusOk);
-  EXPECT_EQ(calls, (Strings{"sync block", "sync directory", "sync manifest_v5"}));
+  EXPECT_EQ(calls_.order, (Strings{"sync block", "sync directory", "sync manifest_v5"}));
 }
 
 TEST_F(DurabilityTest, OldBlocksGoWhenTheListWithoutThemIsOnTheDisk) {
   MakeBlocks(*engine_, 4);
   FailSync(0);
   ASSERT_EQ(engine_->ForceCompact(), kStatusOk);
-  ASSERT_EQ(calls.size() >= 7, true);
-  EXPECT_EQ(Strings(calls.begin(), calls.begin() + 2), (Strings{"sync block", "sync directory"}));
-  const auto manifest = std::find(calls.begin(), calls.end(), "sync manifest_v5");
-  ASSERT_NE(manifest, calls.end());
-  EXPECT_LT(manifest, std::find(calls.begin(), calls.end(), "remove block"));
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "remove block"), 4);
+  ASSERT_EQ(calls_.order.size() >= 7, true);
+  EXPECT_EQ(Strings(calls_.order.begin(), calls_.order.begin() + 2),
+            (Strings{"sync block", "sync directory"}));
+  const auto manifest = std::find(calls_.order.begin(), calls_.order.end(), "sync manifest_v5");
+  ASSERT_NE(manifest, calls_.order.end());
+  EXPECT_LT(manifest, std::find(calls_.order.begin(), calls_.order.end(), "remove block"));
+  EXPECT_EQ(std::count(calls_.order.begin(), calls_.order.end(), "remove block"), 4);
 }
 
 TEST_F(DurabilityTest, AFlushWhoseBlockDoesNotReachTheDiskIsUndone) {
@@ -170,7 +156,7 @@ TEST_F(DurabilityTest, ACompactionWhoseDataDoesNotReachTheDiskDeletesNothing) {
     FailSync(number);
     CapturedStdout output;
     const uint32_t status = engine_->ForceCompact();
-    const bool failed = syncs >= number;
+    const bool failed = calls_.sync.calls >= number;
     FailSync(0);
     output.Take();
     const auto readable = [](LSDBImpl& engine) {
@@ -201,20 +187,13 @@ class FailingReadTest : public DurabilityTest {
     MakeBlocks(*engine_, 5);
     Reopen();
   }
-  ~FailingReadTest() override {
-    FailRead(0);
-    readsStumble = false;
-  }
 
   // With nothing in its cache.
   void Reopen() {
     engine_.reset();
     engine_ = Open();
   }
-  static void FailRead(int number) {
-    reads = 0;
-    failingRead = number;
-  }
+  void FailRead(int number) { calls_.read = {number, EIO}; }
   void ExpectAll() {
     for (int i = 0; i < 5; ++i) {
       EXPECT_EQ(Value(*engine_, "key" + std::to_string(i)), "value" + std::to_string(i));
@@ -224,7 +203,7 @@ class FailingReadTest : public DurabilityTest {
 };
 
 TEST_F(FailingReadTest, InterruptedAndPartialReadsAreGoneOnWith) {
-  readsStumble = true;
+  calls_.readsStumble = true;
   ExpectAll();
   EXPECT_EQ(BlockFiles().size(), 5u);
   ASSERT_EQ(engine_->ForceCompact(), kStatusOk);
@@ -241,7 +220,7 @@ TEST_F(FailingReadTest, ABlockThatCouldNotBeReadIsKept) {
     Reopen();
     FailRead(number);
     const Got got = Get(*engine_, "key2");
-    const bool reached = reads >= number;
+    const bool reached = calls_.read.calls >= number;
     FailRead(0);
     EXPECT_TRUE(Contents() == before) << number;
     if (!reached) break;
@@ -260,7 +239,7 @@ TEST_F(FailingReadTest, ACompactionThatCouldNotReadChangesNothing) {
     FailRead(number);
     CapturedStdout output;
     const uint32_t status = engine_->ForceCompact();
-    const bool reached = reads >= number;
+    const bool reached = calls_.read.calls >= number;
     FailRead(0);
     output.Take();
     if (!reached) break;
@@ -278,12 +257,7 @@ TEST_F(FailingReadTest, ACompactionThatCouldNotReadChangesNothing) {
 
 class FailingWriteTest : public DurabilityTest {
  protected:
-  ~FailingWriteTest() override { FailWrite(0); }
-
-  static void FailWrite(int number) {
-    writes = 0;
-    failingWrite = number;
-  }
+  void FailWrite(int number) { calls_.write = {number, ENOSPC}; }
 
   // Does `operation` with its first write failing, then with its second one, and so on, until all succeed.
   // Each failure is reported, and leaves what there was and at most one file in no list. Returns the number
@@ -294,7 +268,7 @@ class FailingWriteTest : public DurabilityTest {
       FailWrite(number);
       CapturedStdout output;
       const uint32_t status = operation();
-      const bool reached = writes >= number;
+      const bool reached = calls_.write.calls >= number;
       FailWrite(0);
       output.Take();
       if (!reached) {
@@ -339,10 +313,10 @@ TEST_F(FailingWriteTest, ACompactionThatCouldNotWriteLosesNothing) {
 
 TEST_F(DurabilityTest, ADirectoryThatAnotherProcessMakesAtTheSameMomentIsAsGood) {
   path_ += " of two";
-  directoryAppears = true;
+  calls_.directoryAppears = true;
   CapturedStdout output;
   const std::unique_ptr<LSDBImpl> engine = Open();
-  directoryAppears = false;
+  calls_.directoryAppears = false;
   EXPECT_EQ(output.Take(), "");
   ASSERT_NE(engine, nullptr);
   EXPECT_EQ(Insert(*engine, "key", "value"), kStatusOk);

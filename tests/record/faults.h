@@ -1,5 +1,5 @@
-// Failures of the system and of the allocator, at the moment that a test chooses. The test program is linked
-// so that its own calls of these functions arrive here first; the C++ library's calls do not.
+// Failures of the system and of the allocator, at the moment that a test chooses. The calls are those of
+// tests/support/interposed_calls.h.
 #pragma once
 
 #include <fcntl.h>
@@ -32,7 +32,7 @@ struct Faults {
 // The faults that are in force; a new set of them is made for every test.
 Faults& CurrentFaults();
 
-// No faults, and nothing recorded.
+// No faults, and nothing recorded. From the first time on, the faults are the observer of the program's calls.
 void ResetFaults();
 
 }  // namespace Kestrun::Testing
