@@ -100,8 +100,8 @@ class FaultObserver : public CallObserver {
       case Function::PosixMemAlign:
         return Passes(Fault::Allocate);
       case Function::USleep:
-        // What fails for good is tried several times; nobody has to wait for it. Shorter pauses are those of a
-        // wait that ends by the clock.
+        // What fails for good is tried several times; nobody has to wait for it. Shorter pauses are those of
+        // a wait that ends by the clock.
         if (call.count >= 1000) call.count = 0;
         return true;
       case Function::Close:

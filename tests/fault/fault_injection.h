@@ -1,8 +1,8 @@
 // System calls and allocations that fail when a test wants them to.
 //
-// The calls are those of tests/support/interposed_calls.h. They are counted and made to fail only while a plan
-// is armed, as the one observer of calls; everything else passes through. stdio's own calls and those inside
-// the C library do not come by.
+// The calls are those of tests/support/interposed_calls.h. They are counted and made to fail only while a
+// plan is armed, as the one observer of calls; everything else passes through. stdio's own calls and those
+// inside the C library do not come by.
 //
 // Threads: one thread while a plan is armed.
 #pragma once

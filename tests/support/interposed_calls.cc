@@ -37,7 +37,7 @@ int64_t AsNumber(Result result) {
   }
 }
 
-// Asks the observer, makes the call, and tells the observer. `failure` is what a call that is not made returns.
+// Asks the observer, makes the call, and tells the observer. A call that is not made returns `failure`.
 template <typename Result, typename Real>
 Result Interpose(Call call, Result failure, Real real) {
   CallObserver* const observer = currentObserver.load(std::memory_order_acquire);
@@ -112,8 +112,8 @@ using Kestrun::Testing::Interpose;
 using Kestrun::Testing::InterposePosix;
 using Kestrun::Testing::TransferOf;
 
-// The linker sends the program's calls of FUNCTION to __wrap_FUNCTION; __real_FUNCTION is the C library's. The
-// list that it goes by is in tests/support/CMakeLists.txt. What only passes through is of no type here.
+// The linker sends the program's calls of FUNCTION to __wrap_FUNCTION; __real_FUNCTION is the C library's.
+// tests/support/CMakeLists.txt has the list that it goes by. What only passes through is of no type here.
 extern "C" {
 
 int __real_open(const char* path, int flags, ...);
@@ -385,7 +385,7 @@ int __wrap_posix_memalign(void** memory, size_t alignment, size_t size) {
 }  // extern "C"
 
 // In the place of the C++ library's, whose own allocations come by here too, also where it is a shared one.
-// Memory is taken from malloc and goes back to it, as with the forms of `new` that are not replaced.
+// All forms without an alignment: to a sanitizer, memory of its own `new` must not go back by our `delete`.
 void* operator new(size_t size) {
   void* const memory = Interpose(CallOnMemory(Function::New, nullptr, size), static_cast<void*>(nullptr),
                                  [&](const Call&) { return __real_malloc(size == 0 ? 1 : size); });
@@ -395,6 +395,18 @@ void* operator new(size_t size) {
 
 void* operator new[](size_t size) {
   return operator new(size);
+}
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return operator new(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+void* operator new[](size_t size, const std::nothrow_t& nothrow) noexcept {
+  return operator new(size, nothrow);
 }
 
 void operator delete(void* memory) noexcept {
@@ -410,5 +422,13 @@ void operator delete(void* memory, size_t) noexcept {
 }
 
 void operator delete[](void* memory, size_t) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
   std::free(memory);
 }

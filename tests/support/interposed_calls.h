@@ -48,7 +48,7 @@ enum class Function {
   ChMod,
   FChMod,
   USleep,
-  New,  // every form of `new` that the program has not given an alignment
+  New,  // without an alignment; with one it is AlignedAlloc, where the C++ library is linked statically
   Malloc,
   Calloc,
   Realloc,
@@ -56,7 +56,7 @@ enum class Function {
   PosixMemAlign,
 };
 
-// The arguments of a call, as far as anybody asks for them. What a function does not have stays as it is here.
+// The arguments of a call, as far as anybody asks for them. What a function does not have is as it is here.
 struct Call {
   Function function;
   int descriptor = -1;  // of copy_file_range the one that is read
@@ -81,8 +81,8 @@ class CallObserver {
     return true;
   }
 
-  // After a call that was made, with what it returned: an address as a number. The errno that the call has set
-  // stays, whatever happens here.
+  // After a call that was made, with what it returned: an address as a number. The errno that the call has
+  // set stays, whatever happens here.
   virtual void After(const Call& call, int64_t result) {
     (void)call;
     (void)result;
