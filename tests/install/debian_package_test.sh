@@ -6,26 +6,8 @@ set -euo pipefail
 source=$1
 build=$2
 work=$3
-rm -rf "$work"
-mkdir -p "$work"
-cd "$work"
+. "$source/tests/install/checks.sh"
 
-failures=0
-expect() {  # expect DESCRIPTION COMMAND...
-  local description=$1
-  shift
-  if "$@" >last.log 2>&1; then
-    echo "ok: $description"
-  else
-    echo "FAILED: $description"
-    sed 's/^/    /' last.log
-    failures=$((failures + 1))
-  fi
-}
-
-version=$(awk '/#define KESTRUN_VERSION_(MAJOR|MINOR|PATCH)/ { v = v sep $3; sep = "." } END { print v }' \
-  "$source/include/kestrun/version.h")
-major=${version%%.*}
 architecture=$(dpkg --print-architecture)
 
 cpack --config "$build/CPackConfig.cmake" -G DEB -B "$work" >cpack.log 2>&1 || { cat cpack.log; exit 1; }

@@ -7,22 +7,8 @@ set -euo pipefail
 source=$1
 build=$2
 work=$3
-rm -rf "$work"
-mkdir -p "$work"
-cd "$work"
+. "$source/tests/install/checks.sh"
 
-failures=0
-expect() {  # expect DESCRIPTION COMMAND...
-  local description=$1
-  shift
-  if "$@" >last.log 2>&1; then
-    echo "ok: $description"
-  else
-    echo "FAILED: $description"
-    sed 's/^/    /' last.log
-    failures=$((failures + 1))
-  fi
-}
 works() {  # works PROGRAM...: every program runs and says so
   local program
   for program in "$@"; do
@@ -31,10 +17,6 @@ works() {  # works PROGRAM...: every program runs and says so
     "$program" store
   done
 }
-
-version=$(awk '/#define KESTRUN_VERSION_(MAJOR|MINOR|PATCH)/ { v = v sep $3; sep = "." } END { print v }' \
-  "$source/include/kestrun/version.h")
-major=${version%%.*}
 
 # Installed in one place and moved to another: nothing may remember the first one.
 cmake --install "$build" --prefix "$work/first" >install.log

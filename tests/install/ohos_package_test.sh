@@ -5,16 +5,8 @@
 set -euo pipefail
 source=$1
 work=$2
-rm -rf "$work"
-mkdir -p "$work"
-cd "$work"
+. "$source/tests/install/checks.sh"
 
-failures=0
-expect() {  # expect DESCRIPTION COMMAND...
-  local description=$1
-  shift
-  if "$@"; then echo "ok: $description"; else echo "FAILED: $description"; failures=$((failures + 1)); fi
-}
 refused_with() {  # refused_with TEXT COMMAND...: the command fails with status 1 and says TEXT
   local text=$1 output status=0
   shift
@@ -78,8 +70,6 @@ EOF
 expect "the archive holds the same" diff <(cd "$work/out" && find kestrun2 -type f | sort) \
   <(tar -tzf "$work/out"/kestrun2-*-ohos-arm64.tar.gz | grep -v '/$' | sort)
 
-version=$(awk '/#define KESTRUN_VERSION_(MAJOR|MINOR|PATCH)/ { v = v sep $3; sep = "." } END { print v }' \
-  "$source/include/kestrun/version.h")
 expect "the JSON files are sound and name the version and each other" node - "$package" "$version" <<'EOF'
 const fs = require('node:fs');
 const path = require('node:path');
