@@ -30,6 +30,15 @@ void Read(Script* script) {
   script->push_back({Kind::Scan});
 }
 
+void EndAfterReopening(Script* script) {
+  script->push_back({Kind::Flush});
+  InsertKeys(script, 3, 5, 40);
+  Read(script);
+  script->push_back({Kind::Close});
+  script->push_back({Kind::Open, 0, 0, kWalSize});
+  InsertKeys(script, 11, 12, 33);
+}
+
 Script OlderWorkload() {
   Script script = {{Kind::Open, 0, 0, kWalSize}};
   InsertKeys(&script, 0, 8, 40);
@@ -59,12 +68,7 @@ Script OlderWorkload() {
   script.push_back({Kind::Clear});
   InsertKeys(&script, 2, 3, 40);
   script.push_back({Kind::Append, kFirstRecordKey + 3, 1, 20});
-  script.push_back({Kind::Flush});
-  InsertKeys(&script, 3, 5, 40);
-  Read(&script);
-  script.push_back({Kind::Close});
-  script.push_back({Kind::Open, 0, 0, kWalSize});
-  InsertKeys(&script, 11, 12, 33);
+  EndAfterReopening(&script);
   return script;
 }
 
@@ -100,12 +104,7 @@ Script SafeWorkload() {
   script.push_back({Kind::Delete, 3});
   script.push_back({Kind::Clear});
   script.push_back({Kind::Transact, 2, 6, 40});
-  script.push_back({Kind::Flush});
-  InsertKeys(&script, 3, 5, 40);
-  Read(&script);
-  script.push_back({Kind::Close});
-  script.push_back({Kind::Open, 0, 0, kWalSize});
-  InsertKeys(&script, 11, 12, 33);
+  EndAfterReopening(&script);
   return script;
 }
 

@@ -361,13 +361,11 @@ TEST(CrashStatesTest, AStoreOfAllOperationsKeepsWhatWasFlushed) {
   EXPECT_EQ(TryAll("all operations", recorder.Finish(), 1, TestSize(2, 100)).failed, 0u);
 }
 
-// Records of one size stand where older ones stood: a page of the log that did not arrive shows what was on
-// it in an earlier filling, with sound checksums.
-TEST(CrashStatesTest, ALogOfEqualSizedRecordsIsTheOnlyPlaceForOlderValues) {
+// Fills the log with records of one size, so many times. Power may be lost from the second time on.
+void RecordEqualFillings(Recorder* recorder, int fillings) {
   constexpr uint32_t kValueSize = 128 - 40 - 7;
   constexpr int kRecords = 90;
-  Recorder recorder;
-  for (int filling = 0; filling < 4; ++filling) {
+  for (int filling = 0; filling < fillings; ++filling) {
     Script script;
     if (filling == 0) script.push_back(Open(12288));
     for (int i = 0; i < kRecords; ++i) {
@@ -375,10 +373,18 @@ TEST(CrashStatesTest, ALogOfEqualSizedRecordsIsTheOnlyPlaceForOlderValues) {
       script.push_back(i == 36 || i == 70 ? Step{Step::Kind::Delete, key} : Insert(key, kValueSize));
     }
     script.push_back({Step::Kind::Flush});
-    recorder.Run(script);
-    if (HasFatalFailure()) return;
-    if (filling == 1) recorder.BeginMoments();
+    recorder->Run(script);
+    if (testing::Test::HasFatalFailure()) return;
+    if (filling == 1) recorder->BeginMoments();
   }
+}
+
+// Records of one size stand where older ones stood: a page of the log that did not arrive shows what was on
+// it in an earlier filling, with sound checksums.
+TEST(CrashStatesTest, ALogOfEqualSizedRecordsIsTheOnlyPlaceForOlderValues) {
+  Recorder recorder;
+  RecordEqualFillings(&recorder, 4);
+  if (HasFatalFailure()) return;
   const Figures figures = TryAll("equal-sized records", recorder.Finish(), 3, TestSize(2, 100));
   EXPECT_EQ(figures.failed, 0u);
 }
@@ -515,21 +521,9 @@ TEST(CrashStatesTest, AStoreThatStoreHasWrittenShowsNothingThatNobodyWrote) {
 
 // A page that did not arrive shows a record of an earlier filling, whose own checksums are sound.
 TEST(CrashStatesTest, ALogOfEqualSizedRecordsOfStoreShowsNoEarlierFilling) {
-  constexpr uint32_t kValueSize = 128 - 40 - 7;
-  constexpr int kRecords = 90;
   Recorder recorder({}, NothingYet());
-  for (int filling = 0; filling < 3; ++filling) {
-    Script script;
-    if (filling == 0) script.push_back(Open(12288));
-    for (int i = 0; i < kRecords; ++i) {
-      const int key = (i * 5 + filling * 7) % kFirstCheckKey;
-      script.push_back(i == 36 || i == 70 ? Step{Step::Kind::Delete, key} : Insert(key, kValueSize));
-    }
-    script.push_back({Step::Kind::Flush});
-    recorder.Run(script);
-    if (HasFatalFailure()) return;
-    if (filling == 1) recorder.BeginMoments();
-  }
+  RecordEqualFillings(&recorder, 3);
+  if (HasFatalFailure()) return;
   ExpectNoFindings(TryAll("equal-sized records of Store", recorder.Finish(), 12, TestSize(1, 100)));
 }
 

@@ -52,6 +52,14 @@ int Fail(KillProgress* progress, const std::string& message) {
   return 1;
 }
 
+void EndAfterReopening(Script* script) {
+  script->push_back({Kind::Close});
+  script->push_back({Kind::Open, 0, 0, kWalSize});
+  script->push_back({Kind::Delete, 3});
+  InsertKeys(script, 18, 19, 70);
+  script->push_back({Kind::Close});
+}
+
 Script OlderWorkload() {
   Script script = {{Kind::Open, 0, 0, kWalSize}};
   InsertKeys(&script, 0, 13, 40);
@@ -85,11 +93,7 @@ Script OlderWorkload() {
   script.push_back({Kind::Append, kFirstRecordKey + 3, 3, 16});
   script.push_back({Kind::Flush});
   InsertKeys(&script, 3, 4, 31);
-  script.push_back({Kind::Close});
-  script.push_back({Kind::Open, 0, 0, kWalSize});
-  script.push_back({Kind::Delete, 3});
-  InsertKeys(&script, 18, 19, 70);
-  script.push_back({Kind::Close});
+  EndAfterReopening(&script);
   return script;
 }
 
@@ -132,11 +136,7 @@ Script SafeWorkload() {
   script.push_back({Kind::Transact, 3, 8, 31});
   InsertKeys(&script, 16, 17, 33);
   script.push_back({Kind::Checkpoint, 0, 3});
-  script.push_back({Kind::Close});
-  script.push_back({Kind::Open, 0, 0, kWalSize});
-  script.push_back({Kind::Delete, 3});
-  InsertKeys(&script, 18, 19, 70);
-  script.push_back({Kind::Close});
+  EndAfterReopening(&script);
   return script;
 }
 
