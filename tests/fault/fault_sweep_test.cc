@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -264,6 +265,11 @@ class Worker {
   FaultReport* const attempt_ = NewSharedObject<FaultReport>();
 };
 
+// With a sanitizer a size is a part of the usual one.
+long AtLeastOne(uint64_t size) {
+  return std::max(1L, static_cast<long>(size));
+}
+
 // The attempts at one case: all of them, or at most so many, spread over the whole workload.
 void TryAll(Worker& worker, const FaultCase& faultCase, long calls, long most) {
   const long stride = std::max(1L, (calls + most - 1) / most);
@@ -337,7 +343,7 @@ class MergeFaultSweep : public FaultSweep {};
 
 TEST_P(FaultSweep, AFailedSystemCallGivesAStatusAndLeavesTheStoreWhole) {
   const bool isStore = GetParam() == Face::Safe;
-  const auto most = static_cast<long>(TestSize(isStore ? 2 : 8, LONG_MAX / 4));
+  const auto most = AtLeastOne(TestSize(isStore ? 2 : 8, LONG_MAX / 4));
   std::vector<FaultCase> cases(std::begin(kSystemCalls), std::end(kSystemCalls));
   if (isStore) cases.insert(cases.end(), std::begin(kSystemCallsOfStore), std::end(kSystemCallsOfStore));
   const FaultReport& linking = RunWithoutFaults(scratch_.PathOf("whole"), GetParam());
@@ -349,7 +355,7 @@ TEST_P(FaultSweep, AFailedSystemCallGivesAStatusAndLeavesTheStoreWhole) {
 }
 
 TEST_P(FaultSweep, AFailedAllocationGivesAStatusAndLeavesTheStoreWhole) {
-  const auto most = static_cast<long>(TestSize(GetParam() == Face::Safe ? 40 : 100, LONG_MAX / 4));
+  const auto most = AtLeastOne(TestSize(GetParam() == Face::Safe ? 40 : 100, LONG_MAX / 4));
   const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"), GetParam());
   Sweep("failure sweep over allocations", std::size(kAllocations), [&](Worker& worker, size_t at) {
     TryAll(worker, kAllocations[at], whole.calls[static_cast<size_t>(Fault::Allocate)], most);
@@ -369,9 +375,9 @@ TEST_P(MergeFaultSweep, AnyAllocationOfAMergeOrACheckpointMayFail) {
 }
 
 TEST_P(FaultSweep, AFailureAfterTheEndOfAProcessCostsNothingEither) {
-  const auto most = static_cast<long>(TestSize(1, 40));
+  const auto most = AtLeastOne(TestSize(1, 40));
   const long usual = GetParam() == Face::Safe ? 31 : 3;
-  const long stride = TestSize(1, 2) == 1 ? usual : 1;
+  const long stride = TestSize(1, 2) <= 1 ? usual : 1;
   const FaultReport& whole = RunWithoutFaults(scratch_.PathOf("whole"), GetParam());
   const size_t cases = std::size(kFaultsOfRecovery);
   Sweep("failure sweep after a kill", std::size(kEnds) * cases, [&](Worker& worker, size_t at) {
