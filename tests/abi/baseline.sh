@@ -6,16 +6,16 @@
 #
 # LIBRARY is BUILD/tests/abi/with_debug_information/libKestrun2.so, which the target abi_library makes.
 #
-# A function that is new is no danger, but makes a new baseline necessary. Anything that changed or is gone breaks
-# programs that are compiled already: it takes a new major version.
+# A function that is new is no danger, but makes a new baseline necessary. Anything that changed or is gone
+# breaks programs that are compiled already: it takes a new major version.
 set -euo pipefail
 directory=$(cd "$(dirname "$0")" && pwd)
 baseline=$directory/kestrun2.x86_64.abi
 headers=$directory/../../include/kestrun
 library=$2
 
-# What no public header defines is the library's own affair and is left out. The place of a definition has to be
-# kept for that, without the directories, which differ from machine to machine.
+# What no public header defines is the library's own affair and is left out. The place of a definition has to
+# be kept for that, without the directories, which differ from machine to machine.
 case $1 in
   update)
     abidw --headers-dir "$headers" --drop-private-types --exported-interfaces-only --short-locs --no-comp-dir-path \

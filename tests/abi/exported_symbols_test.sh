@@ -8,8 +8,8 @@
 set -euo pipefail
 
 exported() {
-  # A variable argument list has another name on each architecture, a string in each standard library; constructors
-  # and destructors come in variants of one name.
+  # A variable argument list has another name on each architecture, a string in each standard library;
+  # constructors and destructors come in variants of one name.
   "${2:-nm}" -D --defined-only --format=posix -C "$1" | sed -E \
     -e 's/ [A-Za-z] [0-9a-f]+ ?[0-9a-f]*$//' \
     -e 's/__va_list_tag\*|std::__va_list/va_list/g' \

@@ -3,8 +3,8 @@
 #
 #   portable_store_test.sh SOURCE WORK OTHER...
 #
-# OTHER is portable_store of the other architecture with its emulator in front; the one of this machine is built in
-# WORK/native. The rest of WORK is emptied first.
+# OTHER is portable_store of the other architecture with its emulator in front; the one of this machine is
+# built in WORK/native. The rest of WORK is emptied first.
 set -euo pipefail
 source=$1
 work=$2

@@ -1,5 +1,5 @@
-// The functions that the public headers declare are those of the list of exported symbols, name for name: none is
-// forgotten in the library, none of a private section is shown.
+// The functions that the public headers declare are those of the list of exported symbols, name for name:
+// none is forgotten in the library, none of a private section is shown.
 //
 //   node public_functions_test.cjs HEADER_DIRECTORY LIST
 'use strict';

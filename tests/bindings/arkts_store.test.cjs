@@ -1,5 +1,5 @@
-// The script half of the OpenHarmony package, packaging/ohos, in Node.js: compiled as TypeScript, over the same native
-// functions.
+// The script half of the OpenHarmony package, packaging/ohos, in Node.js: compiled as TypeScript, over the
+// same native functions.
 //
 //   KESTRUN_OHOS_PACKAGE   packaging/ohos
 //   KESTRUN_NODE_PACKAGE   the npm package, with its native module and what its tests need

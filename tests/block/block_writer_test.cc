@@ -1,4 +1,5 @@
-// The writer over cursors: checksums that travel, merges that keep what is dead, large runs, another page size.
+// The writer over cursors: checksums that travel, merges that keep what is dead, large runs,
+// another page size.
 #include "block/block_writer.h"
 
 #include <gtest/gtest.h>

@@ -235,8 +235,8 @@ class Attempt {
     return mapped.empty() || Fail("the log stays mapped: " + mapped.front());
   }
 
-  // A checkpoint that was acknowledged is what the store is; one that was refused is not there, unless it could not be
-  // removed.
+  // A checkpoint that was acknowledged is what the store is; one that was refused is not there, unless it
+  // could not be removed.
   bool CompareCopy(int number, const Step& step, const ScriptedStore::Result& result) {
     const std::string copy = ScriptedStore::CopyPath(directory_, step.end);
     const bool isThere = access(copy.c_str(), F_OK) == 0;

@@ -236,8 +236,8 @@ Promise History::PromiseAt(size_t events) const {
       for (int key = 0; key < kScriptKeys; ++key) write(key, kAbsent);
       isKnown = isKnown && index < promise.promised;  // the blocks go before the log
     }
-    // The new block is listed before the log is emptied, and of the log any beginning may have arrived: it hides newer
-    // values that the block has.
+    // The new block is listed before the log is emptied, and of the log any beginning may have arrived: it
+    // hides newer values that the block has.
     if (done.flushed && done.end > events) isKnown = false;
     if (index + 1 == promise.promised) promise.prefixes = {state};
   }

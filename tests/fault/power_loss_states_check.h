@@ -26,8 +26,8 @@ struct Promise {
   uint32_t walSize = 0;                // as the script would open the store next
   bool opened = false;                 // the first opening had returned
   Face face = Face::Older;             // through which it was written, and will be read
-  // What Store may show: the state after each write since what is promised. Empty where more than that is possible:
-  // while a flush or a clear is under way, or where it is not known what there was before.
+  // What Store may show: the state after each write since what is promised. Empty where more than that is
+  // possible: while a flush or a clear is under way, or where it is not known what there was before.
   std::vector<std::vector<int>> prefixes;
 };
 

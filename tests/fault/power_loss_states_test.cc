@@ -475,7 +475,8 @@ TEST(CrashStatesTest, RecordsKeepTheirTypes) {
   EXPECT_EQ(TryAll("typed records", recorder.Finish(), 2, TestSize(4, 100)).failed, 0u);
 }
 
-// What Store has written it can prove: of no state is there anything to say but that something unsynced is missing.
+// What Store has written it can prove:
+// of no state is there anything to say but that something unsynced is missing.
 void ExpectNoFindings(const Figures& figures) {
   EXPECT_EQ(figures.failed, 0u);
   EXPECT_EQ(figures.statesWithFindings, 0u);

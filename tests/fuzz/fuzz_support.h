@@ -46,7 +46,8 @@ class Directory {
 };
 
 // Makes the store's checksums fit: of a log's header and of its records as far as one leads to the next, of a
-// manifest's header and entries. A record with the mark of a checked content gets the checksum of that. Bytes that are not there are not made.
+// manifest's header and entries. A record with the mark of a checked content gets the checksum of that. Bytes
+// that are not there are not made.
 std::string SealedLog(std::string bytes);
 std::string SealedManifest(std::string bytes);
 std::string SealedSideFile(std::string bytes);

@@ -1,6 +1,7 @@
-// The files of a store, read through Snapshot::Open. Input: two bytes of flags; the log, the manifest and its journal as
-// chunks; two blocks; a key to look for. A block is made like those of the other targets, sealed or not, or comes page
-// by page: a byte that tells how many there are, and a chunk for each, which is filled up with zeros.
+// The files of a store, read through Snapshot::Open. Input: two bytes of flags; the log, the manifest and its
+// journal as chunks; two blocks; a key to look for. A block is made like those of the other targets, sealed
+// or not, or comes page by page: a byte that tells how many there are, and a chunk for each,
+// which is filled up with zeros.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -50,7 +51,8 @@ std::vector<std::string> Walk(Cursor& cursor, bool forward) {
        forward ? cursor.Next() : cursor.Prev()) {
     FuzzCheck(keys.size() < kMaxKeys, "a walk comes to an end");
     const std::string key(cursor.Key());
-    // No store writes an empty key; a block that was made by hand can hold one, and it is shown like any other.
+    // No store writes an empty key; a block that was made by hand can hold one,
+    // and it is shown like any other.
     FuzzCheck(!cursor.Entry().deleted, "a cursor shows keys that are alive");
     FuzzCheck(keys.empty() || (forward ? keys.back() < key : keys.back() > key),
               "keys come in order, each once");

@@ -11,7 +11,8 @@ using namespace Kestrun::Testing;
 
 class StoreVersionsTest : public ForgedStore {
  protected:
-  // "key=value key=-" for the versions in the order of the walk, a tombstone as "-", what can't be read as "?".
+  // "key=value key=-" for the versions in the order of the walk, a tombstone as "-",
+  // what can't be read as "?".
   std::string Walk(bool allBlocks = false) {
     std::string why;
     VersionOptions options;

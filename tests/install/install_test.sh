@@ -1,6 +1,6 @@
 #!/bin/bash
-# Installs a build into a scratch prefix and builds an outside project against it in every way that is promised:
-# find_package, pkg-config and add_subdirectory, with g++ and clang++, in C++17 and C++20.
+# Installs a build into a scratch prefix and builds an outside project against it in every way that is
+# promised: find_package, pkg-config and add_subdirectory, with g++ and clang++, in C++17 and C++20.
 #
 # Run by ctest: install_test.sh SOURCE BUILD WORK, where WORK is emptied first.
 set -euo pipefail
@@ -67,7 +67,8 @@ for compiler in "${compilers[@]}"; do
       done"
   done
 
-  # The library itself is built once per compiler, for both standards of the user; joined files take half the time.
+  # The library itself is built once per compiler, for both standards of the user;
+  # joined files take half the time.
   quick=(-DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=8)
   if command -v ccache >/dev/null; then quick+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache); fi
   expect "$compiler: add_subdirectory, build" cmake_project "added-$compiler" -DKESTRUN_SOURCE="$source" "${quick[@]}"
@@ -96,7 +97,8 @@ if [ -e "$prefix/bin/kestrun" ]; then
       grep -q -E -- "$option( |$|\\\\)" <<<"$page" || { echo "the option $option of $1 is missing"; return 1; }
     done
   }
-  completed() {  # completed SHELL: its file is installed, is what the program writes, and is no nonsense to the shell
+  # completed SHELL: its file is installed, is what the program writes, and is no nonsense to the shell
+  completed() {
     local file
     case "$1" in
       bash) file=bash-completion/completions/kestrun ;;

@@ -1,7 +1,7 @@
 #!/bin/bash
-# script/package-ohos and the OpenHarmony toolchain file, against a stand-in for the SDK: the same directories and
-# variables, with the cross compiler of this machine inside. Run by ctest with the source tree and a directory to
-# work in; the directory is emptied first.
+# script/package-ohos and the OpenHarmony toolchain file, against a stand-in for the SDK: the same directories
+# and variables, with the cross compiler of this machine inside. Run by ctest with the source tree and a
+# directory to work in; the directory is emptied first.
 set -euo pipefail
 source=$1
 work=$2

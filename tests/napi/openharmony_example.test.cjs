@@ -1,5 +1,5 @@
-// The native module that docs/guide/openharmony.md shows, in Node.js. KESTRUN_EXAMPLE names the module built from the page,
-// KESTRUN_LIBRARY the library.
+// The native module that docs/guide/openharmony.md shows, in Node.js. KESTRUN_EXAMPLE names the module built
+// from the page, KESTRUN_LIBRARY the library.
 'use strict';
 
 const assert = require('node:assert/strict');
@@ -14,7 +14,8 @@ function load(file) {
   return loaded.exports;
 }
 
-// In this order: a host asks a library to register when it loads it itself, and not when it comes along with another.
+// In this order: a host asks a library to register when it loads it itself,
+// and not when it comes along with another.
 const { add } = load(process.env.KESTRUN_LIBRARY);
 const entry = load(process.env.KESTRUN_EXAMPLE);
 

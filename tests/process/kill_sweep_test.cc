@@ -180,8 +180,8 @@ class Worker {
   }
 
  private:
-  // The children begin with this process's heap. Whether it has to grow in them would depend on what the worker has
-  // done before, and with it the number of their system calls.
+  // The children begin with this process's heap. Whether it has to grow in them would depend on what the
+  // worker has done before, and with it the number of their system calls.
   static void KeepHeapRoomy() {
     constexpr int kRoom = 32 << 20;
     mallopt(M_MMAP_THRESHOLD, kRoom);

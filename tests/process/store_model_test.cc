@@ -1,7 +1,8 @@
-// Processes with several threads each work on one store through Store, and one through LSDBImpl, while the thread of
-// each store merges blocks and processes are killed. Amounts move between accounts in transactions, groups of keys are
-// written in batches, pairs of keys one after the other: every snapshot must show a sum that never changes, groups that
-// are whole, pairs in order, and nothing older than what was acknowledged before it was taken.
+// Processes with several threads each work on one store through Store, and one through LSDBImpl, while the
+// thread of each store merges blocks and processes are killed. Amounts move between accounts in transactions,
+// groups of keys are written in batches, pairs of keys one after the other: every snapshot must show a sum
+// that never changes, groups that are whole, pairs in order, and nothing older than what was acknowledged
+// before it was taken.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

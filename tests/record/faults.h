@@ -32,7 +32,8 @@ struct Faults {
 // The faults that are in force; a new set of them is made for every test.
 Faults& CurrentFaults();
 
-// No faults, and nothing recorded. From the first time on, the faults are the observer of the program's calls.
+// No faults, and nothing recorded. From the first time on,
+// the faults are the observer of the program's calls.
 void ResetFaults();
 
 }  // namespace Kestrun::Testing

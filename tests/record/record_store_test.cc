@@ -535,8 +535,8 @@ TEST_F(RecordStoreTest, TypeThatAnotherProcessIsMakingIsWaitedFor) {
   EXPECT_EQ(store_->Put("k", "T a:%i4", Values(7)), kStatusOk);
 }
 
-// Random types and values, some under new types, some in batches: what is taken comes back, from the log, from blocks
-// and after opening again.
+// Random types and values, some under new types, some in batches: what is taken comes back, from the log,
+// from blocks and after opening again.
 TEST_F(RecordStoreTest, WhateverIsTakenComesBackAsItWasPut) {
   std::mt19937_64 random = TestRandom(1);
   const auto draw = [&random](uint64_t count) { return random() % count; };

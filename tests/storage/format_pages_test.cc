@@ -1,5 +1,5 @@
-// The bytes shown in docs/internals/format/wal.md and docs/internals/format/manifest.md are those that the store writes and
-// reads.
+// The bytes shown in docs/internals/format/wal.md and docs/internals/format/manifest.md are those that the
+// store writes and reads.
 #include <gtest/gtest.h>
 
 #include "format/key_filter.h"

@@ -12,7 +12,8 @@
 namespace Kestrun::Testing {
 namespace {
 
-// Record i stands at 128 + i and belongs to the key i % kKeys: what holds before each limit follows from the limit.
+// Record i stands at 128 + i and belongs to the key i % kKeys:
+// what holds before each limit follows from the limit.
 constexpr uint32_t kFirst = 128;
 constexpr uint32_t kKeys = 100;
 

@@ -145,7 +145,8 @@ TEST_F(StoreBatchTest, TheLogHoldsWhatSingleCallsWouldHaveWritten) {
   EXPECT_EQ(ToHex(read(path_)), ToHex(read(other)));
 }
 
-// A writer replaces all keys at once, over and over; whoever looks sees one and the same number under all of them.
+// A writer replaces all keys at once, over and over;
+// whoever looks sees one and the same number under all of them.
 class StoreBatchProcessesTest : public StoreTest {
  protected:
   static constexpr int kKeys = 8;

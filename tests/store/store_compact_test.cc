@@ -45,8 +45,8 @@ TEST(ChooseMergeTest, TakesRunsOfNeighboursOfSimilarSize) {
   }
 }
 
-// Whatever the sizes, a choice lies within the list, stays below 4 GiB, and choosing over and over comes to an end with
-// few blocks, each byte having been written few times.
+// Whatever the sizes, a choice lies within the list, stays below 4 GiB, and choosing over and over comes to
+// an end with few blocks, each byte having been written few times.
 TEST(ChooseMergeTest, EndsWithFewBlocksAndWritesEachByteFewTimes) {
   std::mt19937_64 random = TestRandom(31);
   constexpr uint64_t kUnit = 1000;

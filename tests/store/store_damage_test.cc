@@ -41,8 +41,8 @@ class StoreDamageTest : public StoreTest {
     file.seekp(static_cast<std::streamoff>(offset)).put(static_cast<char>(byte ^ (1 << bit)));
     ASSERT_TRUE(file.good());
   }
-  // Goes on with a copy of the directory. What this process has replayed of a log it keeps in mind for as long as it
-  // runs; of the copy it knows nothing.
+  // Goes on with a copy of the directory. What this process has replayed of a log it keeps in mind for as
+  // long as it runs; of the copy it knows nothing.
   void GoOnWithACopy() {
     const std::string copy = path_ + "+";
     std::filesystem::copy(path_, copy);
@@ -273,8 +273,8 @@ TEST_F(StoreDamageTest, ADamagedBlockIsKeptAndTold) {
   EXPECT_EQ(Get(*Open(), "key"), "new");
 }
 
-// Any flipped bit of a block: the values that were written under a key, or a status. Nothing proves the table of keys by
-// itself: a key that is damaged there is not found, and a walk tells it.
+// Any flipped bit of a block: the values that were written under a key, or a status. Nothing proves the table
+// of keys by itself: a key that is damaged there is not found, and a walk tells it.
 TEST_F(StoreDamageTest, NoFlippedBitOfABlockShowsAValueThatNobodyWrote) {
   OpenWithTwoBlocks().reset();
   const std::string whole = ReadFile(newBlock_);

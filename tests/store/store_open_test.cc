@@ -276,7 +276,8 @@ TEST_F(StoreOpenTest, GrowingTheLogKeepsEverythingForEveryoneWhoHasItOpen) {
   EXPECT_EQ(std::filesystem::file_size(path_ + kLog), 8 * kLogSize);
 }
 
-// Two processes make one store at once, with logs of different size: neither gives up what the other has written.
+// Two processes make one store at once, with logs of different size:
+// neither gives up what the other has written.
 TEST_F(StoreOpenTest, ProcessesThatOpenAtOnceWithDifferentLogSizesKeepEachOthersWrites) {
   const uint64_t rounds = TestSize(60, 2000);
   for (uint64_t round = 0; round < rounds; ++round) {

@@ -88,8 +88,8 @@ TEST_F(StorePageSizeTest, BlocksOfSeveralPageSizesAreReadInOneStore) {
   EXPECT_EQ(expected_.size(), 6u);
 }
 
-// Each section fills less than a page, a page but for one byte, a page, and more, so that the next one begins wherever it
-// may.
+// Each section fills less than a page, a page but for one byte, a page, and more, so that the next one begins
+// wherever it may.
 TEST_F(StorePageSizeTest, SectionsThatEndAroundAPageAreFound) {
   constexpr size_t kDataHead = 128 + 28;
   constexpr size_t kSectionHead = 28;

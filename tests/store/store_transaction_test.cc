@@ -131,7 +131,8 @@ TEST_F(StoreTransactionTest, SnapshotOpenInABodyShowsTheStateBefore) {
   EXPECT_EQ(Get(*store, "key"), status == kStatusOk ? "after" : "before");
 }
 
-// Another handle on the same files: its call may take effect; the transaction has lost its lock then and says so.
+// Another handle on the same files: its call may take effect;
+// the transaction has lost its lock then and says so.
 TEST_F(StoreTransactionTest, CallsThroughAnotherHandleDoNotMixWithTheTransaction) {
   const std::unique_ptr<Store> store = Open();
   const std::unique_ptr<Store> second = Open();

@@ -149,7 +149,7 @@ TEST_F(StoreTtlTest, ABatchCarriesOneTimestampAlsoWhenItsClockGoesOn) {
   EXPECT_EQ(batchTimes.begin()->second, 20);
 }
 
-// Two fillings of the log in one and the same instant of a clock that stands still are told apart all the same.
+// Two fillings of the log in one and the same instant of a clock that stands still are told apart.
 TEST_F(StoreTtlTest, FillingsOfOneInstantDoNotShowEachOthersRecords) {
   std::unique_ptr<Store> store = Open();
   for (int filling = 0; filling < 4; ++filling) {

@@ -8,8 +8,8 @@ namespace Kestrun::Testing {
 class CapturedStdout {
  public:
   CapturedStdout();
-  // Standard output is what it was before. When the test has failed, what was written meanwhile follows there:
-  // the failure's own message is part of it.
+  // Standard output is what it was before. When the test has failed, what was written meanwhile follows
+  // there: the failure's own message is part of it.
   ~CapturedStdout();
   CapturedStdout(const CapturedStdout&) = delete;
   CapturedStdout& operator=(const CapturedStdout&) = delete;

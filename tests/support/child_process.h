@@ -66,8 +66,8 @@ class ChildProcess {
   bool waited_ = false;
 };
 
-// Sends what this process prints from now on to /dev/null, with a buffer, so that printing makes hardly any system
-// call. False when that can't be opened. For children: a test's own output stays.
+// Sends what this process prints from now on to /dev/null, with a buffer, so that printing makes hardly any
+// system call. False when that can't be opened. For children: a test's own output stays.
 bool DropStandardOutput();
 
 }  // namespace Kestrun::Testing

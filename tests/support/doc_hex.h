@@ -1,4 +1,5 @@
-// The pages of docs/internals/format: the bytes that they show, so that a test can hold them against a real file.
+// The pages of docs/internals/format: the bytes that they show,
+// so that a test can hold them against a real file.
 #pragma once
 
 #include <string>

@@ -8,8 +8,9 @@
 
 namespace Kestrun::Testing {
 
-// Everything that changes a store, with flushes inside writes, compactions, a clear and reopenings; through Store also
-// batches, transactions, syncs, checkpoints, a log that is extended, and merges of neighbouring blocks.
+// Everything that changes a store, with flushes inside writes, compactions, a clear and reopenings; through
+// Store also batches, transactions, syncs, checkpoints, a log that is extended,
+// and merges of neighbouring blocks.
 Script KillWorkload(Face face);
 
 // Lies in memory that all processes of one attempt share; writing to it takes no system call.
@@ -25,13 +26,13 @@ struct KillProgress {
 int RunKillWorkload(const std::string& directory, Face face, KillProgress* progress);
 
 // Generation 1 finds what the killed process left; the others what the one before them left. Each of them
-// checks every key, writes, flushes, compacts, reopens, and checks again; through Store also the checkpoints. 0, or 1
-// with a message.
+// checks every key, writes, flushes, compacts, reopens, and checks again; through Store also the checkpoints.
+// 0, or 1 with a message.
 int RunGeneration(int generation, const std::string& directory, Face face, KillProgress* progress);
 
-// Checks the checkpoints of a script of which `started` steps were begun and `done` were acknowledged: those that were
-// acknowledged are there and hold what the store held; the one under way is whole or absent, and can be made. Empty, or a
-// message.
+// Checks the checkpoints of a script of which `started` steps were begun and `done` were acknowledged: those
+// that were acknowledged are there and hold what the store held; the one under way is whole or absent, and
+// can be made. Empty, or a message.
 std::string CheckCopies(const std::string& directory, const Script& script, int started, int done);
 
 }  // namespace Kestrun::Testing

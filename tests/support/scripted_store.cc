@@ -176,8 +176,8 @@ void StoreModel::Apply(int number, const Step& step, Outcome outcome) {
   if (!done && IsAtomic(step.kind, face_)) pending_.push_back(std::move(batch));
 }
 
-// A batch is there when one of its keys shows what can't have been before, and is not when one shows what the batch
-// does not write.
+// A batch is there when one of its keys shows what can't have been before, and is not when one shows what the
+// batch does not write.
 std::string StoreModel::FindTornBatch(const std::vector<int>& found) const {
   for (const PendingBatch& batch : pending_) {
     bool isThere = false;

@@ -45,7 +45,7 @@ struct Step {
     Contains,    // `key`
     Scan,
     // Through Store alone.
-    Batch,  // `size` bytes under each of the keys from `key` up to `end`, but the last one is deleted; plain keys
+    Batch,       // `size` bytes under each plain key from `key` up to `end`, but the last one is deleted
     Transact,    // the same in a transaction that reads them first
     Sync,        //
     Checkpoint,  // to the directory that CopyPath(`end`) names
@@ -68,11 +68,12 @@ std::string Describe(int number, const Step& step);
 inline constexpr int kAbsent = -1;
 inline constexpr int kForeign = -2;  // something that no step has written
 
-// Through what a script uses the store: an engine and a series that are open on it together, or Store. For Store a
-// record is its text, and there are no types.
+// Through what a script uses the store: an engine and a series that are open on it together, or Store. For
+// Store a record is its text, and there are no types.
 enum class Face { Older, Safe };
 
-// What a step writes, in this order: keys, and for each of them the step's number or kAbsent. Not that of Clear.
+// What a step writes, in this order: keys, and for each of them the step's number or kAbsent.
+// Not that of Clear.
 std::vector<std::pair<int, int>> WritesOf(int number, const Step& step);
 // Whether it writes all of that or nothing.
 bool IsAtomic(Step::Kind kind, Face face);
@@ -96,8 +97,8 @@ class StoreModel {
   void Settle(int key, int found) { possible_[Index(key)] = {found}; }
   // The values that are possible, "7 or none" for messages.
   std::string Expected(int key) const;
-  // Empty, or a message that says which batch, whose outcome is not known, is there in part only. `found` holds
-  // what was read under each key.
+  // Empty, or a message that says which batch, whose outcome is not known, is there in part only. `found`
+  // holds what was read under each key.
   std::string FindTornBatch(const std::vector<int>& found) const;
 
  private:
@@ -181,9 +182,9 @@ class ScriptedStore {
   std::unique_ptr<Store> store_;
 };
 
-// What the files of a store that is not opened here show under each key, read through Snapshot::Open: by Get and by
-// walks in both directions, which have to agree. Empty, or a message that says what is wrong; `*status` is that of
-// Snapshot::Open, and there is nothing to say about a failure of it.
+// What the files of a store that is not opened here show under each key, read through Snapshot::Open: by Get
+// and by walks in both directions, which have to agree. Empty, or a message that says what is wrong;
+// `*status` is that of Snapshot::Open, and there is nothing to say about a failure of it.
 std::string ReadThroughSnapshot(const std::string& path, uint32_t* status, std::vector<int>* found);
 
 // Statuses that the operation of a step may give when the system refuses something, but no file is damaged.
