@@ -7,7 +7,6 @@
 // Threads: one thread while a plan is armed.
 #pragma once
 
-#include <array>
 #include <climits>
 #include <cstddef>
 
