@@ -192,7 +192,7 @@ void Cursor::Impl::Step(size_t head) {
 void Cursor::Impl::Settle() {
   while (status_ == kStatusOk && !heads_.empty()) {
     // Older versions of the key come right after it.
-    for (const size_t next : {1, 2}) {
+    for (const size_t next : {size_t{1}, size_t{2}}) {
       while (next < heads_.size() && heads_[next].key == heads_[0].key) Step(next);
     }
     if (status_ != kStatusOk) break;
