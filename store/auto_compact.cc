@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <system_error>
+#include <exception>
 
 #include "base/catch_bad_alloc.h"
 #include "block/block_pages.h"
@@ -103,7 +103,6 @@ AutoCompact::~AutoCompact() {
 }
 
 void AutoCompact::Wake() {
-  if (getpid() != processId_) return;  // another thread may have held the mutex when the child was made
   {
     const std::lock_guard<std::mutex> lock(signal_->mutex);
     signal_->isAwake = true;
@@ -190,13 +189,15 @@ double Store::Impl::EstimateHidden(const BlockEntries& entries, size_t newer) {
   return hiddenParts_[entry->name] = samples == 0 ? 0 : static_cast<double>(found) / samples;
 }
 
-uint32_t Store::Impl::StartAutoCompact() {
+// A store that only reads has no thread, and one of a forked child has none: the parent's does not exist there. Where there is no room for one, the next flush tries again.
+void Store::Impl::WakeAutoCompact() {
+  if (!options_.autoCompact || getpid() != processId_) return;
   try {
-    autoCompact_ = std::make_unique<AutoCompact>(*this);
-  } catch (const std::system_error&) {
-    return kStatusNoMemory;  // the system has no room for a thread
+    if (autoCompact_ == nullptr) autoCompact_ = std::make_unique<AutoCompact>(*this);
+    autoCompact_->Wake();
+  } catch (const std::exception&) {
+    core_.diagnostics.Print("Failed to start the thread that merges blocks\n");
   }
-  return kStatusOk;
 }
 
 }  // namespace Kestrun

@@ -111,11 +111,12 @@ class Store::Impl {
   // The part of the entries of block `newer` that hides entries of the blocks before it in the list, from 0 to 1, as far
   // as is known without loading anything.
   double EstimateHidden(const BlockEntries& entries, size_t newer);
-  // kStatusNoMemory when there is no room for the thread.
-  uint32_t StartAutoCompact();
+  // Lets the thread look for something to merge, and starts it first. The log is locked Exclusive.
+  void WakeAutoCompact();
 
   const std::string path_;
   const StoreOptions options_;
+  const int processId_;  // of the process that opened the store; a forked child gets no thread
   const std::unique_ptr<Wal> wal_;
   const std::unique_ptr<Manifest> manifest_;
   BlockCache cache_{kMaxOpenBlocks, kMaxIndexedEntries};
@@ -147,7 +148,7 @@ class Store::Impl {
   std::atomic<std::thread::id> bodyThread_{std::thread::id()};
   std::weak_ptr<const BlockSet> lastSet_;                // guarded by the log's lock
   std::unordered_map<std::string, double> hiddenParts_;  // of blocks by name; for the thread of autoCompact_
-  std::unique_ptr<AutoCompact> autoCompact_;             // null when it is off; goes first
+  std::unique_ptr<AutoCompact> autoCompact_;             // null before the first flush; goes first
 };
 
 // Sees to it that a full disk, missing permission or another failure of the system has its reason told.

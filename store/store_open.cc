@@ -80,6 +80,7 @@ Store::Impl::Impl(std::string path, const StoreOptions& options, std::unique_ptr
                   std::unique_ptr<Manifest> manifest)
     : path_(std::move(path)),
       options_(options),
+      processId_(getpid()),
       wal_(std::move(wal)),
       manifest_(std::move(manifest)),
       core_{path_,
@@ -115,9 +116,6 @@ uint32_t Store::Open(const std::string& path, const StoreOptions& options, std::
     }
     auto impl = std::make_unique<Impl>(path, options, std::move(wal), std::move(manifest));
     if (const uint32_t status = GrowLog(impl->core_, options.logSize); status != kStatusOk) return status;
-    if (options.autoCompact) {
-      if (const uint32_t status = impl->StartAutoCompact(); status != kStatusOk) return status;
-    }
     out->reset(new Store(std::move(impl)));
     return kStatusOk;
   });

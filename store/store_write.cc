@@ -32,7 +32,7 @@ uint32_t Store::Impl::FlushLocked() {
   if (const uint32_t status = core_.FlushLocked(&blockBytes); status != kStatusOk) return status;
   ++counters_.flushes;
   counters_.bytesFlushed += blockBytes;
-  if (autoCompact_ != nullptr) autoCompact_->Wake();
+  WakeAutoCompact();
   return kStatusOk;
 }
 

@@ -51,7 +51,7 @@ struct StoreOptions {
   bool createIfMissing = true;
   // Refuses a store that exists, with kStatusStoreExists.
   bool errorIfExists = false;
-  // A thread of the store merges runs of neighbouring blocks of similar size after flushes.
+  // A thread of the store, started by its first flush, merges runs of neighbouring blocks of similar size after flushes.
   bool autoCompact = true;
   // Milliseconds that a lock is tried for before kStatusLockFailed. 0: four tries within about 3 ms.
   unsigned int busyTimeout = 5000;

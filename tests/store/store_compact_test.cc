@@ -178,6 +178,9 @@ bool AwaitThreads(size_t count) {
 TEST_F(StoreCompactTest, TheThreadBlocksAllSignalsAndIsGoneBeforeTheDestructorReturns) {
   const size_t before = CountThreads();
   std::unique_ptr<Store> store = Open(Merging());
+  ASSERT_EQ(store->Put("key", "value"), kStatusOk);
+  EXPECT_TRUE(!kCountsThreads || CountThreads() == before) << "nothing is to be merged before a flush";
+  ASSERT_EQ(store->Flush(), kStatusOk);
   EXPECT_TRUE(!kCountsThreads || CountThreads() == before + 1);
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     if (!kCountsThreads || task.path().filename() == std::to_string(getpid())) continue;
@@ -199,7 +202,7 @@ TEST_F(StoreCompactTest, TheThreadBlocksAllSignalsAndIsGoneBeforeTheDestructorRe
   store.reset();  // in the middle of merging, perhaps
   EXPECT_TRUE(AwaitThreads(before));
   store = Open();
-  EXPECT_EQ(Walk(*Take(*store)).size(), 30u);
+  EXPECT_EQ(Walk(*Take(*store)).size(), 31u);
   // What a merge that was given up had begun to write is gone.
   EXPECT_EQ(FileCount(), BlockCount(*store) + 2);
 }
@@ -229,6 +232,22 @@ TEST_F(StoreCompactTest, AForkedChildHasNoThreadAndGoesOn) {
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_EQ(Walk(*Take(*store)).size(), 20u);
   EXPECT_EQ(store->Put("after", "x"), kStatusOk);
+}
+
+TEST_F(StoreCompactTest, AForkedChildStartsNoThreadForAStoreOfItsParent) {
+  std::unique_ptr<Store> store = Open(Merging());
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    alarm(60);
+    if (store->Put("key", "child") != kStatusOk || store->Flush() != kStatusOk) _exit(1);
+    _exit(!kCountsThreads || CountThreads() == 1 ? 0 : 2);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(Get(*store, "key"), "child");
 }
 
 TEST_F(StoreCompactTest, SeveralProcessesMergeWithoutLosingAnything) {
