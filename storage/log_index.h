@@ -66,6 +66,15 @@ class LogIndex {
   // The newest version of `key` before the offset `limit`; false when there is none.
   bool Find(std::string_view key, uint32_t limit, Version* version) const;
 
+  // Puts what was inserted since the last walk into its place, as the next walk would have to; from any thread.
+  void Order() const;
+  // How many versions that would be.
+  size_t UnorderedCount() const {
+    const size_t ordered = ordered_.load(std::memory_order_relaxed);
+    const size_t inserted = inserted_.load(std::memory_order_relaxed);
+    return inserted > ordered ? inserted - ordered : 0;
+  }
+
   // The number of different keys.
   size_t KeyCount() const { return keyCount_.load(std::memory_order_relaxed); }
 
@@ -118,7 +127,6 @@ class LogIndex {
   static bool IsBefore(const Node& node, const Target& target, uint32_t offset);
   const Node* FirstNotBefore(const Target& target, uint32_t offset) const;
   const Node* LastBefore(const Target& target, uint32_t offset) const;
-  void Order() const;
   void OrderAll(Node* newest) const;
   void FindPlace(const Target& target, uint32_t offset) const;
   void Link(Node* node) const;

@@ -153,6 +153,8 @@ class Wal {
   uint32_t TakeView(LogView* view);
   // The index as it is now; valid until the lock is given up.
   const LogIndex& Index() const { return state_->filling->index; }
+  // What the index belongs to; whoever holds it may look at the index after a reset.
+  std::shared_ptr<const LogFilling> Filling() const { return state_->filling; }
   // The mapped bytes; valid until the next call of anything.
   LogBytes Bytes() const { return {base_, capacity_}; }
   // Where replay has stopped: at the end of the used area, or before it at a record that is not sound.

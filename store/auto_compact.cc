@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <utility>
 
 #include "base/catch_bad_alloc.h"
 #include "block/block_pages.h"
@@ -26,6 +27,9 @@ constexpr double kMaxHiddenPart = 0.3;
 // So many keys of each block are looked up in the older ones to find that out.
 constexpr uint32_t kSamples = 32;
 constexpr size_t kMaxRemembered = 4096;
+
+// So many records of the log may wait for their places in its order before the thread is asked to find them.
+constexpr size_t kMaxUnordered = 4096;
 
 size_t TierOf(uint64_t size, uint64_t unit) {
   size_t tier = 0;
@@ -110,14 +114,31 @@ void AutoCompact::Wake() {
   signal_->wake.notify_one();
 }
 
+void AutoCompact::Order(std::shared_ptr<const LogFilling> filling) {
+  if (isOrdering_.exchange(true) || getpid() != processId_) return;
+  {
+    const std::lock_guard<std::mutex> lock(signal_->mutex);
+    signal_->toOrder = std::move(filling);
+  }
+  signal_->wake.notify_one();
+}
+
 void AutoCompact::Run() {
   while (!stop_.load(std::memory_order_relaxed)) {
+    bool merges = false;
+    std::shared_ptr<const LogFilling> toOrder;
     {
       std::unique_lock<std::mutex> lock(signal_->mutex);
-      signal_->wake.wait(lock, [this] { return signal_->isAwake; });
-      signal_->isAwake = false;
+      signal_->wake.wait(lock, [this] { return signal_->isAwake || signal_->toOrder != nullptr; });
+      merges = std::exchange(signal_->isAwake, false);
+      toOrder = std::move(signal_->toOrder);
     }
-    while (!stop_.load(std::memory_order_relaxed) && MergeOnce()) {
+    if (toOrder != nullptr) {
+      toOrder->index.Order();
+      toOrder.reset();
+      isOrdering_.store(false);
+    }
+    while (merges && !stop_.load(std::memory_order_relaxed) && MergeOnce()) {
     }
   }
 }
@@ -187,6 +208,11 @@ double Store::Impl::EstimateHidden(const BlockEntries& entries, size_t newer) {
   }
   if (hiddenParts_.size() >= kMaxRemembered) hiddenParts_.clear();
   return hiddenParts_[entry->name] = samples == 0 ? 0 : static_cast<double>(found) / samples;
+}
+
+void Store::Impl::OrderAhead() {
+  if (autoCompact_ == nullptr || wal_->Index().UnorderedCount() < kMaxUnordered) return;
+  autoCompact_->Order(wal_->Filling());
 }
 
 // A store that only reads has no thread, and one of a forked child has none: the parent's does not exist there. Where there is no room for one, the next flush tries again.

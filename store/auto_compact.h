@@ -21,6 +21,8 @@
 
 namespace Kestrun {
 
+struct LogFilling;
+
 // Which blocks to merge next, as places in the list; `count` 0: none.
 struct MergeChoice {
   size_t first = 0;
@@ -41,6 +43,8 @@ class AutoCompact {
 
   // Has the thread look whether there is something to merge.
   void Wake();
+  // Has the thread order the index of the log, of which the next flush has less to do then.
+  void Order(std::shared_ptr<const LogFilling> filling);
 
  private:
   void Run();
@@ -49,10 +53,13 @@ class AutoCompact {
   Store::Impl& store_;
   const int processId_;
   std::atomic<bool> stop_{false};
+  std::atomic<bool> isOrdering_{false};  // or is about to
   struct Signal {
     std::mutex mutex;
     std::condition_variable wake;
-    bool isAwake = true;  // guarded by mutex; there may have been flushes before
+    // Guarded by mutex.
+    bool isAwake = true;  // there may have been flushes before
+    std::shared_ptr<const LogFilling> toOrder;
   };
   std::unique_ptr<Signal> signal_;
   std::thread thread_;

@@ -111,6 +111,8 @@ class Store::Impl {
   // The part of the entries of block `newer` that hides entries of the blocks before it in the list, from 0 to 1, as far
   // as is known without loading anything.
   double EstimateHidden(const BlockEntries& entries, size_t newer);
+  // Lets the thread order the log's index when much of it waits. The log is locked Exclusive.
+  void OrderAhead();
   // Lets the thread look for something to merge, and starts it first. The log is locked Exclusive.
   void WakeAutoCompact();
 
@@ -156,6 +158,7 @@ void TellReason(const Diagnostics& diagnostics, const char* what, const std::str
 
 template <typename AppendOnce>
 uint32_t Store::Impl::AppendOrFlush(uint64_t size, AppendOnce append) {
+  OrderAhead();
   uint32_t status = append();
   if (status == kStatusInvalid) {
     if (status = PrepareLog(); status != kStatusOk) return status;

@@ -134,5 +134,53 @@ TEST_F(StoreThreadsTest, SnapshotsGoWhileTheLogIsReset) {
   for (const std::string& one : wrong) EXPECT_EQ(one, "");
 }
 
+// With so many records waiting, the store's thread orders them while others write, walk and flush.
+TEST_P(StoreThreadsTest, TheThreadOrdersTheLogWhileItIsWrittenWalkedAndFlushed) {
+  constexpr int kBatches = 300;
+  constexpr int kBatch = 100;
+  StoreOptions options = Options(1 << 20);
+  options.autoCompact = true;
+  const std::unique_ptr<Store> store = Open(options);
+  ASSERT_EQ(store->Put("first", "flush"), kStatusOk);
+  ASSERT_EQ(store->Flush(), kStatusOk);
+  // Not in order, and each key twice.
+  const auto keyOf = [](int i) { return std::to_string(i * 7919 % (kBatches * kBatch / 2)); };
+  std::atomic<bool> done{false};
+  std::string wrong;
+  std::thread reader([&] {
+    std::unique_ptr<Store> second;
+    if (GetParam() && Store::Open(path_, options, &second) != kStatusOk) wrong = "opening";
+    Store& mine = GetParam() ? *second : *store;
+    do {
+      std::unique_ptr<Snapshot> snapshot;
+      std::unique_ptr<Cursor> cursor;
+      if (mine.TakeSnapshot(&snapshot) != kStatusOk) wrong = "a snapshot";
+      if (wrong.empty() && snapshot->NewCursor(Range::All(), &cursor) != kStatusOk) wrong = "a cursor";
+      if (!wrong.empty()) return;
+      std::string last;
+      for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) {
+        if (cursor->Key() <= last) wrong = "the order";
+        last = cursor->Key();
+      }
+      if (cursor->Status() != kStatusOk) wrong = StatusWord(cursor->Status());
+    } while (!done && wrong.empty());
+  });
+  for (int i = 0; i < kBatches; ++i) {
+    WriteBatch batch;
+    for (int k = 0; k < kBatch; ++k) {
+      ASSERT_EQ(batch.Put(keyOf(i * kBatch + k), std::to_string(i)), kStatusOk);
+    }
+    ASSERT_EQ(store->Write(batch), kStatusOk);
+  }
+  done = true;
+  reader.join();
+  EXPECT_EQ(wrong, "");
+  ASSERT_EQ(store->Flush(), kStatusOk);
+  EXPECT_EQ(Walk(*Take(*store)).size(), size_t{kBatches * kBatch / 2 + 1});
+  for (int k = 0; k < kBatch; ++k) {
+    EXPECT_EQ(Get(*store, keyOf((kBatches - 1) * kBatch + k)), std::to_string(kBatches - 1));
+  }
+}
+
 }  // namespace
 }  // namespace Kestrun::Testing
