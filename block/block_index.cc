@@ -217,8 +217,11 @@ uint32_t BlockIndex::LowerBoundOfPrefix(uint64_t prefix) const {
   const uint64_t* base = prefixes_.Data();
   for (uint32_t left = Count(); left > 1;) {
     const uint32_t half = left / 2;
-    base += base[half - 1] < prefix ? half : 0;
     left -= half;
+    // Where the next step looks, whichever way this one goes.
+    __builtin_prefetch(base + left / 2);
+    __builtin_prefetch(base + half + left / 2);
+    base += base[half - 1] < prefix ? half : 0;
   }
   return static_cast<uint32_t>(base - prefixes_.Data()) + (*base < prefix ? 1 : 0);
 }
