@@ -101,8 +101,15 @@ bool BlockFile::FindTables() {
     }
   }
   if (!entries.complete || !keys.complete || keys.offset >= entries.offset) return false;
-  if (!entries.Usable()) entries.header.size = static_cast<uint32_t>(file_.Size() - entries.offset);
-  if (!keys.Usable()) keys.header.size = static_cast<uint32_t>(entries.offset - keys.offset);
+  countIsKnown_ = entries.checksumMatches && entries.header.size >= sizeof(SectionHeader);
+  keySizeIsKnown_ = keys.Usable() && keys.End() <= entries.offset;
+  if (!entries.Usable()) {
+    const uint64_t told = entries.header.size;
+    entries.header.size = static_cast<uint32_t>(file_.Size() - entries.offset);
+    const auto count = [](uint64_t size) { return (size - sizeof(SectionHeader)) / sizeof(BlockDataEntry); };
+    if (countIsKnown_ && told > entries.header.size) cutEntries_ = count(told) - count(entries.header.size);
+  }
+  if (!keySizeIsKnown_) keys.header.size = static_cast<uint32_t>(entries.offset - keys.offset);
   entries.checksumMatches = entries.fits = keys.checksumMatches = keys.fits = true;
   keyTable_ = keys;
   entryTable_ = entries;

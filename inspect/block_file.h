@@ -51,6 +51,12 @@ class BlockFile {
 
   // Whole entries in the entry table; 0 unless the table is usable.
   uint64_t EntryCount() const;
+  // Entries that the header of the entry table tells and that FindTables did not find because the file ends before them.
+  uint64_t CutEntries() const { return cutEntries_; }
+  // Whether the header of the entry table, which tells how many entries there are, is sound.
+  bool CountIsKnown() const { return countIsKnown_; }
+  // Whether the size of the key table is what its sound header tells.
+  bool KeyTableSizeIsKnown() const { return keySizeIsKnown_; }
   uint64_t EntryOffset(uint64_t index) const;
   bool ReadEntry(uint64_t index, BlockDataEntry* entry, bool* checksumMatches);
   // Whether the entry's key lies within the key table.
@@ -79,6 +85,9 @@ class BlockFile {
   SectionView data_;
   SectionView keyTable_;
   SectionView entryTable_;
+  uint64_t cutEntries_ = 0;
+  bool countIsKnown_ = true;
+  bool keySizeIsKnown_ = true;
 };
 
 // A marked entry carries the checksum of its key and value, as a record of the log does.

@@ -84,6 +84,7 @@ class SpaceCounter {
     for (size_t i = 0; i < blocks_.size(); ++i) {
       const VersionSource& source = versions.Sources()[i];
       stat_->unreadable += source.unreadable;
+      stat_->mayLackMore = stat_->mayLackMore || source.mayLackMore;
       if (source.isLog || source.isPutAside || source.left) continue;
       BlockSpace block = blocks_[i];
       block.name = source.name;

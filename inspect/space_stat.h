@@ -39,7 +39,8 @@ struct SpaceStat {
   CountAndBytes overwritten;  // every version that a newer entry or tombstone hides
   CountAndBytes deleted;      // tombstones that nothing hides
   CountAndBytes expired;
-  uint64_t unreadable = 0;       // entries that are damaged
+  uint64_t unreadable = 0;       // entries that are damaged or missing
+  bool mayLackMore = false;      // how many more than those is not known
   std::vector<NamedSize> types;  // live entries by record type, the largest first; "" is no record
   std::vector<NamedSize>
       prefixes;  // live entries by what stands before the first separator, the largest first

@@ -29,6 +29,12 @@ void CountDamage(VersionSource* source, const std::string& what, uint64_t count 
   if (source->damage.empty()) source->damage = what;
 }
 
+// What holds one entry, and perhaps many.
+void CountUnknown(VersionSource* source, const std::string& what) {
+  CountDamage(source, what);
+  source->mayLackMore = true;
+}
+
 }  // namespace
 
 // The entries of one file in the order of their keys; the versions of one key, the newest first.
@@ -131,9 +137,9 @@ class StoreVersions::LogStream final : public Stream {
   void GatherLog(VersionSource* source) {
     const WalHeaderView header = ReadWalHeader(source_);
     headerIsSound_ = header.Usable() && header.header.used >= kWalFirstRecord;
-    if (!headerIsSound_) CountDamage(source, "its header is damaged");
+    if (!headerIsSound_) CountUnknown(source, "its header is damaged");
     const uint64_t used = headerIsSound_ ? header.header.used : file_.Size();
-    if (used > file_.Size()) CountDamage(source, "it is cut off at " + std::to_string(file_.Size()));
+    if (used > file_.Size()) CountUnknown(source, "it is cut off at " + std::to_string(file_.Size()));
     Gather(kWalFirstRecord, std::min(used, file_.Size()), source);
   }
 
@@ -157,7 +163,7 @@ class StoreVersions::LogStream final : public Stream {
       }
       if (reader.End() == WalEnd::Complete) {
         if (headerIsSound_ && reader.Offset() < used) {
-          CountDamage(source, "bytes from " + std::to_string(reader.Offset()) + " on are no record");
+          CountUnknown(source, "bytes from " + std::to_string(reader.Offset()) + " on are no record");
         }
         return;
       }
@@ -173,7 +179,7 @@ class StoreVersions::LogStream final : public Stream {
       }
       // Free space begins where no header tells.
       if (!headerIsSound_ && IsZero(broken)) return;
-      CountDamage(source, "the record at " + std::to_string(broken) + " is broken");
+      CountUnknown(source, "the record at " + std::to_string(broken) + " is broken");
       offset = FindNextWalRecord(source_, used, used, broken);
     }
   }
@@ -201,11 +207,16 @@ class StoreVersions::BlockStream final : public Stream {
     if (!block_.HeaderComplete() || !block_.HeaderChecksumMatches())
       CountDamage(source, "its header is damaged", 0);
     if (!block_.Usable()) {
-      const bool found = block_.FindTables();
-      CountDamage(source, found ? "the headers of its sections are damaged" : "its tables can't be found",
-                  found ? 0 : 1);
+      if (!block_.FindTables()) {
+        CountUnknown(source, "it is cut short or damaged, and its tables can't be found");
+      } else if (block_.CutEntries() != 0) {
+        CountDamage(source, "it is cut short at byte " + std::to_string(file_.Size()), block_.CutEntries());
+      } else {
+        CountDamage(source, "the headers of its sections are damaged", 0);
+      }
     }
     Examine(source);
+    if (!block_.CountIsKnown()) RequireLastKey(source);
   }
 
   bool Next() override {
@@ -236,6 +247,17 @@ class StoreVersions::BlockStream final : public Stream {
     bool checksumMatches = false;
     return block_.ReadEntry(index, &entry_, &checksumMatches) && checksumMatches && entry_.keySize != 0 &&
            block_.ValueFits(entry_) && block_.ReadKey(entry_, &key_);
+  }
+
+  // Where nothing tells how many entries there are, the key of the last one must end the key table.
+  void RequireLastKey(VersionSource* source) {
+    const uint64_t count = block_.EntryCount();
+    const uint64_t keys = block_.KeyTable().header.size;
+    const bool isWhole =
+        count != 0 && ReadAt(count - 1) && uint64_t{entry_.keyOffset} + entry_.keySize == keys;
+    if (block_.KeyTableSizeIsKnown() && isWhole) return;
+    if (block_.KeyTableSizeIsKnown()) CountDamage(source, "entries are missing");
+    source->mayLackMore = true;
   }
 
   // Counts what is sound, and sorts it where it is out of order.
@@ -421,7 +443,7 @@ void StoreVersions::AddLogFile(const std::string& path, VersionSource source) {
     source.fileSize = file->Size();
     stream = std::make_unique<LogStream>(std::move(*file), sources_.size(), &source);
   } else {
-    CountDamage(&source, why);
+    CountUnknown(&source, why);
   }
   sources_.push_back(source);
   streams_.push_back(std::move(stream));
@@ -441,7 +463,7 @@ void StoreVersions::AddBlock(const std::string& directory, const std::string& na
     source.fileSize = file->Size();
     stream = std::make_unique<BlockStream>(std::move(*file), pageSize, sources_.size(), &source);
   } else {
-    CountDamage(&source, why);
+    CountUnknown(&source, why);
   }
   sources_.push_back(source);
   streams_.push_back(std::move(stream));

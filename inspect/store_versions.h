@@ -29,9 +29,10 @@ struct VersionSource {
   bool present = false;  // as a file that can be opened
   bool left = false;     // a block that does not count, and is not read
   uint64_t fileSize = 0;
-  uint64_t entries = 0;     // sound entries
-  uint64_t unreadable = 0;  // entries that are damaged, or one for what can't be counted
-  std::string damage;       // the first one; empty when there is none
+  uint64_t entries = 0;      // sound entries
+  uint64_t unreadable = 0;   // entries that are damaged or missing
+  bool mayLackMore = false;  // how many more than those is not known
+  std::string damage;        // the first one; empty when there is none
 };
 
 struct VersionView {

@@ -243,7 +243,15 @@ class Recovery {
     return count;
   }
 
-  bool Lost() const { return Unreadable() != 0 || !guessed_.empty() || !typeDamage_.empty(); }
+  bool MayLackMore() const {
+    const auto& sources = versions_->Sources();
+    return std::any_of(sources.begin(), sources.end(),
+                       [](const Inspect::VersionSource& source) { return source.mayLackMore; });
+  }
+
+  bool Lost() const {
+    return Unreadable() != 0 || MayLackMore() || !guessed_.empty() || !typeDamage_.empty();
+  }
 
   static const char* StateOf(const Inspect::VersionSource& source) {
     return source.left ? "left" : !source.present ? "missing" : !source.damage.empty() ? "damaged" : "sound";
@@ -253,7 +261,8 @@ class Recovery {
     if (IsJson(line_)) {
       JsonWriter json;
       json.BeginObject().Name("taken").Number(taken_).Name("dropped").Number(dropped_);
-      json.Name("unreadable").Number(Unreadable()).Name("blocks").BeginArray();
+      json.Name("unreadable").Number(Unreadable()).Name("unreadableIsExact").Bool(!MayLackMore());
+      json.Name("blocks").BeginArray();
       for (size_t i = 0; i < versions_->Sources().size(); ++i) AddSource(i, &json);
       json.EndArray().Name("guessedTypes").BeginArray();
       for (const Inspect::GuessedType& type : guessed_) json.Text(type.text);
@@ -269,7 +278,7 @@ class Recovery {
                      "; --all-blocks takes it");
       } else if (!source.damage.empty()) {
         PrintAccount(name + ": " + source.damage + "; " + Counted(source.entries, "entry", "entries") +
-                     " readable, " + std::to_string(source.unreadable) + " not");
+                     " readable, " + AmountText(source.unreadable, source.mayLackMore) + " not");
       }
     }
     if (!versions_->ManifestDecides()) {
@@ -283,7 +292,10 @@ class Recovery {
     }
     PrintAccount("took " + Counted(taken_, "entry", "entries") + ", dropped " +
                  Counted(dropped_, "version", "versions") + ", could not read " +
-                 std::to_string(Unreadable()));
+                 AmountText(Unreadable(), MayLackMore()));
+    if (Unreadable() != 0 || MayLackMore()) {
+      PrintAccount("what could not be read is missing; of its keys older versions may have come back");
+    }
   }
 
   void AddSource(size_t number, JsonWriter* json) const {
@@ -294,6 +306,7 @@ class Recovery {
     json->Name("listed").Bool(source.listed).Name("entries").Number(source.entries);
     json->Name("taken").Number(taken == takenFrom_.end() ? 0 : taken->second);
     json->Name("unreadable").Number(source.unreadable);
+    json->Name("unreadableIsExact").Bool(!source.mayLackMore);
     if (!source.damage.empty()) json->Name("damage").Bytes(source.damage);
     json->EndObject();
   }

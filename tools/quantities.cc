@@ -168,4 +168,9 @@ std::string Counted(uint64_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
+std::string AmountText(uint64_t count, bool mayBeMore) {
+  if (!mayBeMore) return std::to_string(count);
+  return count == 0 ? "an unknown number" : "at least " + std::to_string(count);
+}
+
 }  // namespace Kestrun::Tools

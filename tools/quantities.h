@@ -33,5 +33,7 @@ std::string Grouped(uint64_t number);
 std::string SizeText(uint64_t bytes);
 // "1 key", "2 keys".
 std::string Counted(uint64_t count, const char* one, const char* many);
+// "3", "at least 3", "an unknown number"; the others where there may be more.
+std::string AmountText(uint64_t count, bool mayBeMore);
 
 }  // namespace Kestrun::Tools

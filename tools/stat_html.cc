@@ -123,9 +123,9 @@ class Page {
     AddCard("Given back by compacting", SizeText(space_.Reclaimable()),
             Percent(space_.Reclaimable(), All()) + "%", &text_);
     text_ += "</div>\n<p class=\"advice\">" + Escaped(CompactionAdvice(report_)) + ".</p>\n";
-    if (space_.unreadable != 0) {
-      text_ +=
-          "<p class=\"damage\">" + Counted(space_.unreadable, "entry", "entries") + " can't be read</p>\n";
+    if (space_.unreadable != 0 || space_.mayLackMore) {
+      text_ += "<p class=\"damage\">Entries that can't be read: " +
+               AmountText(space_.unreadable, space_.mayLackMore) + "</p>\n";
     }
   }
 

@@ -112,7 +112,7 @@ void WriteBlocks(const StatReport& report) {
 std::string CompactionAdvice(const StatReport& report) {
   const uint64_t all = report.space.live.bytes + report.space.Reclaimable();
   const uint64_t blocks = report.files.ListedBlocks();
-  if (report.space.unreadable != 0)
+  if (report.space.unreadable != 0 || report.space.mayLackMore)
     return "something is damaged: see 'kestrun verify', and recover before anything else";
   if (blocks == 0) return "there is nothing to compact";
   if (report.space.Reclaimable() * 5 >= all && all != 0) {
@@ -153,7 +153,7 @@ void WriteStatJson(const StatReport& report) {
   json.Name("bytes").BeginObject().Name("live").Number(space.live.bytes);
   json.Name("overwritten").Number(space.overwritten.bytes).Name("deleted").Number(space.deleted.bytes);
   json.Name("expired").Number(space.expired.bytes).EndObject();
-  json.Name("unreadable").Number(space.unreadable);
+  json.Name("unreadable").Number(space.unreadable).Name("unreadableIsExact").Bool(!space.mayLackMore);
   AddSizes("types", space.types, &json);
   AddSizes("prefixes", space.prefixes, &json);
   json.Name("advice").Text(CompactionAdvice(report));
@@ -201,7 +201,9 @@ void WriteStatText(const StatReport& report) {
   }
   WriteLine("");
   entries.Write();
-  if (space.unreadable != 0) WriteLine(Counted(space.unreadable, "entry", "entries") + " can't be read");
+  if (space.unreadable != 0 || space.mayLackMore) {
+    WriteLine("entries that can't be read: " + AmountText(space.unreadable, space.mayLackMore));
+  }
   if (report.files.recordTypes != 0) WriteSizes("TYPE", space.types, "(no record)");
   WriteSizes("PREFIX", space.prefixes, "(none)");
   WriteBlocks(report);

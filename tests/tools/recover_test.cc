@@ -146,6 +146,41 @@ TEST_F(RecoverTest, TakesWhatIsSoundOfADamagedBlock) {
   }
 }
 
+TEST_F(RecoverTest, WhatIsCutOffABlockIsCounted) {
+  std::string rows;
+  for (int i = 0; i < 200; ++i) rows += "{\"key\":\"k" + std::to_string(1000 + i) + "\",\"value\":\"v\"}\n";
+  ASSERT_EQ(Run("import", {"-"}, rows).status, 0);
+  Do("flush");
+  const std::string block = Blocks().front();
+  const std::string good = ReadFile(block);
+  const size_t entries = good.size() - 200 * 48;
+
+  const auto cut = [&](std::string bytes, size_t size, int taken, int unreadable, bool exact) {
+    WriteFile(block, bytes.substr(0, size));
+    const Recovered recovered = Recover();
+    EXPECT_EQ(recovered.status, 1) << size;
+    EXPECT_EQ(recovered.told["taken"], taken) << size;
+    EXPECT_EQ(recovered.told["unreadable"], unreadable) << size;
+    EXPECT_EQ(recovered.told["unreadableIsExact"], exact) << size;
+    EXPECT_EQ(recovered.told["blocks"][0]["unreadable"], unreadable) << size;
+    EXPECT_EQ(recovered.told["blocks"][0]["unreadableIsExact"], exact) << size;
+  };
+  cut(good, good.size() - 1, 199, 1, true);
+  cut(good, good.size() - 100, 197, 3, true);
+  cut(good, entries + 48, 1, 199, true);
+  cut(good, entries - 1, 0, 1, false);
+  cut(good, 0, 0, 1, false);
+  // The header of the entries does not tell their number any more, but the keys do not end where the last one does.
+  std::string bytes = good;
+  bytes[entries - 4] = static_cast<char>(bytes[entries - 4] ^ 1);
+  cut(bytes, good.size() - 100, 197, 1, false);
+
+  const Ran ran = RunKestrun({"recover", store_, scratch_.PathOf("told")});
+  EXPECT_TRUE(Contains(ran.err, "could not read at least 1\n")) << ran.err;
+  EXPECT_TRUE(Contains(ran.err, "older versions may have come back")) << ran.err;
+  EXPECT_TRUE(Contains(Do("stat"), "entries that can't be read: at least 1\n"));
+}
+
 TEST_F(RecoverTest, AnOlderVersionCountsWhereTheNewestCanNotBeRead) {
   Put("make", "a store");
   ForgedEntry newest{"k", "new"};
