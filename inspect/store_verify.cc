@@ -51,9 +51,10 @@ class StoreVerifier {
     }
     RecordTypes();
     for (const std::string& name : files_.damagedLogs) {
-      report_->Note(
+      report_->Damage(
           name, 0,
-          "what the store put aside of a log that was damaged; 'kestrun recover --all-blocks' reads it");
+          "a store put aside what it could not read of a damaged log; 'kestrun recover --all-blocks' "
+          "takes what is readable of it. Remove the file when that is done or not wanted");
     }
     for (const std::string& name : files_.legacy) {
       report_->Note(name, 0, "a file of an earlier format, which the next compaction removes");

@@ -58,8 +58,15 @@ class ReadSection {
   uint32_t status_;
 };
 
+// What follows the records that a replay finds is damaged; or it never reached the disk, and the power was lost.
+void TellRest(const std::string& path, uint64_t end, uint32_t used) {
+  Diagnostics::HandlerOnly().Printf(
+      "Log file %s can be read up to byte %u of %u; the rest is damaged or was never written\n", path.c_str(),
+      static_cast<unsigned int>(end), used);
+}
+
 // Copies the used bytes of the log and indexes the records that a replay would find.
-uint32_t ReadLog(OsFile& file, LogView* view) {
+uint32_t ReadLog(const std::string& path, OsFile& file, LogView* view) {
   OsFileSource source(file);
   const WalHeaderView header = ReadWalHeader(source);
   if (!header.complete || !header.checksumMatches) return kStatusWalChecksum;
@@ -70,7 +77,10 @@ uint32_t ReadLog(OsFile& file, LogView* view) {
   auto filling = std::make_shared<LogFilling>();
   const auto used = static_cast<uint32_t>(std::min<uint64_t>(header.header.used, size));
   *view = {filling, nullptr, kWalFirstRecord};
-  if (used <= kWalFirstRecord) return kStatusOk;
+  if (used <= kWalFirstRecord) {
+    if (used < header.header.used) TellRest(path, used, header.header.used);
+    return kStatusOk;
+  }
   filling->copy = LogCopy::Create(used);
   if (filling->copy == nullptr) return kStatusNoMemory;
   if (!filling->copy->Fill(
@@ -84,6 +94,8 @@ uint32_t ReadLog(OsFile& file, LogView* view) {
     const WalRecordView& record = records.Record();
     filling->index.Insert(record.key, {static_cast<uint32_t>(record.offset), ToDataEntry(record.header)});
   }
+  // Of a file that was cut short the last records may end where the file does.
+  if (records.Offset() < header.header.used) TellRest(path, records.Offset(), header.header.used);
   *view = {filling, filling->copy, used};
   return kStatusOk;
 }
@@ -203,14 +215,13 @@ uint32_t Snapshot::Open(const std::string& path, std::unique_ptr<Snapshot>* out)
     if (state != DirectoryState::Store) return kStatusStoreMissing;
 
     std::shared_ptr<OsFile> log;
-    if (const uint32_t status = OpenToRead(path + "/" + kWalFileName, kStatusWalOpenFailed, &log);
-        status != kStatusOk) {
+    const std::string logPath = path + "/" + kWalFileName;
+    if (const uint32_t status = OpenToRead(logPath, kStatusWalOpenFailed, &log); status != kStatusOk)
       return status;
-    }
     const ReadSection section(log);
     if (section.Status() != kStatusOk) return section.Status();
     LogView view;
-    if (const uint32_t status = ReadLog(*log, &view); status != kStatusOk) return status;
+    if (const uint32_t status = ReadLog(logPath, *log, &view); status != kStatusOk) return status;
     std::shared_ptr<const BlockSet> blocks;
     if (const uint32_t status = OpenListed(path, &blocks); status != kStatusOk) return status;
     out->reset(new Snapshot(std::make_shared<const Impl>(std::move(view), std::move(blocks), NowSeconds())));

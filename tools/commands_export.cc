@@ -64,6 +64,7 @@ class Exporter {
     if (options_.format == RowFormat::Sqlite && !toFile) throw UsageError("SQLite is written to a FILE only");
 
     const auto snapshot = OpenSnapshot(line_.Store());
+    if (toFile) RequireWholeLog(line_.Store(), ShownPath(path_) + " was not written");
     types_ = ReadRecordTypes(line_.Store());
     ChooseTypes();
     CheckNames();
@@ -85,6 +86,7 @@ class Exporter {
     }
     if (file) file->Commit();
     TellAccount(toFile);
+    RequireWholeLog(line_.Store(), "entries may be missing, or older than the newest ones");
     return kExitDone;
   }
 

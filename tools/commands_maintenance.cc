@@ -10,6 +10,7 @@
 #include "inspect/store_directory.h"
 #include "kestrun/status.h"
 #include "tools/bytes_text.h"
+#include "tools/diagnostics.h"
 #include "tools/failure.h"
 #include "tools/json_writer.h"
 #include "tools/quantities.h"
@@ -40,6 +41,17 @@ uint64_t CountAlive(const Snapshot& snapshot) {
   for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) ++keys;
   Require(cursor->Status(), "counting the entries");
   return keys;
+}
+
+// What a store put aside of a damaged log is not part of it any more, and may be all that is left of entries.
+void TellPutAside(const Invocation& line, const char* fate) {
+  std::string why;
+  const auto files = Inspect::ListStore(line.Store(), &why);
+  if (!files) return;
+  for (const std::string& name : files->damagedLogs) {
+    PrintMessage(std::string("kestrun ") + line.command->name + ": " + Inspect::Printable(name) +
+                 ", which was put aside of a damaged log, " + fate);
+  }
 }
 
 // Deletes the files of the store that `files` lists; the log goes last, so that what a killed removal leaves is still
@@ -103,7 +115,11 @@ int RunClear(const Invocation& line) {
     JsonWriter json;
     if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("wouldClear").Number(keys).EndObject());
     PrintAccount("would delete " + Counted(keys, "entry", "entries"));
+    RequireWholeLog(line.Store(), "there may be more");
     return kExitDone;
+  }
+  if (const std::string damage = TakeLogDamage(); !damage.empty()) {
+    PrintMessage("kestrun clear: there may be more entries, which go, too: " + damage);
   }
   if (!Confirm("delete all " + Counted(keys, "entry", "entries") + " of " + ShownPath(line.Store()),
                line.Has("--yes"))) {
@@ -115,6 +131,7 @@ int RunClear(const Invocation& line) {
   JsonWriter json;
   if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("cleared").Bool(true).EndObject());
   PrintAccount("emptied " + ShownPath(line.Store()));
+  TellPutAside(line, "stays");
   return kExitDone;
 }
 
@@ -161,11 +178,15 @@ int RunRemove(const Invocation& line) {
 int RunBackup(const Invocation& line) {
   const std::string& target = line.positionals[1];
   if (target.empty()) throw UsageError("NEW is the directory of the copy and can't be empty");
+  // Alone for what it tells about the log.
+  OpenSnapshot(line.Store());
   const auto store = OpenStore(line, Access::Existing);
   Require(store->Checkpoint(target), ShownPath(target) + ": copying " + ShownPath(line.Store()), target);
   JsonWriter json;
   if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("store").Bytes(target).EndObject());
   PrintAccount("copied " + ShownPath(line.Store()) + " to " + ShownPath(target));
+  TellPutAside(line, "is not copied");
+  RequireWholeLog(line.Store(), "the copy lacks what can't be read");
   return kExitDone;
 }
 

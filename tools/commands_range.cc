@@ -101,6 +101,7 @@ int RunScan(const Invocation& line) {
   lines.Finish();
   Require(cursor->Status(),
           ShownPath(line.Store()) + ": the entries can be read up to number " + std::to_string(written));
+  RequireWholeLog(line.Store(), "entries may be missing, or older than the newest ones");
   return kExitDone;
 }
 
@@ -114,6 +115,7 @@ int RunDeleteRange(const Invocation& line) {
     JsonWriter json;
     if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("wouldDelete").Number(keys).EndObject());
     PrintAccount("would delete " + Counted(keys, "key", "keys"));
+    RequireWholeLog(line.Store(), "there may be more");
     return kExitDone;
   }
 

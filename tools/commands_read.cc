@@ -30,6 +30,7 @@ int RunGet(const Invocation& line) {
       PrintAccount("");
     }
   }
+  RequireNewest(line);
   return kExitDone;
 }
 
@@ -38,6 +39,7 @@ int RunContains(const Invocation& line) {
   const auto snapshot = OpenSnapshot(line.Store());
   std::optional<std::string> value;
   Require(snapshot->Get(key, &value), ShownPath(line.Store()) + ": reading the key");
+  if (!value) RequireTold(line, key);
   if (IsJson(line)) {
     JsonWriter json(IsHex(line));
     WriteJsonLine(
@@ -45,6 +47,7 @@ int RunContains(const Invocation& line) {
   } else {
     WriteLine(value ? "yes" : "no");
   }
+  RequireNewest(line);
   return value ? kExitDone : kExitNotFound;
 }
 
@@ -57,6 +60,7 @@ int RunEntry(const Invocation& line) {
   Require(snapshot->Get(key, &value), ShownPath(line.Store()) + ": reading the key");
   const auto place = Inspect::LocateKey(line.Store(), key, pageSize);
   const bool live = value.has_value();
+  if (!live) RequireTold(line, key);
   const char* state = live ? "live" : !place ? "missing" : place->deleted ? "deleted" : "expired";
 
   if (IsJson(line)) {
@@ -68,6 +72,7 @@ int RunEntry(const Invocation& line) {
       json.Name("ttl").Number(place->ttl).Name("expires").Number(place->timestamp + place->ttl);
     }
     WriteJsonLine(json.EndObject());
+    RequireNewest(line);
     return live ? kExitDone : kExitNotFound;
   }
   if (!place) {
@@ -83,6 +88,7 @@ int RunEntry(const Invocation& line) {
   table.Add({"time to live", TtlText(place->ttl)});
   if (!place->deleted) table.Add({"expires after", Inspect::UtcTime(place->timestamp + place->ttl)});
   table.Write();
+  RequireNewest(line);
   return live ? kExitDone : kExitNotFound;
 }
 

@@ -82,6 +82,17 @@ void WriteRecord(const Invocation& line, const std::string& key, const RecordMet
   table.Write();
 }
 
+// The types stand in a file of their own, which needs no lock; that the store beside it can be read is looked at all the
+// same, where that is possible.
+void RequireWhole(const Invocation& line) {
+  try {
+    OpenSnapshot(line.Store());
+  } catch (const StoreFailure& failure) {
+    if (failure.Status() != kStatusLockFailed) throw;
+  }
+  RequireWholeLog(line.Store(), "there may be records of these types that can't be read");
+}
+
 }  // namespace
 
 int RunAppend(const Invocation& line) {
@@ -137,6 +148,7 @@ int RunShow(const Invocation& line) {
     PrintAccount("kestrun show: the value does not hold exactly the fields of its record type");
   }
   WriteRecord(line, key, *type->second, fields);
+  RequireNewest(line);
   return kExitDone;
 }
 
@@ -158,12 +170,14 @@ int RunTypes(const Invocation& line) {
       }
       WriteJsonLine(json.EndArray().EndObject());
     }
+    RequireWhole(line);
     return kExitDone;
   }
   Table table({Align::Right, Align::Left});
   table.Add({"ID", "TYPE"});
   for (const auto& [id, meta] : types) table.Add({std::to_string(id), Inspect::Printable(meta->text)});
   table.Write();
+  RequireWhole(line);
   return kExitDone;
 }
 

@@ -243,6 +243,13 @@ class Recovery {
     return count;
   }
 
+  // Of a log that was damaged, and not taken.
+  bool LeftPutAside() const {
+    const auto& sources = versions_->Sources();
+    return std::any_of(sources.begin(), sources.end(),
+                       [](const Inspect::VersionSource& source) { return source.isPutAside && source.left; });
+  }
+
   bool MayLackMore() const {
     const auto& sources = versions_->Sources();
     return std::any_of(sources.begin(), sources.end(),
@@ -250,7 +257,7 @@ class Recovery {
   }
 
   bool Lost() const {
-    return Unreadable() != 0 || MayLackMore() || !guessed_.empty() || !typeDamage_.empty();
+    return Unreadable() != 0 || MayLackMore() || LeftPutAside() || !guessed_.empty() || !typeDamage_.empty();
   }
 
   static const char* StateOf(const Inspect::VersionSource& source) {

@@ -12,5 +12,9 @@ namespace Kestrun::Tools {
 void CatchDiagnostics();
 // What was said since the last call, at most its last 2 KiB, without control characters.
 std::string TakeDiagnostics();
+// What it said about a log of which not all can be read, and about what it set aside of one; these are not among the
+// others. Empty when it said nothing since the last call, without control characters and the full stop.
+std::string TakeLogDamage();
+std::string TakeSetAside();
 
 }  // namespace Kestrun::Tools

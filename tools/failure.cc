@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "inspect/escape.h"
 #include "kestrun/status.h"
 #include "tools/diagnostics.h"
 
@@ -104,6 +105,11 @@ StoreFailure::StoreFailure(uint32_t status, const std::string& text, const std::
   if (!reason.empty()) report_.message += ": " + reason;
   report_.advice = advice.empty() ? AdviceFor(status) : advice;
 }
+
+DamageFound::DamageFound(const std::string& store, const std::string& message)
+    : Failure(kExitRefused, message,
+              "'kestrun recover " + Inspect::Printable(store) +
+                  " NEW' makes a new store of whatever can be read.") {}
 
 std::string SystemReason(const std::string& path) {
   // What is missing is to be made in its parent.

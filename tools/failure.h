@@ -80,6 +80,12 @@ class SystemFailure : public Failure {
       : Failure(kExitRefused, message, advice) {}
 };
 
+// Not all of what was to be read can be read. Exit status 3. The text says what is damaged; the advice is the way on.
+class DamageFound : public Failure {
+ public:
+  DamageFound(const std::string& store, const std::string& message);
+};
+
 // Ctrl-C or a request to end. The text says what stays.
 class Interrupted : public Failure {
  public:

@@ -48,6 +48,15 @@ void Tell(const std::vector<std::string>& arguments, const ErrorReport& error, b
   if (error.exit == kExitUsage) PrintMessage(UsageLine(command));
 }
 
+// A writer has met a log of which it could not read all.
+void TellSetAside(const Invocation& line) {
+  const std::string said = TakeSetAside();
+  if (said.empty()) return;
+  const std::string store = Inspect::Printable(line.Store());
+  PrintMessage(std::string("kestrun ") + line.command->name + ": " + said + ". 'kestrun recover " + store +
+               " NEW --all-blocks' makes a new store that holds what can be read of it, too.");
+}
+
 int RunCommand(const std::vector<std::string>& arguments) {
   const std::string first = arguments.empty() ? std::string() : arguments.front();
   if (first == "--version") {
@@ -66,7 +75,14 @@ int RunCommand(const std::vector<std::string>& arguments) {
   }
   if (line.Has("--quiet")) SetVerbosity(Verbosity::Quiet);
   if (line.Has("--verbose")) SetVerbosity(Verbosity::Verbose);
-  const int status = line.command->run(line);
+  int status = kExitDone;
+  try {
+    status = line.command->run(line);
+  } catch (...) {
+    TellSetAside(line);
+    throw;
+  }
+  TellSetAside(line);
   if (const std::string said = TakeDiagnostics(); !said.empty()) PrintDetail("kestrun: " + said);
   return status;
 }

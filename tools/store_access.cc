@@ -14,6 +14,7 @@
 #include "inspect/type_guess.h"
 #include "kestrun/status.h"
 #include "tools/bytes_text.h"
+#include "tools/diagnostics.h"
 #include "tools/failure.h"
 #include "tools/quantities.h"
 
@@ -96,10 +97,23 @@ std::unique_ptr<Snapshot> OpenSnapshot(const std::string& path) {
   return snapshot;
 }
 
+void RequireWholeLog(const std::string& path, const std::string& what) {
+  const std::string damage = TakeLogDamage();
+  if (!damage.empty()) throw DamageFound(path, ShownPath(path) + ": " + what + ": " + damage);
+}
+
 std::unique_ptr<Cursor> OpenCursor(const Snapshot& snapshot, const Range& range) {
   std::unique_ptr<Cursor> cursor;
   Require(snapshot.NewCursor(range, &cursor), "reading the entries");
   return cursor;
+}
+
+void RequireTold(const Invocation& line, const std::string& key) {
+  RequireWholeLog(line.Store(), "whether the key \"" + Inspect::Printable(key) + "\" is there can't be told");
+}
+
+void RequireNewest(const Invocation& line) {
+  RequireWholeLog(line.Store(), "there may be a newer entry of the key");
 }
 
 std::string ReadValue(const Invocation& line, const std::string& key) {
@@ -108,6 +122,7 @@ std::string ReadValue(const Invocation& line, const std::string& key) {
   Require(snapshot->Get(key, &value),
           ShownPath(line.Store()) + ": reading the key \"" + Inspect::Printable(key) + "\"");
   if (value) return *std::move(value);
+  RequireTold(line, key);
   const auto place = Inspect::LocateKey(line.Store(), key);
   throw NotFound("key \"" + Inspect::Printable(key) + "\" " +
                  (!place           ? "is not in the store"

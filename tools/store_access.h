@@ -26,7 +26,13 @@ void RequirePartOfStore(const std::string& path);
 void RequireAnyPartOfStore(const std::string& path);
 
 std::unique_ptr<Snapshot> OpenSnapshot(const std::string& path);
+// Throws DamageFound where the snapshot that was opened last does not show all of the log's records. `what` says what
+// that means for the command.
+void RequireWholeLog(const std::string& path, const std::string& what);
 std::unique_ptr<Cursor> OpenCursor(const Snapshot& snapshot, const Range& range);
+// The same for a key that was not found, and after one that was shown.
+void RequireTold(const Invocation& line, const std::string& key);
+void RequireNewest(const Invocation& line);
 // The value of a key; throws NotFound, which says how its entry ended, where it is not alive.
 std::string ReadValue(const Invocation& line, const std::string& key);
 

@@ -26,7 +26,8 @@ class KESTRUN_EXPORT Snapshot {
   // Reads the files of the store in the directory `path` without being able to change anything: creates, writes and
   // deletes nothing, works on read-only media and on stores that were written with another page size. The store may
   // be in use, in this process or in others. A block that is damaged, or whose file is gone, is named by the
-  // diagnostic, and only the reads that need it answer kStatusBlockCorrupt.
+  // diagnostic, and only the reads that need it answer kStatusBlockCorrupt. Of a log with a record that is not sound the
+  // records before it are shown, as Store shows them; the diagnostic tells where they end.
   //
   // kStatusStoreMissing  there is no such directory, or it is empty
   // kStatusNotAStore     `path` is a file, or a directory without a whole store

@@ -176,6 +176,12 @@ TEST_F(StoreDamageTest, TheEndOfALogThatCannotBeReadIsSavedBeforeAnythingIsAppen
   EXPECT_EQ(Get(*store, "c"), kNothing);
   EXPECT_TRUE(ReadFile(LogPath()) == damaged);
   EXPECT_FALSE(std::filesystem::exists(path_ + "/wal_v5.damaged-1"));
+  EXPECT_EQ(said_, "") << "it is told when it is set aside";
+  std::unique_ptr<Snapshot> opened;
+  ASSERT_EQ(Snapshot::Open(path_, &opened), kStatusOk);
+  EXPECT_EQ(said_, "Log file " + LogPath() + " can be read up to byte " + std::to_string(second) + " of " +
+                       std::to_string(second + 2 * 51) + "; the rest is damaged or was never written\n");
+  opened.reset();
   ASSERT_EQ(store->Put("d", "value of d"), kStatusOk);
   EXPECT_EQ(ReadFile(path_ + "/wal_v5.damaged-1"), damaged.substr(second, 2 * 51));
   EXPECT_NE(said_.find("wal_v5.damaged-1"), std::string::npos) << said_;

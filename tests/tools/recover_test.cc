@@ -231,16 +231,29 @@ TEST_F(RecoverTest, WhatAStorePutAsideOfADamagedLogCountsWhereAllBlocksDo) {
   Put("b", "2");
   Put("c", "3");
   Flip(store_ + "/wal_v5", 128 + 42 + 36);
-  Put("d", "4");
-  EXPECT_EQ(Do("scan", {"--keys-only"}), "a\nd\n");
-  EXPECT_TRUE(Contains(Do("verify"), "note    wal_v5.damaged-1"));
+  const Ran put = Run("put", {"d", "4"});
+  EXPECT_EQ(put.status, 0);
+  EXPECT_TRUE(Contains(put.err, "The log is damaged at byte 170; what follows was saved in ")) << put.err;
+  EXPECT_TRUE(Contains(put.err, "'kestrun recover " + store_ + " NEW --all-blocks'")) << put.err;
+  EXPECT_EQ(Run("put", {"e", "5"}).err, "") << "it is told once";
+  EXPECT_EQ(Do("scan", {"--keys-only"}), "a\nd\ne\n");
+  const Ran verify = Run("verify");
+  EXPECT_EQ(verify.status, 1);
+  EXPECT_TRUE(Contains(verify.out, "damage  wal_v5.damaged-1")) << verify.out;
+  EXPECT_TRUE(Contains(verify.out, "kestrun recover --all-blocks")) << verify.out;
+  ASSERT_EQ(Run("del", {"e"}).status, 0);
+  const std::string copy = scratch_.PathOf("copy");
+  EXPECT_TRUE(Contains(Account("backup", {copy}),
+                       "wal_v5.damaged-1, which was put aside of a damaged log, is not copied"));
   const Recovered decided = Recover();
-  EXPECT_EQ(decided.status, 0);
+  EXPECT_EQ(decided.status, 1) << "what is left may be all that there is of an entry";
   EXPECT_EQ(decided.entries, "a  1\nd  4\n");
   const Recovered all = Recover({"--all-blocks"});
   EXPECT_EQ(all.entries, "a  1\nc  3\nd  4\n");
   EXPECT_EQ(all.told["unreadable"], 1);
-  EXPECT_EQ(Account("remove", {"--yes"}), "removed 4 files and the directory\n");
+  EXPECT_TRUE(
+      Contains(Account("clear", {"--yes"}), "wal_v5.damaged-1, which was put aside of a damaged log, stays"));
+  EXPECT_EQ(Account("remove", {"--yes"}), "removed 3 files and the directory\n");
 }
 
 TEST_F(RecoverTest, AListedBlockThatIsGoneIsTold) {
