@@ -63,6 +63,7 @@ class Exporter {
       throw UsageError("--table is for SQLite only");
     if (options_.format == RowFormat::Sqlite && !toFile) throw UsageError("SQLite is written to a FILE only");
 
+    if (toFile) RequireOutside(line_.Store(), path_);
     const auto snapshot = OpenSnapshot(line_.Store());
     if (toFile) RequireWholeLog(line_.Store(), ShownPath(path_) + " was not written");
     types_ = ReadRecordTypes(line_.Store());

@@ -53,6 +53,7 @@ Inspect::VerifyReport VerifyQuiet(const Invocation& line, bool* quiet) {
 int RunStat(const Invocation& line) {
   PageSizeOf(line);
   RequirePartOfStore(line.Store());
+  if (const std::string* path = line.Find("--html")) RequireOutside(line.Store(), *path);
   StatReport report;
   report.store = line.Store();
   report.now = Now();

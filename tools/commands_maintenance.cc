@@ -13,6 +13,7 @@
 #include "tools/diagnostics.h"
 #include "tools/failure.h"
 #include "tools/json_writer.h"
+#include "tools/output_file.h"
 #include "tools/quantities.h"
 #include "tools/store_access.h"
 #include "tools/streams.h"
@@ -178,6 +179,7 @@ int RunRemove(const Invocation& line) {
 int RunBackup(const Invocation& line) {
   const std::string& target = line.positionals[1];
   if (target.empty()) throw UsageError("NEW is the directory of the copy and can't be empty");
+  RequireOutside(line.Store(), target);
   // Alone for what it tells about the log.
   OpenSnapshot(line.Store());
   const auto store = OpenStore(line, Access::Existing);

@@ -346,6 +346,7 @@ int RunRecover(const Invocation& line) {
   while (target.size() > 1 && target.back() == '/') target.pop_back();
   if (target.empty()) throw UsageError("NEW is the directory of the new store and can't be empty");
   RequireAnyPartOfStore(line.Store());
+  RequireOutside(line.Store(), target);
   return Recovery(line, target).Run();
 }
 

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <random>
 
@@ -213,6 +215,27 @@ TEST_F(ExportTest, AFileAppearsWhenItIsCompleteAndNotBefore) {
   EXPECT_EQ(ReadFile(file), "old") << "what could not be written whole leaves the old one";
   EXPECT_EQ(Run("export", {"/dev/full", "--format", "jsonl"}).status, 3);
   EXPECT_EQ(Do("export", {"/dev/null", "--json"}), "{\"rows\":2,\"others\":0}\n");
+}
+
+TEST_F(ExportTest, KeepsThePermissionsOfAFileThatItReplaces) {
+  Put("k", "v");
+  const mode_t mask = umask(022);
+  umask(mask);
+  for (const char* name : {"out.jsonl", "out.db"}) {
+    const std::string file = scratch_.PathOf(name);
+    Do("export", {file});
+    struct stat status = {};
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0666 & ~mask);
+    ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+    Do("export", {file});
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    Do("export", {file});
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0640u);
+  }
 }
 
 }  // namespace

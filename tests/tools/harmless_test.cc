@@ -122,6 +122,30 @@ TEST_F(HarmlessTest, WhatADamagedLogHidesIsToldByEveryReader) {
   }
 }
 
+TEST_F(HarmlessTest, NothingIsWrittenIntoTheDirectoryOfTheStore) {
+  FillStore();
+  const auto before = Everything();
+  const std::string link = scratch_.PathOf("link");
+  ASSERT_EQ(symlink(store_.c_str(), link.c_str()), 0);
+  for (const std::string& directory : {store_, store_ + "/", store_ + "/../store", link, link + "/."}) {
+    for (const auto& command : {std::vector<std::string>{"export", directory + "/wal_v5"},
+                                {"export", directory + "/new.db"},
+                                {"stat", "--html", directory + "/manifest_v5"},
+                                {"stat", "--html", directory + "/page.html"},
+                                {"backup", directory + "/new"},
+                                {"recover", directory + "/new"},
+                                {"recover", directory + "/new/"}}) {
+      const Ran ran = RunKestrun(Line(command));
+      EXPECT_EQ(ran.status, 3) << command.front() << directory;
+      EXPECT_TRUE(Contains(ran.err, "lies in the directory of the store")) << ran.err;
+      EXPECT_EQ(ran.out, "");
+      ASSERT_EQ(Everything(), before) << command.front() << directory;
+    }
+  }
+  // The same names elsewhere are nothing special.
+  Do("export", {scratch_.PathOf("wal_v5")});
+}
+
 // A mount of its own where that is allowed; elsewhere modes take the permission away from everybody but root.
 TEST_F(HarmlessTest, ReadingCommandsWorkWhereNothingCanBeWritten) {
   FillStore();
