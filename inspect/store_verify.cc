@@ -12,7 +12,7 @@
 #include "inspect/orphan_block.h"
 #include "inspect/store_directory.h"
 #include "inspect/store_versions.h"
-#include "inspect/type_guess.h"
+#include "inspect/type_check.h"
 #include "inspect/verify_file.h"
 
 namespace Kestrun::Inspect {
@@ -183,13 +183,11 @@ class StoreVerifier {
     while (reader.Next()) leftovers_.AddLogEntry(reader.Record().key, reader.Record().header.timestamp);
   }
 
-  // Records whose type nobody can tell are unreachable as records. That values are records is a guess, which texts in
-  // them make a sure one.
+  // Records whose type nobody can tell, or whose fields are not those of their type, are unreachable as records.
   void RecordTypes() {
     std::string damage;
-    std::set<uint16_t> known;
-    for (const auto& [id, text] : ReadRecordTypeTexts(directory_, &damage)) known.insert(id);
-    TypeGuess guess(known);
+    const std::map<uint16_t, std::string> types = ReadRecordTypeTexts(directory_, &damage);
+    TypeCheck check(types, !types.empty() || !damage.empty());
     std::string why;
     VersionOptions options;
     options.pageSize = pageSize_;
@@ -201,16 +199,15 @@ class StoreVerifier {
       if (group.front().deleted || !IsAlive(group.front().timestamp, group.front().ttl, now_)) continue;
       const bool looked =
           group.front().valueSize <= kMaxRecordLookedAt && versions->ReadValue(group.front(), &value);
-      guess.Add(looked ? value : std::string());
+      check.Add(looked ? value : std::string());
     }
-    for (const GuessedType& type : guess.Guess()) {
-      if (type.text.empty()) continue;
+    for (const TypeFinding& finding : check.Findings()) {
       const std::string text =
-          std::to_string(type.values) + " values look like records of the type " + std::to_string(type.id) +
-          ", which the file does not hold; 'kestrun recover' guesses '" + type.text + "'";
-      if (TypeGuess::HasText(type)) {
+          TypeCheck::TextOf(finding) +
+          (finding.guess.empty() ? "" : "; 'kestrun recover' guesses '" + finding.guess + "'");
+      if (finding.isDamage) {
         report_->Damage(kSchemaFileName, 0, text);
-      } else if (guess.IsLikely(type) && (!files_.hasSchema || !damage.empty())) {
+      } else {
         report_->Note(kSchemaFileName, 0, text);
       }
     }

@@ -138,11 +138,12 @@ class Search {
 }  // namespace
 
 bool TypeGuess::Add(std::string_view value) {
+  const uint16_t id = value.size() < 3 ? uint16_t{0}
+                                       : static_cast<uint16_t>(static_cast<unsigned char>(value[0]) |
+                                                               static_cast<unsigned char>(value[1]) << 8);
+  if (known_.count(id) != 0 && id != 0) return false;
   ++looked_;
-  if (value.size() < 3) return false;
-  const auto id =
-      static_cast<uint16_t>(static_cast<unsigned char>(value[0]) | static_cast<unsigned char>(value[1]) << 8);
-  if (id == 0 || id > kMaxId || known_.count(id) != 0) return false;
+  if (id == 0 || id > kMaxId) return false;
   Samples& samples = samples_[id];
   ++samples.values;
   if (samples.bodies.size() < kMaxSamples && value.size() <= kMaxSample)

@@ -29,7 +29,8 @@ class TypeGuess {
 
   // False for a value that can't be a record of a number that is not known.
   bool Add(std::string_view value);
-  // Texts with their lengths are hardly there by chance. Other types are likely where all values are records.
+  // Texts with their lengths are hardly there by chance. Other types are likely where all values that have no number of
+  // a known type are records.
   static bool HasText(const GuessedType& type) { return type.text.find("%s") != std::string::npos; }
   bool IsLikely(const GuessedType& type) const;
   // The numbers that were met, in ascending order.

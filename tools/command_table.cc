@@ -138,6 +138,7 @@ std::vector<CommandSpec> MakeCommands() {
        {kStore, {"FILE", false}},
        {{"--type", "TYPE", "export the records of this type, named by its name or its text"},
         {"--raw", nullptr, "export all entries as bytes, whatever they are"},
+        {"--skip-bad-records", nullptr, "leave out records that do not hold the fields of their type"},
         kFormat,
         kDelimiter,
         kTable,

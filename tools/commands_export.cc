@@ -1,9 +1,12 @@
 // export.
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <set>
 
+#include "format/file_names.h"
 #include "inspect/escape.h"
+#include "inspect/type_check.h"
 #include "kestrun/status.h"
 #include "tools/bytes_text.h"
 #include "tools/failure.h"
@@ -69,6 +72,11 @@ class Exporter {
     types_ = ReadRecordTypes(line_.Store());
     ChooseTypes();
     CheckNames();
+    if (!line_.Has("--raw")) {
+      std::string damage;
+      const auto texts = Inspect::ReadRecordTypeTexts(line_.Store(), &damage);
+      check_.emplace(texts, !texts.empty() || !damage.empty());
+    }
     const InterruptGuard guard;
     std::optional<OutputFile> file;
     if (toFile) file.emplace(path_);
@@ -85,6 +93,7 @@ class Exporter {
       throw Interrupted("interrupted; " + (toFile ? ShownPath(path_) + " was not written"
                                                   : Counted(rows_, "row was", "rows were") + " written"));
     }
+    RequireTypes(toFile);
     if (file) file->Commit();
     TellAccount(toFile);
     RequireWholeLog(line_.Store(), "entries may be missing, or older than the newest ones");
@@ -152,6 +161,11 @@ class Exporter {
       entry.key = cursor->Key();
       entry.value = value;
       entry.type = TypeOf(value);
+      if (entry.type == nullptr && check_ && !check_->Add(value) && IsWanted(value) &&
+          line_.Has("--skip-bad-records")) {
+        ++others_;
+        continue;
+      }
       if (entry.type == nullptr && options_.type != nullptr) {
         ++others_;
         continue;
@@ -182,6 +196,26 @@ class Exporter {
     return wanted->second;
   }
 
+  // Whether the value has the number of a type whose records are exported.
+  bool IsWanted(std::string_view value) const {
+    const auto type = types_.find(RecordIdOf(value));
+    return type != types_.end() && wantedTypes_.count(type->second->text) != 0;
+  }
+
+  // Values that are records and can't be exported as such.
+  void RequireTypes(bool toFile) const {
+    if (!check_ || line_.Has("--skip-bad-records")) return;
+    for (const Inspect::TypeFinding& finding : check_->Findings()) {
+      const bool isWanted = finding.text.empty() ? finding.isDamage : wantedTypes_.count(finding.text) != 0;
+      if (!isWanted) continue;
+      throw DamageFound(line_.Store(),
+                        ShownPath(line_.Store()) + "/" + kSchemaFileName + ": " +
+                            Inspect::TypeCheck::TextOf(finding) +
+                            (toFile ? "; " + ShownPath(path_) + " was not written" : "") +
+                            "; --skip-bad-records leaves them out, --raw exports all entries as bytes");
+    }
+  }
+
   [[noreturn]] void Fail(uint32_t status, std::string_view key) const {
     std::string text = ShownPath(line_.Store()) + ": " + Counted(rows_, "row", "rows") + " can be read";
     if (!key.empty()) text += " before \"" + Inspect::Printable(key) + "\"";
@@ -207,6 +241,7 @@ class Exporter {
   RecordTypes types_;
   std::map<std::string, const RecordMeta*> wantedTypes_;  // by their texts
   std::vector<FieldView> fields_;
+  std::optional<Inspect::TypeCheck> check_;  // of the values that are not exported as records
   std::unique_ptr<RowWriter> writer_;
   uint64_t rows_ = 0;
   uint64_t others_ = 0;

@@ -1,6 +1,8 @@
 // append, show, types.
+#include "format/file_names.h"
 #include "inspect/escape.h"
 #include "inspect/store_directory.h"
+#include "inspect/type_check.h"
 #include "kestrun/status.h"
 #include "tools/bytes_text.h"
 #include "tools/failure.h"
@@ -82,13 +84,32 @@ void WriteRecord(const Invocation& line, const std::string& key, const RecordMet
   table.Write();
 }
 
-// The types stand in a file of their own, which needs no lock; that the store beside it can be read is looked at all the
-// same, where that is possible.
+// The types stand in a file of their own, which needs no lock; whether the store beside it can be read, and whether its
+// first entries are of these types, is looked at all the same, where that is possible.
 void RequireWhole(const Invocation& line) {
+  constexpr int kLookedAt = 10000;
+  std::string damage;
+  const auto texts = Inspect::ReadRecordTypeTexts(line.Store(), &damage);
+  const std::string shown = ShownPath(line.Store()) + "/" + kSchemaFileName + ": ";
+  if (!damage.empty()) throw DamageFound(line.Store(), shown + damage);
+  std::unique_ptr<Snapshot> snapshot;
   try {
-    OpenSnapshot(line.Store());
+    snapshot = OpenSnapshot(line.Store());
   } catch (const StoreFailure& failure) {
     if (failure.Status() != kStatusLockFailed) throw;
+    return;
+  }
+  Inspect::TypeCheck check(texts, !texts.empty());
+  const auto cursor = OpenCursor(*snapshot, Range::All());
+  cursor->SeekToFirst();
+  for (int i = 0; i < kLookedAt && cursor->Valid(); ++i, cursor->Next()) {
+    std::string_view value;
+    Require(cursor->Value(&value), ShownPath(line.Store()) + ": looking for records");
+    check.Add(value);
+  }
+  Require(cursor->Status(), ShownPath(line.Store()) + ": looking for records");
+  for (const Inspect::TypeFinding& finding : check.Findings()) {
+    if (finding.isDamage) throw DamageFound(line.Store(), shown + Inspect::TypeCheck::TextOf(finding));
   }
   RequireWholeLog(line.Store(), "there may be records of these types that can't be read");
 }

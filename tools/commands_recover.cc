@@ -15,7 +15,7 @@
 #include "inspect/escape.h"
 #include "inspect/store_directory.h"
 #include "inspect/store_versions.h"
-#include "inspect/type_guess.h"
+#include "inspect/type_check.h"
 #include "kestrun/status.h"
 #include "tools/bytes_text.h"
 #include "tools/failure.h"
@@ -73,9 +73,8 @@ class Recovery {
     versions_ = Inspect::StoreVersions::Open(line_.Store(), options, &why);
     if (versions_ == nullptr) throw StoreFailure(kStatusNotAStore, ShownPath(line_.Store()) + ": " + why);
     types_ = Inspect::ReadRecordTypeTexts(line_.Store(), &typeDamage_);
-    std::set<uint16_t> known;
-    for (const auto& [id, text] : types_) known.insert(id);
-    guess_ = std::make_unique<Inspect::TypeGuess>(known);
+    hadTypes_ = !types_.empty() || !typeDamage_.empty();
+    check_ = std::make_unique<Inspect::TypeCheck>(types_, hadTypes_);
 
     RequireRoomForName();
     Open();
@@ -164,7 +163,7 @@ class Recovery {
     Require(batch_.Put(key, value_, ttl), "taking \"" + Inspect::Printable(key) + "\"");
     ++taken_;
     ++takenFrom_[version.source];
-    guess_->Add(value_);
+    check_->Add(value_);
     Detail("taken", key, "", version);
   }
 
@@ -203,17 +202,13 @@ class Recovery {
 
   // The types that are known, and guesses for those that were lost.
   void WriteTypes() {
-    std::string why;
-    const auto files = Inspect::ListStore(line_.Store(), &why);
-    const bool hadFile = files && files->hasSchema;
-    for (const Inspect::GuessedType& type : guess_->Guess()) {
-      // Where the file is whole, a number that it lacks belongs to no record.
-      if (hadFile && typeDamage_.empty() && !types_.empty()) continue;
-      if (!guess_->IsLikely(type)) continue;
-      types_[type.id] = type.text;
-      guessed_.push_back(type);
+    for (const Inspect::TypeFinding& finding : check_->Findings()) {
+      const bool isLost = finding.text.empty() && !hadTypes_;
+      if ((!finding.isDamage && !isLost) || finding.guess.empty()) continue;
+      types_[finding.id] = finding.guess;
+      guessed_.push_back(finding);
     }
-    if (!hadFile && types_.empty()) return;
+    if (types_.empty()) return;
     std::string lines;
     for (const auto& [id, text] : types_) lines += SchemaLine(id, text);
     OutputFile file(Inspect::SchemaPath(partial_));
@@ -272,7 +267,7 @@ class Recovery {
       json.Name("blocks").BeginArray();
       for (size_t i = 0; i < versions_->Sources().size(); ++i) AddSource(i, &json);
       json.EndArray().Name("guessedTypes").BeginArray();
-      for (const Inspect::GuessedType& type : guessed_) json.Text(type.text);
+      for (const Inspect::TypeFinding& type : guessed_) json.Text(type.guess);
       WriteJsonLine(json.EndArray().EndObject());
     }
     for (const Inspect::VersionSource& source : versions_->Sources()) {
@@ -293,9 +288,10 @@ class Recovery {
                    ": all blocks count, ordered by time; deleted keys may be back");
     }
     if (!typeDamage_.empty()) PrintAccount(std::string(kSchemaFileName) + ": " + typeDamage_);
-    for (const Inspect::GuessedType& type : guessed_) {
-      PrintAccount("record type " + std::to_string(type.id) + " was lost; guessed from " +
-                   Counted(type.values, "value", "values") + ": '" + type.text + "'");
+    for (const Inspect::TypeFinding& type : guessed_) {
+      PrintAccount("record type " + std::to_string(type.id) + " was " +
+                   (type.text.empty() ? "lost" : "damaged, '" + Inspect::Printable(type.text) + "'") +
+                   "; guessed from " + Counted(type.misfits, "value", "values") + ": '" + type.guess + "'");
     }
     PrintAccount("took " + Counted(taken_, "entry", "entries") + ", dropped " +
                  Counted(dropped_, "version", "versions") + ", could not read " +
@@ -323,10 +319,11 @@ class Recovery {
   std::string partial_;
   uint64_t now_;
   std::unique_ptr<Inspect::StoreVersions> versions_;
-  std::unique_ptr<Inspect::TypeGuess> guess_;
+  std::unique_ptr<Inspect::TypeCheck> check_;
   std::map<uint16_t, std::string> types_;
   std::string typeDamage_;
-  std::vector<Inspect::GuessedType> guessed_;
+  bool hadTypes_ = false;
+  std::vector<Inspect::TypeFinding> guessed_;
   std::unique_ptr<Store> store_;
   uint64_t capacity_ = 0;  // of the log
   uint64_t unopened_ = 0;  // bytes written since the store was opened

@@ -285,6 +285,69 @@ TEST_F(RecoverTest, RecordTypesThatWereLostAreGuessed) {
             "field3  %s    by the sea\n");
 }
 
+// A flipped bit in the file of types makes another number or another field of what stands there, and no line of it looks
+// wrong.
+TEST_F(RecoverTest, RecordTypesThatDoNotFitTheirRecordsAreDamage) {
+  const std::string file = scratch_.PathOf("export.csv");
+  for (int i = 0; i < 20; ++i) {
+    Do("append",
+       {"k" + std::to_string(i), "P x:%i4,label:%s", std::to_string(i), "label " + std::to_string(i)});
+  }
+  const std::string raw = Do("export", {"--raw"});
+  const struct {
+    const char* line;
+    const char* told;
+  } rows[] = {
+      {"3#P x:%i4,label:%s\n", "20 values look like records of the type 1, which is not known"},
+      {"1#P x:%i8,label:%s\n", "20 values of the type 1 do not hold the fields of 'P x:%i8,label:%s'"},
+      {"1#P x:%i4-label:%s\n", "20 values of the type 1 do not hold the fields"},
+      {"", "20 values look like records of the type 1, which is not known"}};
+  for (const auto& row : rows) {
+    WriteFile(store_ + "/meta_v5", row.line);
+    const Ran verify = Run("verify");
+    EXPECT_EQ(verify.status, 1) << row.line;
+    EXPECT_TRUE(Contains(verify.out, std::string("damage  meta_v5 at 0: ") + row.told)) << verify.out;
+    WriteFile(file, "earlier");
+    for (const std::string& target : {file, std::string("-")}) {
+      const Ran ran = Run("export", {target, "--format", "csv"});
+      EXPECT_EQ(ran.status, 3) << row.line;
+      EXPECT_TRUE(Contains(ran.err, row.told)) << ran.err;
+    }
+    EXPECT_EQ(ReadFile(file), "earlier");
+    const Ran types = Run("types");
+    EXPECT_EQ(types.status, 3) << row.line;
+    EXPECT_TRUE(Contains(types.err, row.told)) << types.err;
+    EXPECT_EQ(Do("export", {"--raw"}), raw);
+    Do("export", {file, "--format", "csv", "--skip-bad-records"});
+    const Recovered recovered = Recover();
+    EXPECT_EQ(recovered.status, 1) << row.line;
+    EXPECT_EQ(recovered.told["guessedTypes"][0], "Recovered1 field1:%i4,field2:%s") << row.line;
+    EXPECT_EQ(nlohmann::json::parse(RunKestrun({"show", last_, "k7", "--json"}).out)["fields"]["field2"],
+              "label 7");
+  }
+}
+
+// Numbers alone look like any bytes; that nothing in the store fits its types tells.
+TEST_F(RecoverTest, RecordsOfNumbersWhoseTypeWasLostAreDamageWhereThereAreTypes) {
+  for (int i = 0; i < 20; ++i) Do("append", {"k" + std::to_string(i), "P x:%i4", std::to_string(i + 1)});
+  WriteFile(store_ + "/meta_v5", "3#P x:%i4\n");
+  EXPECT_EQ(Run("verify").status, 1);
+  EXPECT_EQ(Run("export").status, 3);
+  EXPECT_EQ(Recover().status, 1);
+}
+
+TEST_F(RecoverTest, PlainBytesAmongRecordsAreANote) {
+  for (int i = 0; i < 3; ++i) Do("append", {"k" + std::to_string(i), "P x:%i4", std::to_string(i + 1)});
+  Put("n", std::string("\1\0\2", 3));
+  EXPECT_TRUE(
+      Contains(Do("verify"), "note    meta_v5 at 0: 1 of 4 values of the type 1 does not hold the fields"));
+  EXPECT_EQ(Run("export").status, 3) << "it may have been a record";
+  const Ran skipped = Run("export", {"--skip-bad-records"});
+  EXPECT_EQ(skipped.status, 0) << skipped.err;
+  EXPECT_TRUE(Contains(skipped.err, "1 entry is no record of the type")) << skipped.err;
+  EXPECT_EQ(Recover().status, 0);
+}
+
 TEST_F(RecoverTest, ValuesOfAStoreWithoutRecordsAreTakenForNone) {
   Put("a", "text");
   Put("b", std::string("\x01\x00\x02\x00\x00\x00", 6));
