@@ -1,5 +1,7 @@
 #include "inspect/store_verify.h"
 
+#include <cerrno>
+#include <cstring>
 #include <optional>
 #include <set>
 
@@ -65,7 +67,12 @@ class StoreVerifier {
   std::optional<ReadOnlyFile> Open(const std::string& path, const std::string& name) {
     std::string why;
     std::optional<ReadOnlyFile> file = ReadOnlyFile::Open(path, &why);
-    if (!file) report_->Damage(name, 0, "the file can't be opened: " + why);
+    if (file) return file;
+    if (why == std::strerror(EACCES) || why == std::strerror(EPERM)) {
+      if (report_->denied.empty()) report_->denied = name + ": " + why;
+    } else {
+      report_->Damage(name, 0, "the file can't be opened: " + why);
+    }
     return file;
   }
 

@@ -38,6 +38,7 @@ class VerifyReport {
   bool Sound() const { return damages == 0; }
 
   std::vector<Finding> findings;
+  std::string denied;  // the first file that may not be read; what stands in it nobody knows
   uint64_t damages = 0;
   uint64_t notes = 0;
   uint64_t logRecords = 0;

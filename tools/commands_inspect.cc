@@ -38,6 +38,9 @@ Inspect::VerifyReport VerifyQuiet(const Invocation& line, bool* quiet) {
     if (!Inspect::VerifyStore(line.Store(), PageSizeOf(line).value_or(0), Now(), &report, &why)) {
       throw StoreFailure(kStatusNotAStore, ShownPath(line.Store()) + ": " + why);
     }
+    if (!report.denied.empty()) {
+      throw StoreFailure(kStatusNoPermission, ShownPath(line.Store()) + "/" + report.denied);
+    }
     if (report.Sound()) {
       *quiet = true;
       return report;

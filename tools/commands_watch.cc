@@ -50,7 +50,7 @@ class Watcher {
     const uint64_t count = NumberOf(line_, "--count", UINT64_MAX);
     RequireStoreFiles(line_.Store());
     const InterruptGuard guard;
-    Take(&now_);
+    TakeSound();
     CountNew(kWalFirstRecord);
     writes_ = 0;
     before_ = now_;
@@ -80,8 +80,20 @@ class Watcher {
     }
   }
 
-  // False when the files can't be read at the moment.
-  bool Take(Look* look) {
+  // Somebody may be writing a header at this very moment; one that stays unreadable is damaged.
+  void TakeSound() {
+    constexpr int kTries = 10;
+    constexpr auto kPause = std::chrono::milliseconds(20);
+    uint32_t status = Take(&now_);
+    for (int i = 1; i < kTries && status != kStatusOk && !WasInterrupted(); ++i) {
+      WaitUntil(Clock::now() + kPause);
+      status = Take(&now_);
+    }
+    if (status != kStatusOk) throw StoreFailure(status, ShownPath(line_.Store()));
+  }
+
+  // The status of what can't be read.
+  uint32_t Take(Look* look) {
     std::string why;
     const auto log = Inspect::ReadOnlyFile::Open(Inspect::LogPath(line_.Store()), &why);
     const auto manifest = Inspect::ReadOnlyFile::Open(Inspect::ManifestPath(line_.Store()), &why);
@@ -90,8 +102,8 @@ class Watcher {
     Inspect::FileSource manifestSource(*manifest);
     const WalHeaderView logHeader = ReadWalHeader(logSource);
     const ManifestHeaderView header = ReadManifestHeader(manifestSource);
-    // Somebody may be writing it.
-    if (!logHeader.Usable() || !header.Usable()) return false;
+    if (!logHeader.Usable()) return logHeader.checksumMatches ? kStatusBadMagic : kStatusWalChecksum;
+    if (!header.Usable()) return header.checksumMatches ? kStatusBadMagic : kStatusManifestChecksum;
     look->logSize = log->Size();
     look->logUsed = logHeader.header.used;
     look->generation = header.header.generation;
@@ -103,7 +115,7 @@ class Watcher {
           Inspect::ReadOnlyFile::Open(Inspect::BlockPath(line_.Store(), reader.Entry().name), &why);
       if (block) look->blockBytes += block->Size();
     }
-    return true;
+    return IsWholeList(reader.End()) ? kStatusOk : kStatusManifestUnreadable;
   }
 
   // Counts the records from `start` on as writes.
@@ -118,7 +130,7 @@ class Watcher {
   }
 
   void Step(double seconds) {
-    if (!Take(&now_)) return;
+    TakeSound();
     const uint32_t recorded = now_.generation - before_.generation;
     const bool wasReset = now_.logUsed < counted_ || (recorded != 0 && now_.blocks > before_.blocks);
     writes_ = 0;

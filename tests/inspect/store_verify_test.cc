@@ -1,5 +1,12 @@
 #include "inspect/store_verify.h"
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "tests/inspect/store_fixture.h"
 
 namespace Kestrun::Inspect {
@@ -123,6 +130,26 @@ TEST_F(StoreVerifyTest, TellsWhichFileIsMissing) {
   Put("wal_v5", Bytes("wal_v5"));
   Remove(block_);
   EXPECT_EQ(OnlyDamage(), "manifest_v5 at 128: " + block_ + " is listed and missing");
+}
+
+// In a process of somebody who may not read the file.
+TEST_F(StoreVerifyTest, AFileThatMayNotBeReadIsNoDamage) {
+  ASSERT_EQ(chmod(Path().c_str(), 0755), 0);
+  ASSERT_EQ(chmod(scratch_.PathOf(block_).c_str(), 0), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (geteuid() == 0 && setuid(65534) != 0) _exit(1);
+    VerifyReport report;
+    std::string why;
+    if (!VerifyStore(Path(), kPage, kNow, &report, &why)) _exit(2);
+    if (report.denied != block_ + ": " + std::strerror(EACCES)) _exit(3);
+    _exit(report.Sound() ? 0 : 4);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST_F(StoreVerifyTest, ChecksTheLogsUsedArea) {

@@ -284,6 +284,26 @@ TEST_F(HarmlessTest, WatchTellsWhatOthersDo) {
   EXPECT_TRUE(Contains(told, "\"flushes\":1")) << told;
 }
 
+TEST_F(HarmlessTest, WatchRefusesWhatItCanNotRead) {
+  FillStore();
+  for (const char* name : {"/wal_v5", "/manifest_v5"}) {
+    const std::string good = ReadFile(store_ + name);
+    std::string bytes = good;
+    bytes[8] = static_cast<char>(bytes[8] ^ 1);
+    WriteFile(store_ + name, bytes);
+    const Ran ran = Run("watch", {"--count", "1", "--interval", "1ms"});
+    EXPECT_EQ(ran.status, 3) << name;
+    EXPECT_EQ(ran.out, "") << name;
+    EXPECT_TRUE(Contains(ran.err, "Checksum")) << ran.err;
+    EXPECT_TRUE(Contains(ran.err, "kestrun recover")) << ran.err;
+    WriteFile(store_ + name, good);
+  }
+  std::string manifest = ReadFile(store_ + "/manifest_v5");
+  manifest[128 + 3] = static_cast<char>(manifest[128 + 3] ^ 1);
+  WriteFile(store_ + "/manifest_v5", manifest);
+  EXPECT_TRUE(Contains(Run("watch", {"--count", "1"}).err, "kStatusManifestUnreadable"));
+}
+
 TEST_F(HarmlessTest, BenchLeavesNothing) {
   const Ran ran = RunKestrun({"bench", scratch_.Path(), "--entries", "200"});
   EXPECT_EQ(ran.status, 0) << ran.err;
