@@ -73,7 +73,7 @@ std::unique_ptr<RowSource> OpenRows(const Invocation& line, const std::string& p
     case RowFormat::Tsv:
       return OpenTsvRows(path);
     case RowFormat::Sqlite:
-      return OpenSqliteRows(path, line.Find("--table"));
+      return OpenSqliteRows(path, line.Find("--table"), !line.Has("--type"));
     default:
       return OpenJsonRows(path, format);
   }

@@ -13,38 +13,49 @@ namespace {
 
 class SqliteRows final : public RowSource {
  public:
-  SqliteRows(const std::string& path, const std::string* table) : name_(Inspect::Printable(path)) {
+  SqliteRows(const std::string& path, const std::string* table, bool withTypes)
+      : name_(Inspect::Printable(path)) {
     if (path == "-") throw UsageError("a SQLite file can't be read from standard input");
     sqlite3* database = nullptr;
     const int result = sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READONLY, nullptr);
     database_.reset(database);
     if (result != SQLITE_OK) Fail();
-    const std::string chosen = table != nullptr ? *table : OnlyTable();
-    statement_ = Prepare("SELECT * FROM " + SqlName(chosen));
-    for (int i = 0; i < sqlite3_column_count(statement_.get()); ++i) {
-      columns_.emplace_back(sqlite3_column_name(statement_.get(), i));
+    ChooseTables(table, withTypes);
+    for (const Table& chosen : tables_) {
+      SqliteStatement count = Prepare("SELECT max(rowid) FROM " + SqlName(chosen.name), false);
+      if (count != nullptr && sqlite3_step(count.get()) == SQLITE_ROW) {
+        size_ += static_cast<uint64_t>(std::max<sqlite3_int64>(0, sqlite3_column_int64(count.get(), 0)));
+      }
     }
-    SqliteStatement count = Prepare("SELECT max(rowid) FROM " + SqlName(chosen), false);
-    if (count != nullptr && sqlite3_step(count.get()) == SQLITE_ROW) {
-      size_ = static_cast<uint64_t>(std::max<sqlite3_int64>(0, sqlite3_column_int64(count.get(), 0)));
-    }
+    Begin();
   }
 
   bool Next(Row* row) override {
-    const int result = sqlite3_step(statement_.get());
+    int result = sqlite3_step(statement_.get());
+    while (result == SQLITE_DONE && ++table_ < tables_.size()) {
+      Begin();
+      result = sqlite3_step(statement_.get());
+    }
     if (result == SQLITE_DONE) return false;
     if (result != SQLITE_ROW) Fail();
     row->line = ++number_;
     row->raw = std::string_view();
     row->problem.clear();
     row->names = &columns_;
-    row->shape = 1;
+    row->shape = table_ + 1;
     row->cells.clear();
     texts_.clear();
-    for (int i = 0; i < static_cast<int>(columns_.size()); ++i) row->cells.push_back(CellOf(i));
+    for (int i = 0; i < sqlite3_column_count(statement_.get()); ++i) row->cells.push_back(CellOf(i));
+    if (row->cells.size() < columns_.size()) {
+      const std::string& type = tables_[table_].type;
+      row->cells.push_back({type.empty() ? Cell::Kind::Null : Cell::Kind::Text, type});
+    }
     return true;
   }
-  const std::vector<std::string>* Columns() const override { return &columns_; }
+  // Tables have columns of their own.
+  const std::vector<std::string>* Columns() const override {
+    return tables_.size() == 1 ? &columns_ : nullptr;
+  }
   uint64_t Position() const override { return number_; }
   uint64_t Size() const override { return size_; }
   const std::string& Name() const override { return name_; }
@@ -63,22 +74,66 @@ class SqliteRows final : public RowSource {
     return SqliteStatement(statement);
   }
 
-  // The table of a file that has one only.
-  std::string OnlyTable() {
-    const SqliteStatement list = Prepare(
-        "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%' ORDER BY name");
-    std::string names;
+  struct Table {
     std::string name;
-    int count = 0;
+    bool isExported = false;  // by this program, which notes what its rows were
+    std::string type;         // the text of their record type; empty for plain values
+  };
+
+  // The one that is named, the only one, or all those of a file that an export has made.
+  void ChooseTables(const std::string* wanted, bool withTypes) {
+    const SqliteStatement list = Prepare(
+        "SELECT name, sql FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%' ORDER BY "
+        "name");
+    std::string names;
+    bool areExported = withTypes;
     int result = 0;
     while ((result = sqlite3_step(list.get())) == SQLITE_ROW) {
-      name = reinterpret_cast<const char*>(sqlite3_column_text(list.get(), 0));
-      names += (count++ == 0 ? "" : ", ") + Inspect::Printable(name);
+      Table table;
+      table.name = TextAt(list.get(), 0);
+      table.isExported = withTypes && ReadNote(TextAt(list.get(), 1), &table.type);
+      names += (tables_.empty() ? "" : ", ") + Inspect::Printable(table.name);
+      areExported = areExported && table.isExported;
+      tables_.push_back(std::move(table));
     }
     if (result != SQLITE_DONE) Fail();
-    if (count == 0) throw InputError(name_ + " has no table");
-    if (count > 1) throw UsageError("--table is needed, for " + name_ + " has several: " + names);
-    return name;
+    if (wanted != nullptr) {
+      const auto named = std::find_if(tables_.begin(), tables_.end(),
+                                      [wanted](const Table& table) { return table.name == *wanted; });
+      // What is no table may be a view.
+      tables_ = {named == tables_.end() ? Table{*wanted, false, ""} : Table(*named)};
+    } else if (tables_.empty()) {
+      throw InputError(name_ + " has no table");
+    } else if (tables_.size() > 1 && !areExported) {
+      throw UsageError("--table is needed, for " + name_ + " has several: " + names);
+    }
+  }
+
+  static std::string TextAt(sqlite3_stmt* row, int column) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(row, column));
+    return text == nullptr ? "" : text;
+  }
+
+  static bool ReadNote(const std::string& sql, std::string* type) {
+    const size_t note = sql.find(kSqlTypeNote);
+    const size_t start = note == std::string::npos ? note : note + sizeof(kSqlTypeNote) - 1;
+    const size_t end = start == std::string::npos ? start : sql.find('\n', start);
+    if (end == std::string::npos) return false;
+    *type = sql.substr(start, end - start);
+    return true;
+  }
+
+  // Begins with the rows of the present table. What an export has noted of it becomes a column, unless it has one of
+  // that name.
+  void Begin() {
+    const Table& table = tables_[table_];
+    statement_ = Prepare("SELECT * FROM " + SqlName(table.name));
+    columns_.clear();
+    for (int i = 0; i < sqlite3_column_count(statement_.get()); ++i) {
+      columns_.emplace_back(sqlite3_column_name(statement_.get(), i));
+    }
+    const bool hasType = std::find(columns_.begin(), columns_.end(), "type") != columns_.end();
+    if (table.isExported && !hasType) columns_.emplace_back("type");
   }
 
   // Texts and numbers are both texts here: a column of SQLite may hold either.
@@ -102,6 +157,8 @@ class SqliteRows final : public RowSource {
 
   std::string name_;
   SqliteDatabase database_;
+  std::vector<Table> tables_;
+  size_t table_ = 0;  // the present one
   SqliteStatement statement_;
   std::vector<std::string> columns_;
   std::deque<std::string> texts_;  // of real numbers
@@ -111,8 +168,8 @@ class SqliteRows final : public RowSource {
 
 }  // namespace
 
-std::unique_ptr<RowSource> OpenSqliteRows(const std::string& path, const std::string* table) {
-  return std::make_unique<SqliteRows>(path, table);
+std::unique_ptr<RowSource> OpenSqliteRows(const std::string& path, const std::string* table, bool withTypes) {
+  return std::make_unique<SqliteRows>(path, table, withTypes);
 }
 
 }  // namespace Kestrun::Tools

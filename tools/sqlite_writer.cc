@@ -87,6 +87,13 @@ class SqliteWriter final : public RowWriter {
     return unique;
   }
 
+  // What the rows of the table are, as a comment, which the file keeps. A type that is no UTF-8 can't be noted.
+  static std::string NoteOf(const RecordMeta* type) {
+    const std::string text = type == nullptr ? std::string() : type->text;
+    if (!Inspect::IsUtf8(text) || text.find_first_of(std::string("\n\0", 2)) != std::string::npos) return "";
+    return kSqlTypeNote + text + "\n";
+  }
+
   // The statement that fills the table of a type, which is made at its first use.
   sqlite3_stmt* TableOf(const RecordMeta* type) {
     SqliteStatement& insert = inserts_[type];
@@ -104,7 +111,7 @@ class SqliteWriter final : public RowWriter {
     }
     if (options_.withEntry) columns += ", written INTEGER, ttl";
     if (options_.withEntry) count += 2;
-    Execute("CREATE TABLE " + SqlName(name) + " (" + columns + ")");
+    Execute("CREATE TABLE " + SqlName(name) + " (" + NoteOf(type) + columns + ")");
     std::string sql = "INSERT INTO " + SqlName(name) + " VALUES (?";
     for (int i = 1; i < count; ++i) sql += ",?";
     sqlite3_stmt* statement = nullptr;

@@ -158,18 +158,24 @@ TEST_F(ExportTest, AllTypesAtOnceComeBackFromJsonAndHaveTablesInSqlite) {
   Do("append", {"b", "U s:%s,b:*", "x", "00ff"});
   Put("c", "raw");
   const std::string entries = Do("scan", {"--json"});
-  for (const char* name : {"all.jsonl", "all.json"}) {
+  for (const char* name : {"all.jsonl", "all.json", "all.sqlite"}) {
     const std::string file = scratch_.PathOf(name);
+    Do("export", {file, "--with-entry"});
+    EXPECT_EQ(RawEntriesAfterImport(file, {"--with-entry"}), entries) << name;
     Do("export", {file});
     EXPECT_EQ(RawEntriesAfterImport(file, {}), entries) << name;
   }
+  const std::string one = scratch_.PathOf("one.db");
+  Do("export", {one, "--type", "U"});
+  EXPECT_TRUE(Contains(RawEntriesAfterImport(one, {}), "\"b\"")) << "a file of one table tells its type, too";
   EXPECT_EQ(Do("export"),
             "{\"key\":\"a\",\"type\":\"T n:%i4\",\"n\":1}\n"
             "{\"key\":\"b\",\"type\":\"U s:%s,b:*\",\"s\":\"x\",\"b\":{\"hex\":\"00ff\"}}\n"
             "{\"key\":\"c\",\"type\":null,\"value\":\"raw\"}\n");
   const std::string file = scratch_.PathOf("all.db");
   EXPECT_EQ(Account("export", {file}), "exported 3 rows\n");
-  EXPECT_TRUE(Contains(Run("import", {file, "--key", "{key}"}).err, "has several: T, U, entries"));
+  EXPECT_EQ(RawEntriesAfterImport(file, {}), entries);
+  EXPECT_TRUE(Contains(Run("import", {file, "--type", "T n:%i4"}).err, "has several: T, U, entries"));
   EXPECT_TRUE(Contains(RawEntriesAfterImport(file, {"--table", "U", "--type", "U s:%s,b:*"}), "\"b\""));
 }
 
