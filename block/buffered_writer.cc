@@ -1,8 +1,11 @@
 #include "block/buffered_writer.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <utility>
+
+#include "base/diagnostics.h"
 
 namespace Kestrun {
 namespace {
@@ -48,8 +51,14 @@ bool BufferedWriter::Flush() {
 }
 
 bool BufferedWriter::Write(const void* bytes, size_t size) {
+  errno = 0;
   const ssize_t written = file_->PWriteFully(bytes, size, static_cast<int64_t>(start_));
-  if (written != static_cast<ssize_t>(size)) return false;
+  if (written != static_cast<ssize_t>(size)) {
+    const int error = errno;
+    Diagnostics::HandlerOnly().Printf("Failed to write %s: %s\n", file_->Path().c_str(),
+                                      std::strerror(error));
+    return false;
+  }
   // The disk works while the next piece is being made.
   if (size >= kMinStarted) file_->StartWriting(start_, size);
   start_ += size;

@@ -256,6 +256,17 @@ TEST_F(HarmlessTest, AFullDiskIsToldAndLeavesWhatWasThere) {
   EXPECT_TRUE(Contains(import.err, "rows are stored and stay")) << import.err;
   EXPECT_EQ(Get("k"), "v");
   EXPECT_EQ(Run("verify").status, 0);
+  // A block that does not fit leaves room when it is gone; the reason is told all the same.
+  ASSERT_EQ(umount2(disk.c_str(), MNT_DETACH), 0);
+  ASSERT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=5m"), 0);
+  EXPECT_EQ(Run("put", {"k", "v", "--log-size", "3M"}).status, 0);
+  EXPECT_EQ(Run("import", {"-"}, rows).status, 0);
+  const Ran flush = Run("flush");
+  EXPECT_EQ(flush.status, 3);
+  EXPECT_TRUE(Contains(flush.err, "No space left on device")) << flush.err;
+  EXPECT_EQ(Get("k"), "v");
+  WriteFile(disk + "/rest", std::string(size_t{1900} << 10, 'x'));
+
   const Ran exported = Run("export", {disk + "/out.jsonl"});
   EXPECT_EQ(exported.status, 3);
   EXPECT_TRUE(Contains(exported.err, "No space left on device")) << exported.err;
