@@ -476,6 +476,11 @@ bool StoreVersions::IsNewer(const VersionView& a, const VersionView& b) const {
   if (sources_[a.source].isLog || sources_[b.source].isLog) return sources_[a.source].isLog;
   if (positionDecides_) return a.source > b.source;
   if (a.timestamp != b.timestamp) return a.timestamp > b.timestamp;
+  // Of the same second, what the manifest lists was still the store's when the others were not.
+  const bool aIsListed = sources_[a.source].listed;
+  const bool bIsListed = sources_[b.source].listed;
+  if (aIsListed != bIsListed) return aIsListed;
+  if (aIsListed) return a.source > b.source;
   return modified_[a.source] != modified_[b.source] ? modified_[a.source] > modified_[b.source]
                                                     : a.source > b.source;
 }

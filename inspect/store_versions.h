@@ -65,7 +65,8 @@ class StoreVersions {
   //
   // - what stands furthest in the log,
   // - then, where the manifest decides, what stands in the block that is listed last,
-  // - else what was written last, and of the same second what stands in the youngest file.
+  // - else what was written last, and of the same second what stands in the block that a sound manifest lists last, then
+  //   what stands in the youngest file.
   bool NextKey(std::vector<VersionView>* versions);
   // Reads up to `most` bytes of the value of one of them. False when it can't be read or is not what was written, which
   // only reading all of it tells; the source counts it.

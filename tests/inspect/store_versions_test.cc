@@ -48,6 +48,17 @@ TEST_F(StoreVersionsTest, MergesLogAndBlocksNewestFirst) {
   EXPECT_TRUE(sources_[2].isLog);
 }
 
+TEST_F(StoreVersionsTest, ListedBlocksAreNewerThanOthersOfTheSameSecond) {
+  Put("wal_v5", ForgedLog({}, 4096));
+  Put(ForgedName('B') + ".blk_v5", ForgedBlock({{"a", "listed last"}, {"b", "listed"}, {"c", "listed"}}));
+  Put(ForgedName('A') + ".blk_v5", ForgedBlock({{"a", "listed first"}}));
+  // Written to the disk last.
+  Put(ForgedName('Z') + ".blk_v5", ForgedBlock({{"b", "left"}, {"c", "left later", false, kForgedTime + 1}}));
+  Put("manifest_v5",
+      ForgedManifest({{ForgedName('A'), ForgedFilter({})}, {ForgedName('B'), ForgedFilter({})}}));
+  EXPECT_EQ(Walk(true), "a=listed last a=listed first b=listed b=left c=left later c=listed ");
+}
+
 TEST_F(StoreVersionsTest, SortsABlockWhoseKeysAreOutOfOrder) {
   Put("wal_v5", ForgedLog({}, 4096));
   Put(ForgedName('A') + ".blk_v5", ForgedBlock({{"c", "3"}, {"a", "1"}, {"b", "2"}, {"a", "last"}}));
