@@ -180,9 +180,11 @@ std::vector<CommandSpec> MakeCommands() {
       {"remove",
        "delete a store's own files, and its directory if that leaves it empty",
        {kStore},
-       {kYes},
+       {kYes, {"--incomplete", nullptr, "also what is left of a store that lacks its log or its manifest"}},
        {{"kestrun remove settings --yes", ""}},
-       "Asks on a terminal; elsewhere --yes is needed. Other files stay. Give it a store that is not in use.",
+       "Asks on a terminal; elsewhere --yes is needed. Other files stay. Give it a store that is not in "
+       "use.\n"
+       "What is left of a store that lacks its log or its manifest may be rescued with 'kestrun recover'.",
        RunRemove},
       {"backup",
        "make a consistent copy of a store, which may be in use",

@@ -122,11 +122,8 @@ int RunClear(const Invocation& line) {
   if (const std::string damage = TakeLogDamage(); !damage.empty()) {
     PrintMessage("kestrun clear: there may be more entries, which go, too: " + damage);
   }
-  if (!Confirm("delete all " + Counted(keys, "entry", "entries") + " of " + ShownPath(line.Store()),
-               line.Has("--yes"))) {
-    PrintMessage("kestrun: nothing was deleted");
-    return kExitUsage;
-  }
+  Confirm("delete all " + Counted(keys, "entry", "entries") + " of " + ShownPath(line.Store()),
+          "nothing was deleted", line.Has("--yes"));
   const auto store = OpenStore(line, Access::Existing);
   Require(store->Clear(), ShownPath(line.Store()) + ": emptying the store", line.Store());
   JsonWriter json;
@@ -160,10 +157,16 @@ int RunRemove(const Invocation& line) {
     throw StoreFailure(empty ? kStatusStoreMissing : kStatusNotAStore,
                        shown + ": the directory holds no store", "", "Nothing was removed.");
   }
-  if (!Confirm("remove the store " + shown, line.Has("--yes"))) {
-    PrintMessage("kestrun: nothing was removed");
-    return kExitUsage;
+  if (!files->HoldsStore() && !line.Has("--incomplete")) {
+    throw StoreFailure(
+        kStatusNotAStore,
+        shown + ": the store lacks its " + (files->hasLog ? kManifestFileName : kWalFileName) + " and has " +
+            Counted(files->blocks.size(), "block", "blocks"),
+        "",
+        "Nothing was removed; 'kestrun recover " + shown +
+            " NEW' makes a new store of what can be read. Give --incomplete to remove it all the same.");
   }
+  Confirm("remove the store " + shown, "nothing was removed", line.Has("--yes"));
   const uint64_t removed = RemoveFiles(path, *files);
   const bool gone = rmdir(path.c_str()) == 0;
   JsonWriter json;

@@ -124,11 +124,8 @@ int RunDeleteRange(const Invocation& line) {
   Require(store->TakeSnapshot(&snapshot), ShownPath(line.Store()) + ": counting the keys");
   const uint64_t keys = CountKeys(*snapshot, range);
   snapshot.reset();
-  if (!Confirm("delete " + Counted(keys, "key", "keys") + " of " + ShownPath(line.Store()),
-               line.Has("--yes"))) {
-    PrintMessage("kestrun: nothing was deleted");
-    return kExitUsage;
-  }
+  Confirm("delete " + Counted(keys, "key", "keys") + " of " + ShownPath(line.Store()), "nothing was deleted",
+          line.Has("--yes"));
   Require(store->DeleteRange(range), ShownPath(line.Store()) + ": deleting the keys", line.Store());
   JsonWriter json;
   if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("deleted").Number(keys).EndObject());

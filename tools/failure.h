@@ -86,6 +86,12 @@ class DamageFound : public Failure {
   DamageFound(const std::string& store, const std::string& message);
 };
 
+// The answer to a question was no. Exit status 3. The text says what stays as it was.
+class Declined : public Failure {
+ public:
+  explicit Declined(const std::string& message) : Failure(kExitRefused, message, "") {}
+};
+
 // Ctrl-C or a request to end. The text says what stays.
 class Interrupted : public Failure {
  public:

@@ -120,8 +120,8 @@ bool ShowsProgress() {
   return verbosity != Verbosity::Quiet && isatty(STDERR_FILENO) == 1;
 }
 
-bool Confirm(const std::string& what, bool yes) {
-  if (yes) return true;
+void Confirm(const std::string& what, const std::string& unchanged, bool yes) {
+  if (yes) return;
   if (!StandardInputIsTerminal()) {
     throw UsageError("this asks on a terminal only (" + what + "?); give --yes to do it without being asked");
   }
@@ -129,7 +129,8 @@ bool Confirm(const std::string& what, bool yes) {
   std::string answer;
   char letter = 0;
   while (read(STDIN_FILENO, &letter, 1) == 1 && letter != '\n') answer += letter;
-  return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES";
+  const bool isYes = answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES";
+  if (!isYes) throw Declined(unchanged);
 }
 
 }  // namespace Kestrun::Tools

@@ -36,8 +36,8 @@ bool StandardOutputIsTerminal();
 // Progress and other things that a person sees: on a terminal, unless --quiet.
 bool ShowsProgress();
 
-// Asks on the terminal; true for a yes. `what` is a question without its question mark. Where nobody can be asked it
-// throws UsageError, which asks for --yes.
-bool Confirm(const std::string& what, bool yes);
+// Asks on the terminal; returns for a yes. `what` is a question without its question mark. For everything else it throws
+// Declined with `unchanged`, and where nobody can be asked UsageError, which asks for --yes.
+void Confirm(const std::string& what, const std::string& unchanged, bool yes);
 
 }  // namespace Kestrun::Tools

@@ -55,7 +55,11 @@ TEST_F(MaintenanceTest, ClearEmptiesAStoreInPlaceWhenAskedTwice) {
   EXPECT_TRUE(Contains(unasked.err, "--yes")) << unasked.err;
   EXPECT_EQ(Account("clear", {"--dry-run"}), "would delete 2 entries\n");
   EXPECT_EQ(Do("clear", {"--dry-run", "--json"}), "{\"wouldClear\":2}\n");
-  EXPECT_EQ(RunKestrunOnTerminal({"clear", store_}, "no\n").status, 2);
+  EXPECT_EQ(RunKestrunOnTerminal({"clear", store_}, "no\n").status, 3);
+  const Ran json = RunKestrunOnTerminal({"clear", store_, "--json"}, "no\n");
+  EXPECT_TRUE(
+      Contains(json.err, "{\"error\":{\"exit\":3,\"status\":null,\"message\":\"nothing was deleted\""))
+      << json.err;
   EXPECT_EQ(Do("scan"), "a  1\nb  2\n");
   EXPECT_EQ(RunKestrunOnTerminal({"clear", store_}, "yes\n").status, 0);
   EXPECT_EQ(Do("scan"), "");
@@ -81,7 +85,7 @@ TEST_F(MaintenanceTest, RemoveAsksOnATerminal) {
   Put("a", "1");
   for (const char* no : {"n\n", "\n", "yeah\n", "\004"}) {
     const Ran ran = RunKestrunOnTerminal({"remove", store_}, no);
-    EXPECT_EQ(ran.status, 2) << no;
+    EXPECT_EQ(ran.status, 3) << no;
     EXPECT_TRUE(Contains(ran.err, "remove the store " + store_ + "? [y/N]")) << ran.err;
     EXPECT_TRUE(Contains(ran.err, "nothing was removed")) << ran.err;
     EXPECT_EQ(Get("a"), "1");
@@ -100,6 +104,21 @@ TEST_F(MaintenanceTest, RemoveLeavesWhatIsNotTheStores) {
   EXPECT_EQ(ReadFile(store_ + "/notes.txt"), "mine");
   EXPECT_EQ(ReadFile(store_ + "/copy.blk_v5"), "mine, too");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(store_), {}), 2);
+}
+
+TEST_F(MaintenanceTest, RemoveRefusesWhatCanStillBeRescuedUnlessItIsAskedForPlainly) {
+  for (const char* name : {"manifest_v5", "wal_v5"}) {
+    Put("a", "1");
+    Do("flush");
+    ASSERT_EQ(std::remove((store_ + "/" + name).c_str()), 0);
+    const Ran ran = Run("remove", {"--yes"});
+    EXPECT_EQ(ran.status, 3);
+    EXPECT_TRUE(Contains(ran.err, std::string("the store lacks its ") + name + " and has 1 block"))
+        << ran.err;
+    EXPECT_TRUE(Contains(ran.err, "kestrun recover " + store_ + " NEW")) << ran.err;
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(store_), {}), 2);
+    EXPECT_EQ(Account("remove", {"--yes", "--incomplete"}), "removed 2 files and the directory\n");
+  }
 }
 
 TEST_F(MaintenanceTest, RemoveRefusesASymbolicLinkUntouched) {

@@ -129,7 +129,7 @@ TEST_F(RangeTest, DelRangeDeletesWhatIsThereAndTellsHowMany) {
   EXPECT_EQ(Account("del-range", {"b", "d", "--dry-run"}), "would delete 2 keys\n");
   EXPECT_EQ(Do("del-range", {"b", "d", "--dry-run", "--json"}), "{\"wouldDelete\":2}\n");
   EXPECT_EQ(Keys(), "a b c d ");
-  EXPECT_EQ(RunKestrunOnTerminal({"del-range", store_, "b", "d"}, "n\n").status, 2);
+  EXPECT_EQ(RunKestrunOnTerminal({"del-range", store_, "b", "d"}, "n\n").status, 3);
   EXPECT_EQ(Keys(), "a b c d ");
   EXPECT_EQ(Account("del-range", {"b", "d", "--yes"}), "deleted 2 keys\n");
   EXPECT_EQ(Keys(), "a d ");
