@@ -14,6 +14,7 @@
 #include "tools/failure.h"
 #include "tools/interrupt.h"
 #include "tools/json_writer.h"
+#include "tools/progress.h"
 #include "tools/quantities.h"
 #include "tools/store_access.h"
 #include "tools/streams.h"
@@ -98,8 +99,10 @@ class Bench {
   }
 
   void Measure(const char* what, uint64_t operations, const std::function<uint32_t(uint64_t)>& operation) {
+    Progress progress(what, operations, "operations");
     const auto start = std::chrono::steady_clock::now();
     for (uint64_t i = 0; i < operations; ++i) {
+      progress.Update(i, i);
       if ((i & 1023) == 0 && WasInterrupted()) throw Interrupted("interrupted; nothing is left");
       Require(operation(i), what, line_.Store());
     }

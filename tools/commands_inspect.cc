@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <optional>
 #include <thread>
 
 #include "inspect/store_directory.h"
@@ -14,6 +15,7 @@
 #include "tools/dump_output.h"
 #include "tools/failure.h"
 #include "tools/output_file.h"
+#include "tools/progress.h"
 #include "tools/quantities.h"
 #include "tools/stat_output.h"
 #include "tools/store_access.h"
@@ -29,6 +31,7 @@ uint64_t Now() {
 // A store that somebody writes to while it is read can look damaged, so damage is looked for again until it stands in
 // files that were still meanwhile.
 Inspect::VerifyReport VerifyQuiet(const Invocation& line, bool* quiet) {
+  const Waiting waiting("verifying");
   constexpr int kMaxTries = 4;
   constexpr auto kPause = std::chrono::milliseconds(20);
   for (int i = 1;; ++i) {
@@ -62,10 +65,12 @@ int RunStat(const Invocation& line) {
   report.now = Now();
   const uint64_t pageSize = PageSizeOf(line).value_or(0);
   std::string why;
+  std::optional<Waiting> waiting("looking into the store");
   if (!Inspect::CollectStat(line.Store(), pageSize, report.now, &report.files, &why) ||
       !Inspect::CollectSpace(line.Store(), pageSize, report.now, &report.space, &why)) {
     throw StoreFailure(kStatusNotAStore, ShownPath(line.Store()) + ": " + why);
   }
+  waiting.reset();
   if (const std::string* path = line.Find("--html")) {
     OutputFile file(*path);
     file.Write(StatPage(report));

@@ -14,6 +14,7 @@
 #include "tools/failure.h"
 #include "tools/json_writer.h"
 #include "tools/output_file.h"
+#include "tools/progress.h"
 #include "tools/quantities.h"
 #include "tools/store_access.h"
 #include "tools/streams.h"
@@ -38,8 +39,9 @@ std::string TextOfBlocks(const StoreStats& stats) {
 // The keys that are alive.
 uint64_t CountAlive(const Snapshot& snapshot) {
   const auto cursor = OpenCursor(snapshot, Range::All());
+  Progress progress("counting", 0, "entries");
   uint64_t keys = 0;
-  for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) ++keys;
+  for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) progress.Update(0, ++keys);
   Require(cursor->Status(), "counting the entries");
   return keys;
 }
@@ -91,10 +93,15 @@ int RunFlush(const Invocation& line) {
 }
 
 int RunCompact(const Invocation& line) {
-  const auto store = OpenStore(line, Access::Existing);
-  const StoreStats before = StatsOf(*store, line);
-  Require(store->Compact(), ShownPath(line.Store()) + ": merging log and blocks", line.Store());
-  const StoreStats after = StatsOf(*store, line);
+  StoreStats before;
+  StoreStats after;
+  {
+    const Waiting waiting("compacting");
+    const auto store = OpenStore(line, Access::Existing);
+    before = StatsOf(*store, line);
+    Require(store->Compact(), ShownPath(line.Store()) + ": merging log and blocks", line.Store());
+    after = StatsOf(*store, line);
+  }
   if (IsJson(line)) {
     JsonWriter json;
     json.BeginObject().Name("before");
@@ -183,10 +190,12 @@ int RunBackup(const Invocation& line) {
   const std::string& target = line.positionals[1];
   if (target.empty()) throw UsageError("NEW is the directory of the copy and can't be empty");
   RequireOutside(line.Store(), target);
-  // Alone for what it tells about the log.
-  OpenSnapshot(line.Store());
-  const auto store = OpenStore(line, Access::Existing);
-  Require(store->Checkpoint(target), ShownPath(target) + ": copying " + ShownPath(line.Store()), target);
+  {
+    const Waiting waiting("copying");
+    OpenSnapshot(line.Store());  // alone for what it tells about the log
+    const auto store = OpenStore(line, Access::Existing);
+    Require(store->Checkpoint(target), ShownPath(target) + ": copying " + ShownPath(line.Store()), target);
+  }
   JsonWriter json;
   if (IsJson(line)) WriteJsonLine(json.BeginObject().Name("store").Bytes(target).EndObject());
   PrintAccount("copied " + ShownPath(line.Store()) + " to " + ShownPath(target));

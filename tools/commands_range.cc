@@ -9,6 +9,7 @@
 #include "tools/failure.h"
 #include "tools/interrupt.h"
 #include "tools/json_writer.h"
+#include "tools/progress.h"
 #include "tools/quantities.h"
 #include "tools/store_access.h"
 #include "tools/streams.h"
@@ -57,8 +58,9 @@ class ScanLines {
 
 uint64_t CountKeys(const Snapshot& snapshot, const Range& range) {
   const auto cursor = OpenCursor(snapshot, range);
+  Progress progress("counting", 0, "keys");
   uint64_t keys = 0;
-  for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) ++keys;
+  for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) progress.Update(0, ++keys);
   Require(cursor->Status(), "counting the keys");
   return keys;
 }

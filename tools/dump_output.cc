@@ -14,6 +14,7 @@
 #include "kestrun/status.h"
 #include "tools/failure.h"
 #include "tools/json_writer.h"
+#include "tools/progress.h"
 #include "tools/streams.h"
 
 namespace Kestrun::Tools {
@@ -93,6 +94,28 @@ class JsonSink : public Inspect::DumpSink {
   std::string part_;
 };
 
+// Hands everything on, and tells how far it is where the data do not scroll by themselves.
+class ToldSink : public Inspect::DumpSink {
+ public:
+  ToldSink(uint64_t size, Inspect::DumpSink* sink) : sink_(*sink) {
+    if (!StandardOutputIsTerminal()) progress_.emplace("dumping", size, "bytes");
+  }
+
+  void Part(const std::string& title) override { sink_.Part(title); }
+  void Field(uint64_t offset, std::string_view bytes, const std::string& name,
+             const std::string& meaning) override {
+    sink_.Field(offset, bytes, name, meaning);
+    if (progress_) progress_->Update(offset, offset);
+  }
+  void Zeros(uint64_t offset, uint64_t size, const std::string& name) override {
+    sink_.Zeros(offset, size, name);
+  }
+
+ private:
+  Inspect::DumpSink& sink_;
+  std::optional<Progress> progress_;
+};
+
 // The blocks that the manifest lists, oldest first, then the others.
 std::vector<std::string> BlocksInOrder(const std::string& directory, const Inspect::StoreDirectory& files) {
   const std::set<std::string> present(files.blocks.begin(), files.blocks.end());
@@ -124,12 +147,14 @@ void DumpOneFile(const std::string& path, uint64_t pageSize, bool json) {
   bool whole = false;
   if (json) {
     JsonSink sink(path);
-    whole = Inspect::DumpFile(*file, kind, pageSize, &sink);
+    ToldSink told(file->Size(), &sink);
+    whole = Inspect::DumpFile(*file, kind, pageSize, &told);
   } else {
     WriteLine(Inspect::Printable(path) + ": " + Inspect::FileKindName(kind) + ", " +
               std::to_string(file->Size()) + " bytes");
     TextSink sink;
-    whole = Inspect::DumpFile(*file, kind, pageSize, &sink);
+    ToldSink told(file->Size(), &sink);
+    whole = Inspect::DumpFile(*file, kind, pageSize, &told);
   }
   if (!whole) throw StoreFailure(kStatusOpenFailed, Inspect::Printable(path) + ": can't be read to its end");
 }

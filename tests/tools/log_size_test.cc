@@ -141,6 +141,26 @@ TEST_F(LogSizeTest, WaitsForALockAndGivesUpAfterAWhile) {
   EXPECT_EQ(holder.Wait(), 0);
 }
 
+// A command that can't tell how far it is tells on a terminal how long it has taken.
+TEST_F(LogSizeTest, WhatTakesLongSaysSoOnATerminal) {
+  Put("k", "v");
+  ChildProcess holder([this](ChildLink& parent) {
+    HoldLogLock(store_ + "/wal_v5");
+    parent.Signal();
+    parent.Await();
+    return 0;
+  });
+  ASSERT_TRUE(holder.Await());
+  const Ran ran = RunKestrunOnTerminal({"compact", store_});
+  holder.Signal();
+  EXPECT_EQ(holder.Wait(), 0);
+  EXPECT_EQ(ran.status, 3);
+  EXPECT_TRUE(Contains(ran.err, "\rcompacting 1.")) << ran.err;
+  EXPECT_TRUE(Contains(ran.err, "\r\033[Kkestrun compact: "))
+      << "the line is removed before the message" << ran.err;
+  EXPECT_FALSE(Contains(RunKestrunOnTerminal({"compact", store_}).err, "compacting")) << "it took no time";
+}
+
 TEST_F(LogSizeTest, SucceedsWhenTheLockIsFreedMeanwhile) {
   Put("k", "v");
   ChildProcess holder([this](ChildLink& parent) {
