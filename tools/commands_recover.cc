@@ -297,7 +297,7 @@ class Recovery {
                  Counted(dropped_, "version", "versions") + ", could not read " +
                  AmountText(Unreadable(), MayLackMore()));
     if (Unreadable() != 0 || MayLackMore()) {
-      PrintAccount("what could not be read is missing; of its keys older versions may have come back");
+      PrintAccount("what could not be read is missing, or older versions may have come back in its place");
     }
   }
 
