@@ -334,6 +334,12 @@ TEST_F(RecoverTest, RecordsOfNumbersWhoseTypeWasLostAreDamageWhereThereAreTypes)
   EXPECT_EQ(Run("verify").status, 1);
   EXPECT_EQ(Run("export").status, 3);
   EXPECT_EQ(Recover().status, 1);
+  // Where no file tells that there were types, it is a guess.
+  ASSERT_EQ(std::remove((store_ + "/meta_v5").c_str()), 0);
+  EXPECT_TRUE(Contains(Do("verify"), "note    meta_v5 at 0: 20 values look like records of the type 1"));
+  EXPECT_EQ(Run("export").status, 3);
+  EXPECT_EQ(Run("export", {"--raw"}).status, 0);
+  EXPECT_EQ(Run("export", {"--limit", "5"}).status, 0) << "five values may be anything";
 }
 
 TEST_F(RecoverTest, PlainBytesAmongRecordsAreANote) {
