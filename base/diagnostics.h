@@ -1,7 +1,7 @@
 // base/diagnostics.h: where the store's messages go.
 //
-// The code below the two faces has things to say, but it does not know to whom: it is given a Diagnostics. The older
-// face prints, the other one only tells the handler of kestrun/diagnostics.h.
+// The code below the two faces has things to say, but it does not know to whom: it is given a Diagnostics.
+// The older face prints, the other one only tells the handler of kestrun/diagnostics.h.
 //
 // Ownership: both objects live until the process ends.
 // Threads:   safe.

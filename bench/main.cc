@@ -1,4 +1,5 @@
-// kestrun_bench_PEER: measures one kind of work with one store and ends. script/bench runs these programs in turns.
+// kestrun_bench_PEER: measures one kind of work with one store and ends. script/bench
+// runs these programs in turns.
 #include <fcntl.h>
 #include <unistd.h>
 

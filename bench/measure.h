@@ -13,8 +13,9 @@ void Require(bool done, const char* what);
 
 uint64_t NowNanos();
 
-// Measures the time since its construction, without that in which its thread was ready to run and had no processor,
-// which would dominate every mean on a machine that others use as well. A call takes about a microsecond. One thread.
+// Measures the time since its construction, without that in which its thread was ready to run and had
+// no processor, which would dominate every mean on a machine that others use as well. A call takes
+// about a microsecond. One thread.
 class Stopwatch {
  public:
   Stopwatch();
@@ -48,8 +49,9 @@ class Histogram {
   uint64_t max_ = 0;
 };
 
-// The four bare calls that order a writer among processes: write lock and release of the gate byte and of the lock
-// range, on a file of its own. What a store does is expressed in them, because they follow the machine's speed.
+// The four bare calls that order a writer among processes: write lock and release of the gate byte
+// and of the lock range, on a file of its own. What a store does is expressed in them, because
+// they follow the machine's speed.
 class LockUnit {
  public:
   explicit LockUnit(const std::string& path);
@@ -74,12 +76,12 @@ uint64_t WrittenBytes();
 uint64_t PeakMemory();
 // The disk space in bytes of all files in a directory, holes left out.
 uint64_t DiskBytes(const std::string& directory);
-// Returns when the threads of the process have been idle for a while, or after a minute: stores that compact by
-// themselves do not tell when they are done.
+// Returns when the threads of the process have been idle for a while, or after a minute: stores that compact
+// by themselves do not tell when they are done.
 void AwaitIdle();
 
-// Does by hand what no flush of `bytes` can do without: write and sync a file of them, append to a list of files and
-// sync it, sync the directory. Returns the nanoseconds.
+// Does by hand what no flush of `bytes` can do without: write and sync a file of them, append to a list of
+// files and sync it, sync the directory. Returns the nanoseconds.
 uint64_t BareFlush(const std::string& directory, uint64_t bytes);
 
 }  // namespace Bench

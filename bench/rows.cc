@@ -23,7 +23,8 @@ namespace fs = std::filesystem;
 constexpr double kMillion = 1e6;
 constexpr uint64_t kBatch = 100;
 
-// 16 decimal digits. The keys of a store are even numbers, those that are asked for in vain odd ones between them.
+// 16 decimal digits. The keys of a store are even numbers, those that are asked for in
+// vain odd ones between them.
 class KeyText {
  public:
   explicit KeyText(uint64_t number) {
@@ -48,8 +49,8 @@ uint64_t Mix(uint64_t number) {
   return number ^ (number >> 31);
 }
 
-// The numbers below `size`, each once, in an order without a pattern and without memory: a Feistel network over the
-// next power of four, walked until it falls below `size`.
+// The numbers below `size`, each once, in an order without a pattern and without memory: a Feistel network
+// over the next power of four, walked until it falls below `size`.
 class Shuffled {
  public:
   Shuffled(uint64_t size, uint64_t seed) : size_(size), seed_(seed) {
@@ -156,9 +157,9 @@ class Run {
     Require(found && value_.size() == setting_.valueBytes, "finding what was put");
   }
 
-  // Times `operation` of 0 to `times` - 1 in slices, each followed by a sample of the lock unit, and reports the means
-  // of both and the distribution. The means leave out what the thread waited for a processor. Work that leaves the
-  // store as it was may end after `limitNanos`.
+  // Times `operation` of 0 to `times` - 1 in slices, each followed by a sample of the lock unit, and reports
+  // the means of both and the distribution. The means leave out what the thread waited for a processor. Work
+  // that leaves the store as it was may end after `limitNanos`.
   void Time(uint64_t times, const std::function<void(uint64_t)>& operation, double perOperation = 1,
             uint64_t limitNanos = UINT64_MAX) {
     constexpr uint64_t kSlices = 25;
@@ -405,7 +406,8 @@ void TimeCompaction(Run& run) {
   run.Report("bare_ns", static_cast<double>(BareFlush(run.Given().directory, run.LiveBytes())));
 }
 
-// Runs `work` in a process of its own, where the store leaves neither threads nor anything it remembers behind.
+// Runs `work` in a process of its own, where the store leaves neither threads
+// nor anything it remembers behind.
 void InChild(const std::function<void()>& work) {
   const pid_t child = fork();
   if (child == 0) {
@@ -495,7 +497,8 @@ WorkerResult Work(Run& run, uint64_t number, bool writes, int ready, int start) 
   return result;
 }
 
-// Two writers and two readers, each a process, for a second. Thousands of calls per second, and those that failed.
+// Two writers and two readers, each a process, for a second. Thousands of calls per
+// second, and those that failed.
 void Processes(Run& run) {
   constexpr uint64_t kWorkers = 4;
   InChild([&] {

@@ -13,8 +13,8 @@ struct Setting {
   uint64_t logBytes = 4 << 20;
 };
 
-// Measures the row `name` and prints what was found to `resultDescriptor`, a line for each figure: name, tab, number.
-// A peer that can't do the work gives the line "impossible". False when there is no such row.
+// Measures the row `name` and prints what was found to `resultDescriptor`, a line for each figure: name, tab,
+// number. A peer that can't do the work gives the line "impossible". False when there is no such row.
 bool MeasureRow(const std::string& name, const Setting& setting, int resultDescriptor);
 
 }  // namespace Bench

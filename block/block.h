@@ -1,4 +1,5 @@
-// block/block.h: one immutable, sorted block file: its keys and entries in memory, or where they lie; its values on disk.
+// block/block.h: one immutable, sorted block file: its keys and entries in memory, or where they
+// lie; its values on disk.
 //
 // Ownership: held through std::shared_ptr; the file stays open until the last reference goes, also after it
 //            was removed from the directory. No mapping of it exists: a file that is cut short under an open
@@ -29,8 +30,8 @@ namespace Kestrun {
 class Block;
 class Wal;
 
-// What a merge reads: a block that is loaded, from its own index, if it has one, and its open file; or else the file
-// at a path.
+// What a merge reads: a block that is loaded, from its own index, if it has one, and its open file; or else
+// the file at a path.
 struct BlockSource {
   std::string path;              // not looked at when there is a block
   std::shared_ptr<Block> block;  // may be null
@@ -42,8 +43,8 @@ struct MergeOptions {
   bool keepsHidden = false;
   // If set, the merge ends with kStatusBlockWriteFailed soon after it becomes true.
   const std::atomic<bool>* stop = nullptr;
-  // Where the sources have more entries, the merge takes little memory, whatever their number, and gives a block with a
-  // learned table.
+  // Where the sources have more entries, the merge takes little memory, whatever their number, and gives a
+  // block with a learned table.
   uint32_t maxIndexed = UINT32_MAX;
 };
 
@@ -58,7 +59,8 @@ struct BlockLoading {
   bool learns = false;
 };
 
-// A block has an index or a table. Unless something else is said, its functions are those of a block with an index.
+// A block has an index or a table. Unless something else is said, its functions are those of
+// a block with an index.
 class Block {
  public:
   // Loads a block file that was written with `pageSize`, 0 being this machine's. On success `*out` is a Block
@@ -71,8 +73,8 @@ class Block {
   //                        only the padding at its end may be missing
   // kStatusMapFailed       the size of a table is 0
   static uint32_t Load(const std::string& path, Block** out, uint64_t pageSize = 0);
-  // The same, with a table where `loading` says so. A learned table that is out of order is loaded as an index.
-  // `*filter`, when asked for, is filled with the keys; null for a table that was not learned.
+  // The same, with a table where `loading` says so. A learned table that is out of order is loaded as an
+  // index. `*filter`, when asked for, is filled with the keys; null for a table that was not learned.
   static uint32_t Load(const std::string& path, const BlockLoading& loading, Block** out,
                        uint64_t pageSize = 0, std::shared_ptr<const BlockFilter>* filter = nullptr);
   // Checks a block file as Load does, without building anything.
@@ -89,22 +91,23 @@ class Block {
   // kStatusSyncFailed        the file could not be synced
   static uint32_t WriteFromWal(const std::string& path, Wal& wal, Block** out);
 
-  // Merges `sources`, oldest first, into the new block file `path`. The newest entry of each key stays, unless
-  // it is a tombstone or has expired; keys from the byte 0xFF on are left out, and so is an entry whose value
-  // is cut off by the end of its file. A source whose keys are out of order is sorted; of equal keys in it the
-  // last one counts. An entry that expires during the merge is left out with "TTL verification failed".
-  // Statuses as WriteFromWal, except that an unwritten file header gives kStatusBlockWriteFailed, and so does a
-  // source that can't be read; an unopened file gives the message "Failed to open destination file: PATH".
+  // Merges `sources`, oldest first, into the new block file `path`. The newest entry of each key stays,
+  // unless it is a tombstone or has expired; keys from the byte 0xFF on are left out, and so is an entry
+  // whose value is cut off by the end of its file. A source whose keys are out of order is sorted; of equal
+  // keys in it the last one counts. An entry that expires during the merge is left out with "TTL
+  // verification failed". Statuses as WriteFromWal, except that an unwritten file header gives
+  // kStatusBlockWriteFailed, and so does a source that can't be read; an unopened file gives the message
+  // "Failed to open destination file: PATH".
   static uint32_t WriteFromBlocks(const std::string& path, const std::vector<BlockSource>& sources,
                                   Block** out, const Diagnostics& diagnostics = Diagnostics::Printing());
   // The same from files.
   static uint32_t WriteFromBlocks(const std::string& path, const std::vector<std::string>& sources,
                                   Block** out, const Diagnostics& diagnostics = Diagnostics::Printing());
 
-  // Merges `sources`, oldest first, as WriteFromBlocks does, except that nothing is left out for any other reason than
-  // its being deleted or expired when the merge begins: a value that its file does not hold gives kStatusBlockCorrupt.
-  // Without messages. `*filter`, when asked for, is filled with the keys of a block with a table; null for one with an
-  // index.
+  // Merges `sources`, oldest first, as WriteFromBlocks does, except that nothing is left out for any other
+  // reason than its being deleted or expired when the merge begins: a value that its file does not hold gives
+  // kStatusBlockCorrupt. Without messages. `*filter`, when asked for, is filled with the keys of a block with
+  // a table; null for one with an index.
   static uint32_t Merge(const std::string& path, const std::vector<BlockSource>& sources,
                         const MergeOptions& options, Block** out,
                         std::shared_ptr<const BlockFilter>* filter = nullptr);
@@ -137,8 +140,8 @@ class Block {
   bool Contains(const Key& key) const;
   // kStatusOk with the key's entry, kStatusInvalid without one.
   uint32_t Lookup(const Key& key, DataEntry* entry) const;
-  // False when a long value of this block surely is cut off: a damaged entry may claim 4 GiB, and no memory is
-  // taken for that.
+  // False when a long value of this block surely is cut off: a damaged entry may claim 4 GiB, and no
+  // memory is taken for that.
   bool MayHoldValue(const DataEntry& entry) const;
   // Reads the value of an entry from Lookup to a malloc buffer that the caller frees; null for a tombstone or
   // an empty value.

@@ -26,8 +26,8 @@ uint64_t HashOf(std::string_view key) {
   return Mix(Mix(hash, word), hash >> 32);
 }
 
-// Calls `visit(word, bit)` for the bits of a key within its line, as long as it returns true. The line is chosen by
-// the upper half of the hash, the bits by 9 bits each of what follows from both halves.
+// Calls `visit(word, bit)` for the bits of a key within its line, as long as it returns true. The line is
+// chosen by the upper half of the hash, the bits by 9 bits each of what follows from both halves.
 template <typename Visit>
 bool ForEachBit(uint64_t hash, Visit visit) {
   uint64_t bits = hash * 0xD6E8FEB86659FD93;

@@ -1,7 +1,7 @@
 // block/block_filter.h: which blocks certainly lack a key, in memory.
 //
-// The filter that the manifest keeps for a block is small; this one, of 16 bits for each key, errs for about one
-// absent key in 500. A key touches a single line of the processor's cache.
+// The filter that the manifest keeps for a block is small; this one, of 16 bits for each key, errs for about
+// one absent key in 500. A key touches a single line of the processor's cache.
 //
 // Threads:   any number may ask a filter at once.
 // Failure:   building may throw std::bad_alloc.

@@ -67,8 +67,8 @@ uint32_t BlockIndex::ReadEntries(ByteSource& source, const BlockSections& sectio
   return ReadKeys(source, sections.keyTableOffset);
 }
 
-// The keys of a sound file lie one after the other and are read at once. Where entries say otherwise, each key
-// is read by itself: an entry may point anywhere in a table that claims 4 GiB.
+// The keys of a sound file lie one after the other and are read at once. Where entries say otherwise, each
+// key is read by itself: an entry may point anywhere in a table that claims 4 GiB.
 uint32_t BlockIndex::ReadKeys(ByteSource& source, uint64_t keyTableOffset) {
   uint64_t begin = UINT64_MAX;
   uint64_t end = 0;
@@ -237,7 +237,8 @@ uint32_t BlockIndex::Find(std::string_view key) const {
   return found != count && KeyAt(found) == key ? found : count;
 }
 
-// What is found in a damaged file that is out of order is decided by this bisection. Compat: unordered-block-search
+// What is found in a damaged file that is out of order is decided by this
+// bisection. Compat: unordered-block-search
 uint32_t BlockIndex::FindUnordered(std::string_view key) const {
   const uint32_t count = Count();
   const uint64_t prefix = PrefixOf(key);

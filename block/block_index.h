@@ -1,7 +1,7 @@
 // block/block_index.h: the keys and entries of one block in memory, sorted as the file has them.
 //
-// An entry costs 40 bytes and those of its key: no allocation belongs to one key. A search looks at an array of
-// 8-byte prefixes, taken after the bytes that all keys of the block have in common.
+// An entry costs 40 bytes and those of its key: no allocation belongs to one key. A search looks at an array
+// of 8-byte prefixes, taken after the bytes that all keys of the block have in common.
 //
 // Ownership: an index owns its memory.
 // Threads:   any number may read a finished index; one thread at a time builds it.
@@ -93,12 +93,13 @@ class BlockIndex {
 
   // Reads the tables of a block file that was written with `pageSize`.
   //
-  // kStatusBlockCorrupt, kStatusMapFailed, kStatusBlockShortRead, kStatusStatFailed  as ReadBlockSections; also
+  // kStatusBlockCorrupt, kStatusMapFailed, kStatusBlockShortRead, kStatusStatFailed  as
+  //                         ReadBlockSections; also
   // kStatusBlockCorrupt when an entry fails its checksum or its key lies outside the key table
   static uint32_t Read(ByteSource& source, uint64_t pageSize, std::shared_ptr<const BlockIndex>* out);
 
-  // Fills this index with the entries [first, first + count) of a file, all of which must be there, in place of what it
-  // holds. Its memory is used again. Statuses as Read.
+  // Fills this index with the entries [first, first + count) of a file, all of which must be there, in place
+  // of what it holds. Its memory is used again. Statuses as Read.
   uint32_t ReadPart(ByteSource& source, const BlockSections& sections, uint32_t first, uint32_t count);
 
   BlockIndex() = default;

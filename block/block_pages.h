@@ -23,8 +23,8 @@ class BlockPages {
   // Pages have at most `largestPage` entries, which is at least 1.
   explicit BlockPages(const Block& block, uint32_t largestPage = kLargestPage);
 
-  // Makes an entry of the block readable, and with it those after it, or those before it when the walk goes backwards.
-  // What was readable before need not be any longer. Statuses as BlockTable::ReadPage.
+  // Makes an entry of the block readable, and with it those after it, or those before it when the walk goes
+  // backwards. What was readable before need not be any longer. Statuses as BlockTable::ReadPage.
   uint32_t Load(uint32_t position, bool forward = true) {
     return position - first_ < count_ ? kStatusOk : LoadPage(position, forward);
   }
@@ -35,7 +35,8 @@ class BlockPages {
   const BlockIndex::Record& RecordAt(uint32_t position) const { return page_->RecordAt(position - first_); }
   DataEntry EntryAt(uint32_t position) const { return page_->EntryAt(position - first_); }
 
-  // The first entry whose key is not less than `key`; Count() of the block when there is none. Statuses as Load.
+  // The first entry whose key is not less than `key`; Count() of the block when there
+  // is none. Statuses as Load.
   uint32_t LowerBound(std::string_view key, uint32_t* position) const;
 
  private:

@@ -78,8 +78,8 @@ uint32_t BlockTable::ReadPage(uint32_t first, uint32_t count, BlockIndex* page) 
   return page->IsOrdered() ? kStatusOk : kStatusBlockCorrupt;
 }
 
-// The place lies in [*first, *end]: not before the last group that begins before `key`, and not after the first one
-// that does not.
+// The place lies in [*first, *end]: not before the last group that begins before `key`, and not after the
+// first one that does not.
 void BlockTable::NarrowByGroups(std::string_view key, uint32_t* first, uint32_t* end) const {
   const int order = common_.compare(key.substr(0, common_.size()));
   if (order != 0) {

@@ -24,7 +24,8 @@ struct BlockWriteOptions {
   uint32_t headerFailure = kStatusBlockWriteFailed;
   // If set, an entry that expires while the block is written is left out, and this is called for it.
   std::function<void()> onExpired;
-  // A value that its file does not hold ends the writing with kStatusBlockCorrupt. Otherwise its entry is left out.
+  // A value that its file does not hold ends the writing with kStatusBlockCorrupt. Otherwise
+  // its entry is left out.
   bool isStrict = false;
   // If set, the writing ends with kStatusBlockWriteFailed soon after it becomes true.
   const std::atomic<bool>* stop = nullptr;
@@ -42,7 +43,8 @@ class BlockWriter {
   // kStatusBlockWriteFailed  a source can't be read, or the block would reach 4 GiB
   uint32_t Measure();
 
-  // Writes what was measured, and syncs the file and its name. The file is written from its start and not cut.
+  // Writes what was measured, and syncs the file and its name. The file is written from
+  // its start and not cut.
   //
   // kStatusBlockWriteFailed  a section could not be written, or a value not be read
   // kStatusSyncFailed        the file or its directory could not be synced
@@ -54,7 +56,8 @@ class BlockWriter {
   uint32_t headerFailure_;
 };
 
-// Measures, makes the file `path` and writes it. The statuses of both, and kStatusOpenFailed, kStatusStatFailed.
+// Measures, makes the file `path` and writes it. The statuses of both, and
+// kStatusOpenFailed, kStatusStatFailed.
 uint32_t WriteBlock(const std::string& path, EntryCursor& cursor, BlockWriteOptions options,
                     std::unique_ptr<Block>* out);
 

@@ -2,8 +2,8 @@
 //
 // Ownership: shares the file. What Append takes reaches the file with Flush at the latest.
 // Threads:   one thread at a time.
-// Failure:   false when the system takes no more, which the diagnostic handler is told; what was written stays. The constructor may throw
-//            std::bad_alloc.
+// Failure:   false when the system takes no more, which the diagnostic handler is told; what was written
+//            stays. The constructor may throw std::bad_alloc.
 #pragma once
 
 #include <cstddef>

@@ -22,14 +22,15 @@ constexpr size_t kWindowBudget = 32 * 1024 * 1024;
 constexpr size_t kMinWindow = 4 * 1024;
 constexpr size_t kMaxWindow = 256 * 1024;
 
-// Sources whose tables fit into this much memory in all are loaded: that is faster than walking their files twice.
+// Sources whose tables fit into this much memory in all are loaded: that is faster
+// than walking their files twice.
 constexpr size_t kIndexBudget = 32 * 1024 * 1024;
 
 // Values that lie side by side and make up this much are read straight into the writer's buffer.
 constexpr uint64_t kDirectCopy = 64 * 1024;
 
-// The file of a source: that of a loaded block, or the one at a path, which is opened again whenever it has been
-// closed in favour of others.
+// The file of a source: that of a loaded block, or the one at a path, which is opened again whenever it has
+// been closed in favour of others.
 class SourceFile final : public ByteSource {
  public:
   SourceFile(const BlockSource& source, OpenFileCache& files)
@@ -102,8 +103,8 @@ class MergeCursor::Source {
     return kStatusOk;
   }
 
-  // Finds out whether a file is in order, which only its end tells. It is loaded if it is not, or if its tables
-  // fit into what is left of `*budget` bytes.
+  // Finds out whether a file is in order, which only its end tells. It is loaded if it is not, or if its
+  // tables fit into what is left of `*budget` bytes.
   uint32_t Prepare(size_t* budget) {
     if (index_ != nullptr) return kStatusOk;
     uint32_t status = Start();

@@ -1,8 +1,8 @@
 // block/merge_cursor.h: walks several blocks at once, in key order, the newest entry of each key.
 //
-// Files are read forward through windows; memory and open files stay bounded whatever their number and the size
-// of their values. A source whose keys are out of order, which takes damage, is loaded and sorted; of equal keys
-// in it the last one counts.
+// Files are read forward through windows; memory and open files stay bounded whatever their number and the
+// size of their values. A source whose keys are out of order, which takes damage, is loaded and sorted; of
+// equal keys in it the last one counts.
 //
 // Ownership: shares the blocks; nothing is kept beyond the walk.
 // Threads:   one thread at a time.

@@ -1,8 +1,8 @@
 // block/section_writer.h: what writes the three sections of a new block file.
 //
 // A section writer knows the size of its section before it writes anything, writes the section's header and
-// then its content. The data writer of a block fills the index from which the key table and the entry table are
-// made; it does so in key order, which is the order of all three sections.
+// then its content. The data writer of a block fills the index from which the key table and the entry table
+// are made; it does so in key order, which is the order of all three sections.
 //
 // Ownership: writers borrow the cursor and the index, and live for one block.
 // Threads:   one thread at a time.
@@ -61,12 +61,12 @@ class DataSectionWriter final : public SyntheticSectionWriter {
         isStrict_(isStrict),
         stop_(stop) {}
 
-  // Walks the cursor before the file is made. kStatusBlockWriteFailed when a source can't be read or the block
-  // would reach 4 GiB.
+  // Walks the cursor before the file is made. kStatusBlockWriteFailed when a source can't be read or the
+  // block would reach 4 GiB.
   uint32_t Measure();
   uint64_t Size() override { return sizeof(SectionHeader) + valueBytes_; }
-  // Fewer values may follow than Size has declared: those of entries that expire meanwhile, or whose file does
-  // not hold them, are left out. The tables find their place by the declared size.
+  // Fewer values may follow than Size has declared: those of entries that expire meanwhile, or whose file
+  // does not hold them, are left out. The tables find their place by the declared size.
   bool WriteTo(BufferedWriter& file) override;
 
   // Whether WriteTo has failed because a source does not hold one of its values.

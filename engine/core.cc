@@ -76,9 +76,10 @@ uint32_t Core::FindBlock(const Key& key, std::shared_ptr<Block>* found) const {
 
 namespace {
 
-// Whoever calls the store from inside another section of the file, as from the body of a transaction on another handle,
-// has one lock for both. The older face gives up its part of it and leaves the gate byte locked
-// (Compat: unlock-shared-keeps-gate), which would keep other processes out for as long as this one does nothing.
+// Whoever calls the store from inside another section of the file, as from the body of a transaction
+// on another handle, has one lock for both. The older face gives up its part of it and leaves the
+// gate byte locked (Compat: unlock-shared-keeps-gate), which would keep other processes out for as
+// long as this one does nothing.
 void UnlockWholly(OsFile& file, LockLevel level, const LockPatience& patience) {
   InodeInfo& inode = *file.Inode();
   if (!patience.isOlderFace && inode.level != level) inode.DropAll(file.Descriptor());

@@ -12,8 +12,8 @@
 
 namespace Kestrun {
 
-// What a caller does about a load that failed with `status`. kStatusOk: pass over the block, because its file is
-// gone, or was corrupt and is deleted here. `status` otherwise: a later load may succeed.
+// What a caller does about a load that failed with `status`. kStatusOk: pass over the block, because its file
+// is gone, or was corrupt and is deleted here. `status` otherwise: a later load may succeed.
 // Compat: corrupt-block-deleted, missing-block-passed-over
 uint32_t ClassifyLoadFailure(uint32_t status, const std::string& path);
 

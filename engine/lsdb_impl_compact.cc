@@ -29,9 +29,9 @@ uint32_t LSDBImpl::Compact() {
   if (const uint32_t status = manifest_->LoadUnlocked(&old); status != kStatusOk) return status;
   if (old.size() < kMinBlocksToCompact) return kStatusOk;
 
-  // A cached block is merged from memory and its open file, whatever has become of its path. Of the others, one
-  // whose file is gone is left out; one that merely can't be read at the moment ends the compaction, because
-  // its file would be deleted with the others.
+  // A cached block is merged from memory and its open file, whatever has become of its path. Of the others,
+  // one whose file is gone is left out; one that merely can't be read at the moment ends the compaction,
+  // because its file would be deleted with the others.
   std::vector<BlockSource> sources;
   for (const std::shared_ptr<BlockEntry>& entry : old) {
     const std::string path = core.BlockPath(entry->name);

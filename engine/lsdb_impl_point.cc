@@ -22,9 +22,9 @@ uint32_t LSDBImpl::Delete(const Key& key) {
   return WriteEntry(std::cref(append));
 }
 
-// Appends; a full log is flushed once, and the append is then tried again while the log is still locked. The flush locks
-// the log once more: the unlock that belongs to it drops the lock against other processes (Compat: nested-unlock), so
-// the second append comes before it.
+// Appends; a full log is flushed once, and the append is then tried again while the log is still locked. The
+// flush locks the log once more: the unlock that belongs to it drops the lock against other processes
+// (Compat: nested-unlock), so the second append comes before it.
 uint32_t LSDBImpl::WriteEntry(const std::function<uint32_t()>& append) {
   if (!IsOpen()) return kStatusWalOpenFailed;
   return CatchBadAlloc([&]() -> uint32_t {

@@ -8,8 +8,8 @@
 
 namespace Kestrun {
 
-// An answer of true ends the scan of one source only (Compat: enumerate-reports-sources). A block that can't be
-// opened is passed over in silence.
+// An answer of true ends the scan of one source only (Compat: enumerate-reports-sources). A block that can't
+// be opened is passed over in silence.
 uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
                                  const std::function<bool(const Key&)>& visit) {
   if (!IsOpen()) return kStatusWalOpenFailed;
@@ -33,8 +33,8 @@ uint32_t LSDBImpl::EnumerateKeys(const Key& from, const Key& to,
   });
 }
 
-// Collects first and deletes when the enumeration has released its locks. A key that several sources hold gets
-// several tombstones.
+// Collects first and deletes when the enumeration has released its locks. A key that several
+// sources hold gets several tombstones.
 uint32_t LSDBImpl::DeleteByRange(const Key& from, const Key& to) {
   // Success whatever happens, a lack of memory included. Compat: delete-range-always-ok
   IgnoreStatus(CatchBadAlloc([&] {

@@ -6,8 +6,8 @@
 
 namespace Kestrun {
 
-// Removes the file again unless it is committed: a block that was not written whole can never be read and only
-// takes up space. Operations may throw std::bad_alloc.
+// Removes the file again unless it is committed: a block that was not written whole can never be read and
+// only takes up space. Operations may throw std::bad_alloc.
 class PendingBlockFile {
  public:
   PendingBlockFile() = default;

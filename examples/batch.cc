@@ -1,5 +1,5 @@
-// Writes that belong together: a batch is there as a whole or not at all, for every reader and after every kill.
-// Takes the directory of the store.
+// Writes that belong together: a batch is there as a whole or not at all, for every reader and after every
+// kill. Takes the directory of the store.
 #include <iostream>
 #include <memory>
 #include <optional>

@@ -1,5 +1,5 @@
-// A view that stands still: a snapshot is walked in both directions while the store changes. Takes the directory of
-// the store.
+// A view that stands still: a snapshot is walked in both directions while the store changes. Takes
+// the directory of the store.
 #include <iostream>
 #include <memory>
 #include <string>

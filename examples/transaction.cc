@@ -1,5 +1,5 @@
-// A transaction between two processes: both move amounts between the same accounts, and nothing is lost or made.
-// Takes the directory of the store.
+// A transaction between two processes: both move amounts between the same accounts, and nothing is lost or
+// made. Takes the directory of the store.
 #include <sys/wait.h>
 #include <unistd.h>
 

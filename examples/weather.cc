@@ -61,8 +61,8 @@ std::vector<Day> ReadCsv(const std::string& path) {
   return days;
 }
 
-// A small log on purpose: a few thousand entries make it full often enough to show blocks at work. They stay as they
-// are until they are compacted by hand, one step of the demonstration.
+// A small log on purpose: a few thousand entries make it full often enough to show blocks at work. They stay
+// as they are until they are compacted by hand, one step of the demonstration.
 std::unique_ptr<RecordStore> OpenStore(const std::string& path) {
   Kestrun::StoreOptions options;
   options.logSize = 16 * 1024;

@@ -1,4 +1,5 @@
-// format/block_format.h: the bytes of a block file, <name>.blk_v5. docs/internals/format/block.md shows a whole file.
+// format/block_format.h: the bytes of a block file, <name>.blk_v5.
+// docs/internals/format/block.md shows a whole file.
 //
 //   0    file header (128 bytes)
 //   128  data section: the values, one after the other

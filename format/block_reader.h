@@ -1,8 +1,8 @@
 // format/block_reader.h: reads the tables of a block file, checking every header and entry.
 //
-// The source may hold anything: nothing is read outside it, and memory stays bounded. What is loaded of a file:
-// an entry that begins within the entry table counts, wherever the table ends, and only the padding at its end
-// may be missing from the file.
+// The source may hold anything: nothing is read outside it, and memory stays bounded. What is loaded of a
+// file: an entry that begins within the entry table counts, wherever the table ends, and only the padding at
+// its end may be missing from the file.
 //
 // Ownership: borrows the source.
 // Threads:   one thread at a time.

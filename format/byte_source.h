@@ -1,5 +1,5 @@
-// format/byte_source.h: bytes at an offset: what the readers of the file formats read from. A file, a mapping and
-// memory look the same through it.
+// format/byte_source.h: bytes at an offset: what the readers of the file formats read from. A file, a mapping
+// and memory look the same through it.
 //
 // Ownership: a reader borrows its source, which must outlive it.
 // Threads:   as the implementation says; those of this header may be read from any number of threads.
@@ -22,8 +22,8 @@ class ByteSource {
   ByteSource& operator=(const ByteSource&) = delete;
   virtual ~ByteSource() = default;
 
-  // Copies up to `length` bytes from `offset` on to `buffer` and returns how many: fewer only where the source ends,
-  // 0 after its end, -1 when the system can't read them.
+  // Copies up to `length` bytes from `offset` on to `buffer` and returns how many: fewer only where the
+  // source ends, 0 after its end, -1 when the system can't read them.
   virtual ssize_t ReadAt(uint64_t offset, void* buffer, size_t length) = 0;
   // The size of the source; false when it can't be found out.
   virtual bool Size(uint64_t* size) = 0;

@@ -21,8 +21,8 @@ uint32_t KeyHash(std::string_view key);
 // The longest filter: 32768 bits and the number of probes.
 inline constexpr size_t kMaxKeyFilterSize = 32768 / 8 + 1;
 
-// Builds a filter: 8 bits per key, at least 64 bits and at most 32768, and 5 probes. Takes bounded memory. May throw
-// std::bad_alloc.
+// Builds a filter: 8 bits per key, at least 64 bits and at most 32768, and 5 probes. Takes
+// bounded memory. May throw std::bad_alloc.
 class KeyFilterBuilder {
  public:
   void Add(uint32_t hash);

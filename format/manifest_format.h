@@ -1,4 +1,5 @@
-// format/manifest_format.h: the bytes of the manifest, manifest_v5. docs/internals/format/manifest.md shows a file.
+// format/manifest_format.h: the bytes of the manifest, manifest_v5.
+// docs/internals/format/manifest.md shows a file.
 //
 //   0    header (128 bytes)
 //   128  one entry for each block, oldest first: 56 bytes and the block's key filter
@@ -63,9 +64,9 @@ static_assert(offsetof(ManifestEntry, checksum) == ManifestEntryOffset::kChecksu
 static_assert(sizeof(ManifestEntry) == ManifestEntryOffset::kFilter);
 static_assert(std::has_unique_object_representations_v<ManifestEntry>);
 
-// The journal, manifest_v5.next, which makes a replacement of the manifest's entries survive the death of the process
-// that does it. It holds the entries that are to stand in the manifest, is synced before the first byte of the
-// manifest changes, and is removed when the manifest is complete on the disk.
+// The journal, manifest_v5.next, which makes a replacement of the manifest's entries survive the death of the
+// process that does it. It holds the entries that are to stand in the manifest, is synced before the first
+// byte of the manifest changes, and is removed when the manifest is complete on the disk.
 //
 //   0   header (40 bytes)
 //   40  the new entries

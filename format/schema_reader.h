@@ -3,11 +3,13 @@
 //   1#Point x:%i4,y:%i4
 //   2#Note body:%s
 //
-// A line is a number in decimal, "#" and the text of the record type. It ends with a line break or a NUL; what stands
-// after the last line end is not read. What stands after a second "#" is dropped. A line without "#", or with nothing
-// after it, is skipped. Of two lines with the same number or the same text the later one counts.
+// A line is a number in decimal, "#" and the text of the record type. It ends with a line break or a
+// NUL; what stands after the last line end is not read. What stands after a second "#" is dropped. A
+// line without "#", or with nothing after it, is skipped. Of two lines with the same number or the same
+// text the later one counts.
 //
-// Threads: one at a time. Failure: may throw std::bad_alloc. Units: offsets are bytes from the start of the file.
+// Threads: one at a time. Failure: may throw std::bad_alloc. Units: offsets are bytes from
+// the start of the file.
 #pragma once
 
 #include <cstddef>
@@ -44,8 +46,8 @@ class SchemaReader {
   // Of lines longer than `maxLine` only the size is kept.
   explicit SchemaReader(size_t maxLine = SIZE_MAX) : maxLine_(maxLine) {}
 
-  // Calls `visit` for every line, except empty ones, that ends within the next `size` bytes of the file. False when
-  // the visitor has stopped.
+  // Calls `visit` for every line, except empty ones, that ends within the next `size` bytes of the file.
+  // False when the visitor has stopped.
   bool Feed(const char* bytes, size_t size, const Visit& visit);
   // The file ends here: visits the line that has no end, if there is one.
   void Finish(const Visit& visit);

@@ -5,8 +5,8 @@
 
 namespace Kestrun {
 
-// Of a log's record, a block's entry or an index's record. The valueOffset stays what it is: it counts from the
-// start of the file that holds the value.
+// Of a log's record, a block's entry or an index's record. The valueOffset stays what it is: it counts from
+// the start of the file that holds the value.
 template <typename Record>
 DataEntry ToDataEntry(const Record& record) {
   DataEntry entry = {};

@@ -1,4 +1,5 @@
-// format/wal_format.h: the bytes of the write-ahead log, wal_v5. docs/internals/format/wal.md shows a whole file.
+// format/wal_format.h: the bytes of the write-ahead log, wal_v5.
+// docs/internals/format/wal.md shows a whole file.
 //
 //   0    header (24 bytes)
 //   24   unused, zero in a new file
@@ -55,8 +56,8 @@ inline constexpr size_t kChecksum = 36;
 inline constexpr size_t kEnd = 40;
 }  // namespace WalRecordOffset
 
-// The header of one record. Padding is written as zero; a reader gives it no meaning, but the checksum covers it as it
-// stands. What a record of LSDBImpl has in the place of mark, crc and epoch is padding, too.
+// The header of one record. Padding is written as zero; a reader gives it no meaning, but the checksum covers
+// it as it stands. What a record of LSDBImpl has in the place of mark, crc and epoch is padding, too.
 struct WalRecord {
   uint32_t valueOffset;  // file offset of the value: the record's own offset + 40 + keySize
   uint32_t valueSize;

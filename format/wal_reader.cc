@@ -46,8 +46,8 @@ bool WalReader::Next() {
   return true;
 }
 
-// Whether the record at offset_ is one that a replay takes. What replay compares comes in its order: header, key,
-// epoch, content.
+// Whether the record at offset_ is one that a replay takes. What replay compares comes in its
+// order: header, key, epoch, content.
 WalEnd WalReader::Examine() {
   uint8_t bytes[sizeof(WalRecord)];
   if (!window_.Copy(offset_, bytes, sizeof(bytes))) return WalEnd::Unreadable;

@@ -34,8 +34,8 @@ enum class WalEnd {
   Unreadable,   // the system can't read it
 };
 
-// A record's header, looked at by itself: 40 bytes at `offset` of a log of `fileSize` bytes whose used area ends at
-// `used`. Complete means that it is one; `bytes` is not read where no record fits any more.
+// A record's header, looked at by itself: 40 bytes at `offset` of a log of `fileSize` bytes whose used area
+// ends at `used`. Complete means that it is one; `bytes` is not read where no record fits any more.
 WalEnd CheckWalRecord(const uint8_t* bytes, uint64_t offset, uint64_t used, uint64_t fileSize,
                       WalRecord* record);
 // Whether a record header fits before the end of what can be read.
@@ -59,8 +59,8 @@ struct WalRecordView {
 
 class WalReader {
  public:
-  // Walks the records of a log of `fileSize` bytes whose used area ends at `used`. With `start`, from another record
-  // on, which then sets the epoch.
+  // Walks the records of a log of `fileSize` bytes whose used area ends at `used`. With `start`, from another
+  // record on, which then sets the epoch.
   WalReader(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start = kWalFirstRecord);
 
   // Goes to the next record; false at the end of the walk.
@@ -91,9 +91,9 @@ class WalReader {
   WalRecordView record_;
 };
 
-// The offset of the first sound record after `start`: where what a broken record hides goes on, if it does. Only
-// records are taken whose own place stands in their valueOffset, which bytes of a value are not likely to have.
-// 0 when there is none.
+// The offset of the first sound record after `start`: where what a broken record hides goes on, if it does.
+// Only records are taken whose own place stands in their valueOffset, which bytes of a value are not likely
+// to have. 0 when there is none.
 uint64_t FindNextWalRecord(ByteSource& source, uint64_t used, uint64_t fileSize, uint64_t start);
 
 }  // namespace Kestrun

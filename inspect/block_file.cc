@@ -79,8 +79,8 @@ bool BlockFile::Usable() const {
          (entryTable_.header.size - sizeof(SectionHeader)) % sizeof(BlockDataEntry) == 0;
 }
 
-// Sections begin at page boundaries, of 4 KiB at least. A table whose header is damaged is known by its name, or as the
-// only thing between two others; it then reaches as far as the next one.
+// Sections begin at page boundaries, of 4 KiB at least. A table whose header is damaged is known by its name,
+// or as the only thing between two others; it then reaches as far as the next one.
 bool BlockFile::FindTables() {
   SectionView keys;
   SectionView entries;

@@ -45,13 +45,14 @@ class BlockFile {
 
   // Header and sections are such that a store reads the entries.
   bool Usable() const;
-  // Looks for the tables of a block that is not usable, at every place where they can begin, by their headers or what
-  // is left of them. True when entries and keys can be read then.
+  // Looks for the tables of a block that is not usable, at every place where they can begin, by their headers
+  // or what is left of them. True when entries and keys can be read then.
   bool FindTables();
 
   // Whole entries in the entry table; 0 unless the table is usable.
   uint64_t EntryCount() const;
-  // Entries that the header of the entry table tells and that FindTables did not find because the file ends before them.
+  // Entries that the header of the entry table tells and that FindTables did not find because
+  // the file ends before them.
   uint64_t CutEntries() const { return cutEntries_; }
   // Whether the header of the entry table, which tells how many entries there are, is sound.
   bool CountIsKnown() const { return countIsKnown_; }

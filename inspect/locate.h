@@ -17,8 +17,8 @@ struct EntryPlace {
 };
 
 // Looks for `key` as a store does: in the log, then in the listed blocks, the newest first. Empty when it is
-// in none of them; what is damaged counts as without the key. `pageSize` is that of the machine that wrote the blocks;
-// 0 finds it out.
+// in none of them; what is damaged counts as without the key. `pageSize` is that of the machine that wrote
+// the blocks; 0 finds it out.
 std::optional<EntryPlace> LocateKey(const std::string& directory, const std::string& key,
                                     uint64_t pageSize = 0);
 

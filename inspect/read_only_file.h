@@ -32,7 +32,8 @@ class ReadOnlyFile {
   const std::string& Path() const { return path_; }
   // Reads exactly `size` bytes; false when the file holds fewer there or the system can't read them.
   bool ReadAt(uint64_t offset, void* out, size_t size) const;
-  // Reads up to `size` bytes and returns how many: fewer only at the end of the file, -1 when the system can't.
+  // Reads up to `size` bytes and returns how many: fewer only at the end of the file,
+  // -1 when the system can't.
   ssize_t ReadSome(uint64_t offset, void* out, size_t size) const;
 
  private:

@@ -13,8 +13,8 @@ class RecordShape {
   // The text of a record type, such as "Point x:%i4,label:%s".
   explicit RecordShape(std::string_view text);
 
-  // False for a type without fields, and for one with bytes before other fields, which nothing reads back: no value can
-  // be told by them.
+  // False for a type without fields, and for one with bytes before other fields, which nothing reads back: no
+  // value can be told by them.
   bool CanJudge() const { return canJudge_; }
   // Whether the value is as long as the fields are, behind the two bytes of the type's number.
   bool Fits(std::string_view value) const;

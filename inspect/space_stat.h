@@ -50,13 +50,13 @@ struct SpaceStat {
   uint64_t Reclaimable() const { return overwritten.bytes + deleted.bytes + expired.bytes; }
 };
 
-// Looks at the files in `directory`; `now` tells what has expired. False when the directory can't be read or holds no
-// part of a store, with the reason in `*why`.
+// Looks at the files in `directory`; `now` tells what has expired. False when the directory can't be read or
+// holds no part of a store, with the reason in `*why`.
 bool CollectSpace(const std::string& directory, uint64_t pageSize, uint64_t now, SpaceStat* stat,
                   std::string* why);
 
-// The prefix that a key counts under: up to and with its first separator, one of - : / . _ # | and a blank, when that
-// stands among its first 32 bytes; else none.
+// The prefix that a key counts under: up to and with its first separator, one of - : / . _ # | and a blank,
+// when that stands among its first 32 bytes; else none.
 std::string PrefixOf(std::string_view key);
 
 }  // namespace Kestrun::Inspect

@@ -190,7 +190,8 @@ class StoreVerifier {
     while (reader.Next()) leftovers_.AddLogEntry(reader.Record().key, reader.Record().header.timestamp);
   }
 
-  // Records whose type nobody can tell, or whose fields are not those of their type, are unreachable as records.
+  // Records whose type nobody can tell, or whose fields are not those of their
+  // type, are unreachable as records.
   void RecordTypes() {
     std::string damage;
     const std::map<uint16_t, std::string> types = ReadRecordTypeTexts(directory_, &damage);

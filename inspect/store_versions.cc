@@ -143,8 +143,8 @@ class StoreVersions::LogStream final : public Stream {
     Gather(kWalFirstRecord, std::min(used, file_.Size()), source);
   }
 
-  // Goes on after what is broken. Where the header does not tell where the log ends, what is older than the records
-  // before it is from an earlier filling.
+  // Goes on after what is broken. Where the header does not tell where the log ends, what is older than the
+  // records before it is from an earlier filling.
   void Gather(uint64_t start, uint64_t used, VersionSource* source) {
     std::optional<uint32_t> epoch;
     uint64_t newest = 0;

@@ -1,7 +1,8 @@
-// inspect/store_versions.h: every version of every key that the files of a store hold, in the order of the keys.
+// inspect/store_versions.h: every version of every key that the files of a store hold, in
+// the order of the keys.
 //
-// It reads what can be read: records after a broken one, the sound entries of a block that is damaged in part, blocks
-// of any page size. Memory stays bounded by the log and the number of blocks.
+// It reads what can be read: records after a broken one, the sound entries of a block that is damaged in
+// part, blocks of any page size. Memory stays bounded by the log and the number of blocks.
 //
 // Nothing is opened for writing and no lock is taken.
 //
@@ -52,24 +53,24 @@ struct VersionOptions {
 
 class StoreVersions {
  public:
-  // Opens what there is of the store in `directory`. Null when the directory can't be read or holds no part of a store,
-  // with the reason in `*why`.
+  // Opens what there is of the store in `directory`. Null when the directory can't be read or holds no part
+  // of a store, with the reason in `*why`.
   static std::unique_ptr<StoreVersions> Open(const std::string& directory, const VersionOptions& options,
                                              std::string* why);
   ~StoreVersions();
   StoreVersions(const StoreVersions&) = delete;
   StoreVersions& operator=(const StoreVersions&) = delete;
 
-  // Goes to the next key; false when there is none. `*versions` are those of the key, the newest first; they are valid
-  // until the next call. Newest is
+  // Goes to the next key; false when there is none. `*versions` are those of the key, the newest first; they
+  // are valid until the next call. Newest is
   //
   // - what stands furthest in the log,
   // - then, where the manifest decides, what stands in the block that is listed last,
-  // - else what was written last, and of the same second what stands in the block that a sound manifest lists last, then
-  //   what stands in the youngest file.
+  // - else what was written last, and of the same second what stands in the block that a sound manifest lists
+  //   last, then what stands in the youngest file.
   bool NextKey(std::vector<VersionView>* versions);
-  // Reads up to `most` bytes of the value of one of them. False when it can't be read or is not what was written, which
-  // only reading all of it tells; the source counts it.
+  // Reads up to `most` bytes of the value of one of them. False when it can't be read or is not what was
+  // written, which only reading all of it tells; the source counts it.
   bool ReadValue(const VersionView& version, std::string* value, uint64_t most = UINT64_MAX);
 
   const std::vector<VersionSource>& Sources() const { return sources_; }

@@ -1,7 +1,7 @@
 // inspect/type_check.h: whether the values of a store are what its record types say.
 //
-// What is a record and what a plain value no store writes down. Values whose first bytes are the number of a type are
-// taken for its records, and those whose number nobody knows for what TypeGuess finds.
+// What is a record and what a plain value no store writes down. Values whose first bytes are the number of a
+// type are taken for its records, and those whose number nobody knows for what TypeGuess finds.
 //
 // Threads: one at a time. Failure: may throw std::bad_alloc.
 #pragma once

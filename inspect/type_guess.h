@@ -1,8 +1,8 @@
 // inspect/type_guess.h: which record types the values of a store may have, where the file that tells is lost.
 //
-// A record begins with the number of its type, which a store counts from 1, and its fields follow back to back. What
-// fits all the values of one number is its type, as far as bytes can tell: names are lost, and of four bytes nobody
-// knows whether they were a whole number or a small real one.
+// A record begins with the number of its type, which a store counts from 1, and its fields follow back to
+// back. What fits all the values of one number is its type, as far as bytes can tell: names are lost, and of
+// four bytes nobody knows whether they were a whole number or a small real one.
 //
 // Threads: one at a time. Failure: may throw std::bad_alloc.
 #pragma once
@@ -29,8 +29,8 @@ class TypeGuess {
 
   // False for a value that can't be a record of a number that is not known.
   bool Add(std::string_view value);
-  // Texts with their lengths are hardly there by chance. Other types are likely where all values that have no number of
-  // a known type are records.
+  // Texts with their lengths are hardly there by chance. Other types are likely where all values that have no
+  // number of a known type are records.
   static bool HasText(const GuessedType& type) { return type.text.find("%s") != std::string::npos; }
   bool IsLikely(const GuessedType& type) const;
   // The numbers that were met, in ascending order.
@@ -48,8 +48,8 @@ class TypeGuess {
   std::map<uint16_t, Samples> samples_;
 };
 
-// The numbers and texts of the record types that the schema file in `directory` holds; empty without one. `*damage`
-// says what is wrong with the file, when something is.
+// The numbers and texts of the record types that the schema file in `directory` holds; empty without one.
+// `*damage` says what is wrong with the file, when something is.
 std::map<uint16_t, std::string> ReadRecordTypeTexts(const std::string& directory, std::string* damage);
 
 }  // namespace Kestrun::Inspect

@@ -9,8 +9,8 @@
 namespace Kestrun {
 namespace {
 
-// Whether a Binary field writes anything for `value`. A value of any type counts as Binary with the bytes that it
-// refers to.
+// Whether a Binary field writes anything for `value`. A value of any type counts as Binary with the
+// bytes that it refers to.
 bool HasBytes(const Value& value) {
   return value.binary != nullptr && value.binarySize != 0;
 }

@@ -1,12 +1,14 @@
-// record/record_meta_registry.h: the record types that schemas hand out, one set of objects for each schema file.
+// record/record_meta_registry.h: the record types that schemas hand out, one set of
+// objects for each schema file.
 //
-// Records keep plain pointers to their types, so these live until the process ends. The handles that a process has on
-// one file share the objects, and so does every reload: memory grows with the different record types of a file, not
-// with how often it is read. A RecordMeta is not const, and a caller who changes one changes it for its file alone.
+// Records keep plain pointers to their types, so these live until the process ends. The handles that a
+// process has on one file share the objects, and so does every reload: memory grows with the different record
+// types of a file, not with how often it is read. A RecordMeta is not const, and a caller who changes one
+// changes it for its file alone.
 //
-// A file is told by its device and inode number while a handle is open on it. Once none is, the number may come to
-// belong to another file, so a set is only taken up again by a file that nobody has changed since: its size and times
-// are those that the last handle left. Any other file starts a new set.
+// A file is told by its device and inode number while a handle is open on it. Once none is, the number may
+// come to belong to another file, so a set is only taken up again by a file that nobody has changed since:
+// its size and times are those that the last handle left. Any other file starts a new set.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +33,8 @@ class RecordMetaPool {
   RecordMetaPool(const RecordMetaPool&) = delete;
   RecordMetaPool& operator=(const RecordMetaPool&) = delete;
 
-  // The record type with this number and this text; null when `text` is not a record type. Throws std::bad_alloc.
+  // The record type with this number and this text; null when `text` is not
+  // a record type. Throws std::bad_alloc.
   RecordMeta* Intern(uint16_t id, const std::string& text);
 
  private:

@@ -50,8 +50,8 @@ class RecordStore::Impl {
   const unsigned int busyTimeout;
 };
 
-// The bytes of the record. A type that is not known is recorded last of all, when nothing else can be refused any
-// more: what was refused must not leave a type.
+// The bytes of the record. A type that is not known is recorded last of all, when nothing else can be refused
+// any more: what was refused must not leave a type.
 uint32_t RecordStore::Impl::Encode(std::string_view key, const std::string& type,
                                    const std::vector<Value>& values, unsigned int ttl, std::string* bytes) {
   std::unique_ptr<RecordMeta> parsed;

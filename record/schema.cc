@@ -18,12 +18,13 @@ namespace {
 
 constexpr size_t kReadSize = 1024;
 
-// The creation byte is held only while a file is read and a line is written; nothing is synced meanwhile. So it is
-// waited for a little longer than for a lock. A process that still does not get it goes on without: one that was
-// stopped at the wrong moment must not keep all others from working.
+// The creation byte is held only while a file is read and a line is written; nothing is synced meanwhile. So
+// it is waited for a little longer than for a lock. A process that still does not get it goes on without: one
+// that was stopped at the wrong moment must not keep all others from working.
 constexpr int kCreationRounds = 16;
 
-// Of making a type that is read back as it was written. The second one fails only when another process interferes.
+// Of making a type that is read back as it was written. The second one fails
+// only when another process interferes.
 constexpr int kMaxCreationAttempts = 8;
 
 // Holds the creation byte for a scope, when it is to be had.
@@ -168,9 +169,9 @@ RecordMeta* Schema::FindUnambiguous(const std::string& text) const {
   return meta != nullptr && metasById_.Find(meta->id) == meta ? meta : nullptr;
 }
 
-// What was written is read back. A process that did not get the creation byte may have written a line of the same
-// number meanwhile, and of two such lines the later one counts. A line that was cut off by a loss of power swallows
-// the one after it; the next attempt then finds a whole line before its own.
+// What was written is read back. A process that did not get the creation byte may have written a line of the
+// same number meanwhile, and of two such lines the later one counts. A line that was cut off by a loss of
+// power swallows the one after it; the next attempt then finds a whole line before its own.
 uint32_t Schema::GetOrCreateUnambiguous(const std::string& text, unsigned int busyTimeout, RecordMeta** out) {
   if ((*out = FindUnambiguous(text)) != nullptr) return kStatusOk;
 
@@ -244,7 +245,8 @@ bool Schema::AppendLine(const std::string& line) {
   return false;
 }
 
-// With the first line the name of the file must last, too: the process that created it may not have got that far.
+// With the first line the name of the file must last, too: the process that created it may
+// not have got that far.
 bool Schema::SyncLines() {
   if (file_->Sync() != 0) return false;
   if (isNameUnsynced_ && !SyncDirectory(DirectoryOf(file_->Path()))) return false;

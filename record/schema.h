@@ -4,8 +4,8 @@
 // one, so the first is 1. A text that contains "#" or a line break is written as it is and read back as
 // something else; it then counts as two texts, and numbers may be given twice. Nobody checks for it.
 //
-// Ownership: record types live until the process ends, whatever becomes of the schema. All handles on one file hand
-//            out the same objects, handles on different files never do.
+// Ownership: record types live until the process ends, whatever becomes of the schema. All handles on one
+//            file hand out the same objects, handles on different files never do.
 // Threads:   safe. A type that is known is found without any lock. Everything else happens between
 //            OsFile::Lock and OsFile::Unlock on the file, whose mutex orders the threads of the process.
 // Processes: several may use one file. Making a type takes the shared level and looking one up by number the
@@ -26,8 +26,8 @@
 
 namespace Kestrun {
 
-// A process that adds a type has this byte of the file locked for writing, from reading what others added until
-// its own line is written. It is the first byte after those that OsFile::Lock uses.
+// A process that adds a type has this byte of the file locked for writing, from reading what others added
+// until its own line is written. It is the first byte after those that OsFile::Lock uses.
 inline constexpr int64_t kSchemaCreationByte = 0x40000200;
 
 class Schema {
@@ -50,16 +50,18 @@ class Schema {
   // - `text` is not a record type;
   // - the file could not be read to its end;
   // - the line could not be written, and the file is as it was;
-  // - the line could not be synced. It stays, since others may have seen it, and the next call tries once more.
+  // - the line could not be synced. It stays, since others may have seen it, and the next
+  //   call tries once more.
   RecordMeta* GetOrCreateRecordMeta(const std::string& text);
 
-  // The record type of `text` when it is known, its number leads to it and to no other, and every line that this handle
-  // has written is synced; or null. Takes no lock.
+  // The record type of `text` when it is known, its number leads to it and to no other, and every line that
+  // this handle has written is synced; or null. Takes no lock.
   RecordMeta* FindUnambiguous(const std::string& text) const;
 
-  // The record type of `text`, which is one and holds no '#', line break or NUL. It is created when it is not known,
-  // and under a new number when its own has come to belong to another text as well: a record of this type will be
-  // read as one. The creation byte is waited for `busyTimeout` milliseconds, and nothing is written without it.
+  // The record type of `text`, which is one and holds no '#', line break or NUL. It is created when it is
+  // not known, and under a new number when its own has come to belong to another text as well: a record
+  // of this type will be read as one. The creation byte is waited for `busyTimeout` milliseconds, and
+  // nothing is written without it.
   //
   // kStatusLockFailed    another process has the creation byte
   // kStatusOpenFailed    the file could not be read to its end
@@ -68,8 +70,8 @@ class Schema {
   [[nodiscard]] uint32_t GetOrCreateUnambiguous(const std::string& text, unsigned int busyTimeout,
                                                 RecordMeta** out);
 
-  // The record type with the number `id`, after reading the file again when it is not known. Takes no lock against other
-  // processes, because lines are only added.
+  // The record type with the number `id`, after reading the file again when it is not known. Takes no lock
+  // against other processes, because lines are only added.
   //
   // kStatusRecordTypeUnknown  no line has this number
   // kStatusOpenFailed         it is not known, and the file could not be read to its end
@@ -100,8 +102,8 @@ class Schema {
   RecordMetaPool metas_;  // goes before the file
   RecordMetaIndex<std::string> metasByText_;
   RecordMetaIndex<uint16_t> metasById_;
-  // Changed under the file's mutex: a line, or the file's name with it, may not be on the disk yet. Until it is, no type
-  // is handed out by its text without a new attempt.
+  // Changed under the file's mutex: a line, or the file's name with it, may not be on the disk yet. Until it
+  // is, no type is handed out by its text without a new attempt.
   std::atomic<bool> isUnsynced_ = false;
   bool isNameUnsynced_ = false;
 };

@@ -15,8 +15,9 @@ namespace {
 constexpr int kGuardAttempts = 1000;
 constexpr useconds_t kGuardRetryMicros = 1000;
 
-// A file whose room could not be had must not get the name: it would have its full length already, and whoever opens it
-// later, perhaps asking for less, would have to find that room again. A file system that can't reserve passes.
+// A file whose room could not be had must not get the name: it would have its full length already,
+// and whoever opens it later, perhaps asking for less, would have to find that room again. A file
+// system that can't reserve passes.
 bool ReserveRoom(int descriptor, uint64_t length) {
   int result;
   do {

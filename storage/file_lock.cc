@@ -118,8 +118,8 @@ uint32_t InodeInfo::RaiseWithin(LockLevel target, int descriptor, unsigned int m
   return WaitFor(target, descriptor, std::max(milliseconds, kMinPatienceMillis), retries, failures);
 }
 
-// A writer takes the gate byte while it waits for the range, so that readers who come one after the other can't keep it
-// out for ever.
+// A writer takes the gate byte while it waits for the range, so that readers who come one after the other
+// can't keep it out for ever.
 uint32_t InodeInfo::WaitFor(LockLevel target, int descriptor, unsigned int milliseconds,
                             std::atomic<uint64_t>* retries, std::atomic<uint64_t>* failures) {
   constexpr int kTriesBeforeGate = 8;

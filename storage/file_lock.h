@@ -64,8 +64,8 @@ struct InodeInfo {
   // be released; the level stays on record.
   [[nodiscard]] uint32_t DropFrom(LockLevel held, int descriptor);
 
-  // Drops every lock of this process on the two ranges, whatever is on record, and what others in this process have left
-  // locked. For the thread that is inside.
+  // Drops every lock of this process on the two ranges, whatever is on record, and what others in this
+  // process have left locked. For the thread that is inside.
   void DropAll(int descriptor);
 
   // How often byte-range locks were dropped, for the thread that is inside: a lock was held throughout if

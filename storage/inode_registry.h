@@ -68,8 +68,8 @@ class InodeRegistry {
  private:
   InodeRegistry() { pthread_atfork(&BeforeFork, &AfterForkInParent, &AfterForkInChild); }
 
-  // Never destroyed: files may be open while static objects are being taken down. And never allocated: closing a
-  // descriptor, which must not fail, may be the first to ask.
+  // Never destroyed: files may be open while static objects are being taken down. And never allocated:
+  // closing a descriptor, which must not fail, may be the first to ask.
   static InodeRegistry& Instance() {
     alignas(InodeRegistry) static unsigned char memory[sizeof(InodeRegistry)];
     static InodeRegistry* const registry = new (memory) InodeRegistry;

@@ -49,7 +49,8 @@ constexpr size_t AlignedSize(size_t size) {
 
 }  // namespace
 
-// A slot holds the address of a node, whose lowest bits are zero, and in these some bits of the hash; 0 is a free slot.
+// A slot holds the address of a node, whose lowest bits are zero, and in these some bits of the hash;
+// 0 is a free slot.
 struct LogIndex::Table {
   explicit Table(size_t slotCount) : mask(slotCount - 1), slots(new std::atomic<uintptr_t>[slotCount]) {
     Clear();

@@ -1,17 +1,18 @@
 // storage/log_index.h: the index of one filling of the log: which record holds which key.
 //
-// A version is one record; its offset in the log is its version number, because a log only grows until it is reset. A
-// reader who goes by the first `limit` bytes of the log finds the state of the moment when the log was that long. Nothing
-// is ever taken out: a reset of the log begins a new index.
+// A version is one record; its offset in the log is its version number, because a log only grows until it is
+// reset. A reader who goes by the first `limit` bytes of the log finds the state of the moment when the log
+// was that long. Nothing is ever taken out: a reset of the log begins a new index.
 //
-// A hash table leads to the newest version of each key, and from there to its older ones. Beside it stands a skip list of
-// all versions, by key and then newest first. Putting a version into the list costs several times what the table costs,
-// so it waits until somebody walks: what was inserted since the last walk is sorted then, and put in as a whole.
+// A hash table leads to the newest version of each key, and from there to its older ones. Beside it stands a
+// skip list of all versions, by key and then newest first. Putting a version into the list costs several
+// times what the table costs, so it waits until somebody walks: what was inserted since the last walk is
+// sorted then, and put in as a whole.
 //
 // Ownership: an index owns copies of its keys; nothing in it points into the log.
-// Threads:   one thread at a time may call Insert. All else may run beside it, and from any number of threads: a version
-//            becomes visible with the store of one pointer. Walks that begin wait for each other while the list is
-//            completed.
+// Threads:   one thread at a time may call Insert. All else may run beside it, and from any number of
+//            threads: a version becomes visible with the store of one pointer. Walks that begin wait for each
+//            other while the list is completed.
 // Failure:   Insert may throw std::bad_alloc and has changed nothing then. Nothing else fails.
 #pragma once
 
@@ -27,8 +28,8 @@
 
 namespace Kestrun {
 
-// The first 16 bytes of a key as two numbers that order as the bytes do; missing bytes count as zero. Keys of up to 16
-// bytes with the same prefix differ in their size only.
+// The first 16 bytes of a key as two numbers that order as the bytes do; missing bytes count as zero. Keys of
+// up to 16 bytes with the same prefix differ in their size only.
 struct KeyPrefix {
   uint64_t high;
   uint64_t low;
@@ -66,7 +67,8 @@ class LogIndex {
   // The newest version of `key` before the offset `limit`; false when there is none.
   bool Find(std::string_view key, uint32_t limit, Version* version) const;
 
-  // Puts what was inserted since the last walk into its place, as the next walk would have to; from any thread.
+  // Puts what was inserted since the last walk into its place, as the next walk would
+  // have to; from any thread.
   void Order() const;
   // How many versions that would be.
   size_t UnorderedCount() const {
@@ -98,8 +100,8 @@ class LogIndex {
     size_t current_ = 0;  // the chunk that is handed out; those after it are empty
     size_t used_ = 0;     // bytes of it
   };
-  // The newest version of each key, by the key's hash: open addressing. A table is replaced by a larger one when it is
-  // half full; readers may still be in the old one, so it stays until the index is cleared.
+  // The newest version of each key, by the key's hash: open addressing. A table is replaced by a larger one
+  // when it is half full; readers may still be in the old one, so it stays until the index is cleared.
   struct Table;
 
   // What a search looks for, taken apart once.
@@ -138,20 +140,22 @@ class LogIndex {
   std::atomic<size_t> inserted_{0};  // versions
   uint32_t random_ = 0x2545F491;
 
-  // The versions that are not in the list yet, newest first, linked where the list's lowest level will be. The thread
-  // that takes them puts them into the list, holding the mutex, and counts them when all of them are there.
+  // The versions that are not in the list yet, newest first, linked where the list's lowest level will
+  // be. The thread that takes them puts them into the list, holding the mutex, and counts them when
+  // all of them are there.
   mutable std::atomic<Node*> unordered_{nullptr};
   mutable std::mutex orderMutex_;
   mutable std::atomic<size_t> ordered_{0};
 
   Node* head_;
   mutable std::atomic<int> height_{1};
-  // On each level the last node that is not after the version that was put in last: the next search goes on from there.
+  // On each level the last node that is not after the version that was put in last: the next
+  // search goes on from there.
   mutable Node* finger_[kMaxHeight];
 
  public:
-  // Walks the keys in order, each at its newest version before `limit`. A walk without a limit also meets what is
-  // inserted while it goes on. The index must outlive it.
+  // Walks the keys in order, each at its newest version before `limit`. A walk without a limit also meets
+  // what is inserted while it goes on. The index must outlive it.
   class Iterator {
    public:
     explicit Iterator(const LogIndex& index, uint32_t limit = kNoLimit);

@@ -20,7 +20,8 @@ int CompareRests(std::string_view left, std::string_view right) {
 
 }  // namespace
 
-// Whether `node` stands before the version `offset` of the key: a smaller key, or a newer version of the same one.
+// Whether `node` stands before the version `offset` of the key: a smaller key, or a newer
+// version of the same one.
 inline bool LogIndex::IsBefore(const Node& node, const Target& target, uint32_t offset) {
   if (node.prefix.high != target.prefix.high) return node.prefix.high < target.prefix.high;
   if (node.prefix.low != target.prefix.low) return node.prefix.low < target.prefix.low;
@@ -80,7 +81,8 @@ struct LogIndex::Unordered {
   }
 };
 
-// Those that are sorted find their places from each other; where there is no memory to sort them, each is looked for.
+// Those that are sorted find their places from each other; where there is no memory to sort
+// them, each is looked for.
 void LogIndex::OrderAll(Node* newest) const {
   size_t count = 0;
   for (const Node* node = newest; node != nullptr; node = node->Next(0)) ++count;
@@ -105,8 +107,8 @@ void LogIndex::OrderAll(Node* newest) const {
   ordered_.store(ordered_.load(std::memory_order_relaxed) + count, std::memory_order_release);
 }
 
-// Sets the finger to the node after which the version belongs, on each level. Forward from where the finger is, it goes
-// up as far as there is something to pass by.
+// Sets the finger to the node after which the version belongs, on each level. Forward from where the finger
+// is, it goes up as far as there is something to pass by.
 void LogIndex::FindPlace(const Target& target, uint32_t offset) const {
   const int height = height_.load(std::memory_order_relaxed);
   int level = 0;
@@ -150,8 +152,8 @@ LogIndex::Iterator::Iterator(const LogIndex& index, uint32_t limit) : index_(&in
   index.Order();
 }
 
-// Versions from the limit on are newer than what is looked at: they stand before the one that counts, and a key may
-// have none that does.
+// Versions from the limit on are newer than what is looked at: they stand before the one that counts, and a
+// key may have none that does.
 void LogIndex::Iterator::SkipHidden() {
   while (node_ != nullptr && node_->offset >= limit_) node_ = node_->Next(0);
 }

@@ -27,7 +27,8 @@ struct LogIndex::Node {
   std::atomic<Node*> links[1];
 
   Node* Next(int level) const { return links[level].load(std::memory_order_acquire); }
-  // The same, and has the processor fetch what follows on the level below, where a search goes if it does not go on here.
+  // The same, and has the processor fetch what follows on the level below, where a search goes if it
+  // does not go on here.
   Node* NextAhead(int level) const {
     if (level > 0) __builtin_prefetch(links[level - 1].load(std::memory_order_relaxed));
     return Next(level);

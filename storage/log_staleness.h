@@ -1,7 +1,7 @@
 // storage/log_staleness.h: tells whether the index of a log still belongs to what stands in the log.
 //
-// Other processes reset the log and fill it again. An index that was replayed before that is stale when one of these
-// holds:
+// Other processes reset the log and fill it again. An index that was replayed before that is stale
+// when one of these holds:
 //
 //   1. Another process has changed the manifest's generation since: every flush does, and then resets the log.
 //   2. The used area ends before the last record that this process has replayed or appended.
@@ -50,12 +50,13 @@ class LogStaleness {
   void OnCleared();
   // The records from ReplayedEnd() on up to `end` are in the index; the last of them stands at `lastOffset`.
   void OnReplayed(const LogBytes& log, uint32_t lastOffset, uint32_t end) noexcept;
-  // A record at `offset`, or several, up to `end` were appended and are in the index; the last of them stands at
-  // `lastOffset`. Where replay has stopped before `offset`, at a damaged record, it stays there.
+  // A record at `offset`, or several, up to `end` were appended and are in the index; the last of them stands
+  // at `lastOffset`. Where replay has stopped before `offset`, at a damaged record, it stays there.
   void OnAppended(const LogBytes& log, uint32_t offset, uint32_t lastOffset, uint32_t end) noexcept;
 
  private:
-  // What a record began with: its header and its key, of a long key the beginning and the CRC-32C of the rest.
+  // What a record began with: its header and its key, of a long key the beginning and
+  // the CRC-32C of the rest.
   struct RecordFingerprint {
     uint32_t offset = 0;
     uint32_t size = 0;  // of the header and the whole key; 0: no record

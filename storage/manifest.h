@@ -144,8 +144,8 @@ class Manifest {
   // The entries whose filter may contain `key`, after Load, whose status is ignored.
   BlockEntries FindCandidates(const Key& key);
 
-  // Reads the list again if the file is shorter than the list: a truncation by the older face of another process, which
-  // does not change the generation. Statuses as Load.
+  // Reads the list again if the file is shorter than the list: a truncation by the older face of another
+  // process, which does not change the generation. Statuses as Load.
   uint32_t FollowTruncation();
 
   // Whether every one of `entries` is still listed, and listed in the file.

@@ -81,7 +81,8 @@ class OsFile {
   off_t Seek(int64_t offset, uint32_t whence);
   int Truncate(int64_t length);
   int Sync();
-  // Has the system begin to write these bytes to the disk, so that Sync has less to wait for. Promises nothing.
+  // Has the system begin to write these bytes to the disk, so that Sync has less
+  // to wait for. Promises nothing.
   void StartWriting(uint64_t offset, uint64_t size);
   // 0 or -1; `*size` is 0 after a failure.
   int Size(uint64_t* size);

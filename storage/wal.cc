@@ -57,9 +57,9 @@ uint32_t Wal::Delete(const Key& key) {
   return Append(key, 0, nullptr, 0, true);
 }
 
-// Catches up, so that what others wrote before enters the index before this entry; checks that the record fits; indexes
-// it, the only step that can fail; stores its bytes; and publishes them last, so that a process killed on the way
-// leaves no half record.
+// Catches up, so that what others wrote before enters the index before this entry; checks that the record
+// fits; indexes it, the only step that can fail; stores its bytes; and publishes them last, so that a process
+// killed on the way leaves no half record.
 uint32_t Wal::Append(const Key& key, uint32_t ttl, const void* value, uint32_t valueSize, bool deleted) {
   const std::string_view keyBytes = BytesOf(key);
   if (keyBytes.empty()) {
@@ -167,8 +167,9 @@ uint32_t Wal::AppendBatch(std::string_view records, size_t count) {
   return kStatusOk;
 }
 
-// All marked records of a filling have the same epoch, and no two fillings have: what an earlier one left in the file
-// never passes for a record of this one. The clock tells them apart, because a reset takes more than a microsecond.
+// All marked records of a filling have the same epoch, and no two fillings have: what an earlier one
+// left in the file never passes for a record of this one. The clock tells them apart, because a reset
+// takes more than a microsecond.
 void Wal::ChooseEpoch() {
   LogFilling& filling = *state_->filling;
   if (filling.hasEpoch) return;
@@ -217,8 +218,8 @@ void Wal::CatchUp(const WalHeader& header) {
   if (state_->staleness.ReplayedEnd() < header.used) Replay(header.used);
 }
 
-// Looks through the records first: what is not sound ends the replay, and for what is sound there is room in the index
-// then.
+// Looks through the records first: what is not sound ends the replay, and for what is sound there is
+// room in the index then.
 void Wal::Replay(uint32_t used) {
   const std::lock_guard<std::mutex> lock(state_->replayMutex);
   LogFilling& filling = *state_->filling;
@@ -260,9 +261,9 @@ bool Wal::IsContentSound(uint64_t offset, const WalRecord& record, bool* hasEpoc
   return true;
 }
 
-// Where replay has stopped, the next append can make a record fit into the used area that did not fit before: an old
-// one whose neighbours were lost with the power. Its key would get a value that lies inside newer records, and they
-// would never be replayed. So what stopped the replay is made to stop it for good.
+// Where replay has stopped, the next append can make a record fit into the used area that did not fit before:
+// an old one whose neighbours were lost with the power. Its key would get a value that lies inside newer
+// records, and they would never be replayed. So what stopped the replay is made to stop it for good.
 void Wal::InvalidateRecord(uint32_t offset, uint32_t used) {
   if (offset >= used) return;
   WalRecord record;

@@ -1,19 +1,19 @@
-// storage/wal.h: the write-ahead log of a store, wal_v5: a mapped file to which every write is appended, and the index
-// over it.
+// storage/wal.h: the write-ahead log of a store, wal_v5: a mapped file to which every write is appended,
+// and the index over it.
 //
-// Ownership: a Wal owns its mapping and shares its file and its index. The index belongs to the file, one for each
-//            process, and lives until the process ends, so that a log closed and opened again keeps it.
-// Threads:   Open and the destructor may run at any time and never wait for a lock. Every other operation is called with
-//            the file's lock held (OsFile::Lock on File()): Exclusive for Append, AppendBatch, Insert, Delete, Reserve,
-//            Grow and Reset, Shared at least for the rest.
-// Failure:   statuses, and the messages named with each operation. Operations that make index entries may throw
-//            std::bad_alloc; they have changed nothing then.
+// Ownership: a Wal owns its mapping and shares its file and its index. The index belongs to the file, one for
+//            each process, and lives until the process ends, so that a log closed and opened again keeps it.
+// Threads:   Open and the destructor may run at any time and never wait for a lock. Every other operation is
+//            called with the file's lock held (OsFile::Lock on File()): Exclusive for Append, AppendBatch,
+//            Insert, Delete, Reserve, Grow and Reset, Shared at least for the rest.
+// Failure:   statuses, and the messages named with each operation. Operations that make index entries may
+//            throw std::bad_alloc; they have changed nothing then.
 // Units:     offsets and sizes are bytes from the start of the file, times are seconds.
 // Bytes:     format/wal_format.h.
 //
-// Other processes append to the same file and reset it. Each operation that looks at the index first brings it up to
-// date: it replays records that were appended elsewhere, and starts over when the log was reset elsewhere
-// (storage/log_staleness.h).
+// Other processes append to the same file and reset it. Each operation that looks at the index first
+// brings it up to date: it replays records that were appended elsewhere, and starts over when the
+// log was reset elsewhere (storage/log_staleness.h).
 #pragma once
 
 #include <atomic>
@@ -53,13 +53,15 @@ struct LogView {
   uint32_t end = kWalFirstRecord;       // records from here on are later ones
 };
 
-// The index of one log in one process. Guarded by the in-process mutex of the log's file, except `wasRecreated`.
+// The index of one log in one process. Guarded by the in-process mutex of
+// the log's file, except `wasRecreated`.
 struct WalSharedState {
   std::shared_ptr<LogFilling> filling = std::make_shared<LogFilling>();
   std::shared_ptr<LogFilling> spare;  // for the next reset
   LogStaleness staleness;
   std::mutex replayMutex;  // held while records are replayed
-  // An opening has recreated the file while another thread was using the index: the next look at it starts over.
+  // An opening has recreated the file while another thread was using the index: the next
+  // look at it starts over.
   std::atomic<bool> wasRecreated{false};
 
   void AfterFork();
@@ -75,10 +77,10 @@ enum class ShortLog {
 
 class Wal {
  public:
-  // Opens the log, creating it with `config.walSize` bytes when it is missing. What becomes of one that is shorter,
-  // `shortLog` says; one that is longer is taken as it is. On success `*out` is a Wal that the caller
-  // deletes. A log whose size can't be asked, whose disk space can't be reserved or that can't be mapped gives
-  // kStatusOk and leaves `*out` as it was (Compat: wal-open-without-handle).
+  // Opens the log, creating it with `config.walSize` bytes when it is missing. What becomes of one that is
+  // shorter, `shortLog` says; one that is longer is taken as it is. On success `*out` is a Wal that the
+  // caller deletes. A log whose size can't be asked, whose disk space can't be reserved or that can't be
+  // mapped gives kStatusOk and leaves `*out` as it was (Compat: wal-open-without-handle).
   //
   // kStatusWalOpenFailed  the file can't be opened
   // kStatusInvalid        walSize is 128 or less; "invalid wal size: PATH"
@@ -102,20 +104,21 @@ class Wal {
   // Appends one record and indexes it. The record's bytes are stored before the header shows them.
   //
   // kStatusInvalid      the key is empty; "Invalid key"
-  // kStatusWalChecksum  the header fails its checksum or claims a used area that would take in the header itself;
-  //                     "Invalid wal checksum" and the line "Failed to reserve write space"
+  // kStatusWalChecksum  the header fails its checksum or claims a used area that would take in the header
+  //                     itself; "Invalid wal checksum" and the line "Failed to reserve write space"
   // kStatusWalFull      the record does not fit; "Wal is full" and the line "Failed to reserve write space"
   uint32_t Append(const Key& key, uint32_t ttl, const void* value, uint32_t valueSize, bool deleted);
-  // Claims `size` bytes without writing to them; `*offset` is where they begin. kStatusWalChecksum and kStatusWalFull
-  // with the first message of Append.
+  // Claims `size` bytes without writing to them; `*offset` is where they begin. kStatusWalChecksum and
+  // kStatusWalFull with the first message of Append.
   uint32_t Reserve(uint32_t size, uint32_t* offset);
 
-  // Appends `count` records that stand back to back in `records`, each with its deleted, ttl, keySize and valueSize
-  // filled in; gives them their place, one common time, and content checksums. All of them are stored before the header
-  // shows them at once. Without messages.
+  // Appends `count` records that stand back to back in `records`, each with its deleted, ttl, keySize and
+  // valueSize filled in; gives them their place, one common time, and content checksums. All of them are
+  // stored before the header shows them at once. Without messages.
   //
   // kStatusWalChecksum  as Append
-  // kStatusInvalid      a record that is not sound stands before the end of the log: nothing after it could be replayed
+  // kStatusInvalid      a record that is not sound stands before the end of the log: nothing after
+  //                     it could be replayed
   // kStatusWalFull      they do not fit
   uint32_t AppendBatch(std::string_view records, size_t count);
   // The same for one record; `value` is not null when `valueSize` is not 0.
@@ -123,26 +126,29 @@ class Wal {
   // How many bytes of records fit into the log when it is empty.
   uint32_t MaxBatchSize() const { return capacity_ - kWalFirstRecord; }
 
-  // Brings the index up to date with the file, as described above. A record that fails its checksum, has no key or
-  // reaches beyond the used area ends the replay for good, and so does a marked one whose content fails its checksum or
-  // whose epoch is not that of the marked ones before it. With a damaged header nothing happens: false.
+  // Brings the index up to date with the file, as described above. A record that fails its checksum,
+  // has no key or reaches beyond the used area ends the replay for good, and so does a marked one
+  // whose content fails its checksum or whose epoch is not that of the marked ones before it. With a
+  // damaged header nothing happens: false.
   bool CatchUp();
-  // Tells how often other processes have changed the manifest so far (Manifest::ExternalChanges). A change makes the
-  // next CatchUp start over.
+  // Tells how often other processes have changed the manifest so far (Manifest::ExternalChanges). A change
+  // makes the next CatchUp start over.
   void OnManifestChanges(uint64_t changes) { state_->staleness.OnManifestChanges(changes); }
 
   // True with the newest entry of `key`, tombstones included. Catches up first.
   bool Lookup(const Key& key, DataEntry* entry);
-  // The same; `*isSound`, when asked for, is false when the header fails its checksum and nothing could be caught up.
+  // The same; `*isSound`, when asked for, is false when the header fails its checksum and
+  // nothing could be caught up.
   bool Lookup(std::string_view key, LogIndex::Version* version, bool* isSound = nullptr);
-  // Copies a value to a malloc buffer that the caller frees. kStatusInvalid and "wal boundary verification failed" when
-  // the entry lies outside the mapping, kStatusNoMemory.
+  // Copies a value to a malloc buffer that the caller frees. kStatusInvalid and "wal boundary verification
+  // failed" when the entry lies outside the mapping, kStatusNoMemory.
   uint32_t ReadValue(const DataEntry& entry, void** value);
-  // The value's bytes in the mapping, valid until the next call of anything; null under the same conditions as
-  // kStatusInvalid of ReadValue, with the same message.
+  // The value's bytes in the mapping, valid until the next call of anything; null under the same conditions
+  // as kStatusInvalid of ReadValue, with the same message.
   const uint8_t* ViewValue(const DataEntry& entry);
-  // Calls `visit` for the keys in [from, to) in ascending order, tombstones included, until it returns true. Catches up
-  // first. `visit` may change the log: the walk goes on at the next key. An empty `visit` visits nothing.
+  // Calls `visit` for the keys in [from, to) in ascending order, tombstones included, until it
+  // returns true. Catches up first. `visit` may change the log: the walk goes on at the next key.
+  // An empty `visit` visits nothing.
   void Enumerate(const Key& from, const Key& to, const std::function<bool(const Key&)>& visit);
   // The same with the entries; `visit` must not change the log.
   void ForEachEntry(const Key& from, const Key& to,
@@ -167,13 +173,14 @@ class Wal {
   // Empties the log. The bytes of the records stay until they are overwritten. Always kStatusOk. May throw
   // std::bad_alloc unless PrepareReset came before.
   uint32_t Reset();
-  // Syncs the log's first page, so that no loss of power undoes a Reset. Without a status: a failure takes nothing but
-  // that assurance.
+  // Syncs the log's first page, so that no loss of power undoes a Reset. Without a status: a failure
+  // takes nothing but that assurance.
   void SyncFirstPage();
   // Syncs the used bytes. False when the system reports a failure.
   [[nodiscard]] bool SyncUsed();
 
-  // Makes the file at least `size` bytes long, in place, for every process. kStatusCreateFailed when there is no space.
+  // Makes the file at least `size` bytes long, in place, for every process. kStatusCreateFailed
+  // when there is no space.
   uint32_t Grow(uint32_t size);
 
   const std::shared_ptr<OsFile>& File() const { return file_; }

@@ -22,7 +22,8 @@ constexpr size_t kFanout = 4;
 // A block is never made larger, although 4 GiB is where its offsets end.
 constexpr uint64_t kMaxMergedBytes = uint64_t{3} << 30;
 
-// Where newer versions, tombstones and expired entries make up this part of all entries, everything is merged.
+// Where newer versions, tombstones and expired entries make up this part of
+// all entries, everything is merged.
 constexpr double kMaxHiddenPart = 0.3;
 // So many keys of each block are looked up in the older ones to find that out.
 constexpr uint32_t kSamples = 32;
@@ -183,8 +184,8 @@ uint32_t Store::Impl::MergeNext(const std::atomic<bool>* stop, bool* done) {
   return MergeRun(run, choice.first == 0, stop, done);
 }
 
-// By keys of the block that the filters of the older ones know. A block that is not in memory is not loaded for it; what
-// was found out about a block is remembered, because it was in memory once, when it was written.
+// By keys of the block that the filters of the older ones know. A block that is not in memory is not loaded
+// for it; what was found out about a block is remembered, because it was in memory once, when it was written.
 double Store::Impl::EstimateHidden(const BlockEntries& entries, size_t newer) {
   const std::shared_ptr<BlockEntry>& entry = entries[newer];
   const auto known = hiddenParts_.find(entry->name);
@@ -215,7 +216,8 @@ void Store::Impl::OrderAhead() {
   autoCompact_->Order(wal_->Filling());
 }
 
-// A store that only reads has no thread, and one of a forked child has none: the parent's does not exist there. Where there is no room for one, the next flush tries again.
+// A store that only reads has no thread, and one of a forked child has none: the parent's does not exist
+// there. Where there is no room for one, the next flush tries again.
 void Store::Impl::WakeAutoCompact() {
   if (!options_.autoCompact || getpid() != processId_) return;
   try {

@@ -33,8 +33,8 @@ struct FoundEntry {
   explicit FoundEntry(const BlockIndex::Record& record);
 };
 
-// Reads the value of an entry of `block`, which stands under `key`, to `*value`, and compares it with the checksum that the
-// entry may carry.
+// Reads the value of an entry of `block`, which stands under `key`, to `*value`, and compares it with the
+// checksum that the entry may carry.
 //
 // kStatusBlockShortRead  the system could not read
 // kStatusBlockCorrupt    the file ends before the value does, or the checksum differs

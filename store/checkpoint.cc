@@ -85,7 +85,8 @@ bool CopyBytes(OsFile& from, uint64_t size, NewFile& to) {
   return true;
 }
 
-// The open file, whatever has become of its name, under a new one: linked where the file system can, else copied.
+// The open file, whatever has become of its name, under a new one: linked where the
+// file system can, else copied.
 bool TakeOver(OsFile& file, const std::string& path) {
   const std::string open = "/proc/self/fd/" + std::to_string(file.Descriptor());
   if (linkat(AT_FDCWD, open.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0) return true;

@@ -12,7 +12,8 @@
 namespace Kestrun {
 namespace {
 
-// A byte of the manifest file, after those of its lock and of the schema's: locked by the process that merges.
+// A byte of the manifest file, after those of its lock and of the schema's: locked
+// by the process that merges.
 constexpr int64_t kMergeByte = 0x40000201;
 
 // Compact is tried again when others have changed the list meanwhile.
@@ -58,8 +59,8 @@ uint32_t Store::Impl::MergeRun(const BlockEntries& run, bool toOldest, const std
   {
     const ManifestSection section(core_, LockLevel::Exclusive);
     if (section.Status() != kStatusOk) return section.Status();
-    // Whatever fails from here on, memory that runs out included: the list names the file then, or the journal may still
-    // bring it into the list.
+    // Whatever fails from here on, memory that runs out included: the list names the file then, or the
+    // journal may still bring it into the list.
     file.Commit();
     const uint32_t status = manifest_->Replace(run, file.Name(), filter, done);
     if (*done) {
@@ -109,8 +110,8 @@ uint32_t Store::Impl::Compact() {
     bool done = false;
     if (status == kStatusOk) status = MergeRun(list->entries, true, nullptr, &done);
     if (status == kStatusOk && done) return kStatusOk;
-    // The sources of a merge are gone when another process was quicker. Some of them may be in memory all the same, so
-    // that nothing but the list tells.
+    // The sources of a merge are gone when another process was quicker. Some of them may be in memory all the
+    // same, so that nothing but the list tells.
     const bool mayBeGone = status == kStatusBlockCorrupt || status == kStatusBlockWriteFailed;
     if (status != kStatusOk && !mayBeGone) return status;
     ManifestListPointer again;

@@ -119,8 +119,8 @@ bool Cursor::Impl::SeekBlock(BlockPlace& place, std::string_view key, bool inclu
   return true;
 }
 
-// Stands each source on its first key that is not before `key`, or after it, or backwards on its last one that is not
-// after `key`, or before it.
+// Stands each source on its first key that is not before `key`, or after it, or backwards on its last one
+// that is not after `key`, or before it.
 void Cursor::Impl::SeekSources(std::string_view key, bool inclusive, Direction direction) {
   direction_ = direction;
   heads_.clear();
@@ -188,7 +188,8 @@ void Cursor::Impl::Step(size_t head) {
   if (heads_.size() > 1) SiftDown(head);
 }
 
-// Finds the key on which the cursor stands, the newest source of it, and passes over the keys that are not alive.
+// Finds the key on which the cursor stands, the newest source of it, and passes over the
+// keys that are not alive.
 void Cursor::Impl::Settle() {
   while (status_ == kStatusOk && !heads_.empty()) {
     // Older versions of the key come right after it.
@@ -294,8 +295,8 @@ uint32_t Cursor::Impl::Value(std::string_view* bytes) {
   return kStatusOk;
 }
 
-// Values lie side by side in the order of their keys: a walk reads larger and larger stretches at once. All blocks of the
-// walk share kMaxAllStretches.
+// Values lie side by side in the order of their keys: a walk reads larger and larger stretches at once. All
+// blocks of the walk share kMaxAllStretches.
 uint32_t Cursor::Impl::ReadAhead(BlockPlace& place, std::string_view* bytes) {
   Stretch& values = place.values;
   const uint64_t begin = entry_.valueOffset;

@@ -1,8 +1,8 @@
 // store/cursor_impl.h: how a cursor walks the log and the blocks of a snapshot at once.
 //
-// Each source stands on a key of its own; the cursor stands on the least of them, or on the greatest when it walks
-// backwards, and among equal keys on that of the newest source. A heap of the sources tells which one that is. Seeking
-// is a search in each source.
+// Each source stands on a key of its own; the cursor stands on the least of them, or on the greatest when it
+// walks backwards, and among equal keys on that of the newest source. A heap of the sources tells which one
+// that is. Seeking is a search in each source.
 #pragma once
 
 #include <cstdint>

@@ -19,8 +19,8 @@ class Snapshot::Impl {
 
   // As Snapshot::Get, for a valid key. May throw std::bad_alloc.
   uint32_t Get(std::string_view key, std::optional<std::string>* value) const;
-  // The value of a version of the log, whose key is `key`. kStatusBlockCorrupt when it lies outside the copy or fails
-  // its checksum.
+  // The value of a version of the log, whose key is `key`. kStatusBlockCorrupt when it lies outside the
+  // copy or fails its checksum.
   uint32_t ViewLogValue(std::string_view key, const LogIndex::Version& version,
                         std::string_view* value) const;
 
@@ -29,8 +29,8 @@ class Snapshot::Impl {
   const uint64_t seconds;  // what is alive is judged by this second
 };
 
-// Compares the checksum that a marked record of a log carries with its key and value. `record` points to its 40 bytes.
-// True also for a record without the mark.
+// Compares the checksum that a marked record of a log carries with its key and value. `record` points to its
+// 40 bytes. True also for a record without the mark.
 bool IsRecordContentSound(const uint8_t* record, std::string_view key, std::string_view value);
 
 }  // namespace Kestrun

@@ -1,7 +1,7 @@
 // Reading the files of a store that is not opened.
 //
-// The log is read whole, under its lock for reading, and indexed in memory; the blocks are opened while the log is still
-// locked, so that the list fits to it.
+// The log is read whole, under its lock for reading, and indexed in memory; the blocks are opened while the
+// log is still locked, so that the list fits to it.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -58,7 +58,8 @@ class ReadSection {
   uint32_t status_;
 };
 
-// What follows the records that a replay finds is damaged; or it never reached the disk, and the power was lost.
+// What follows the records that a replay finds is damaged; or it never reached the disk,
+// and the power was lost.
 void TellRest(const std::string& path, uint64_t end, uint32_t used) {
   Diagnostics::HandlerOnly().Printf(
       "Log file %s can be read up to byte %u of %u; the rest is damaged or was never written\n", path.c_str(),
@@ -122,8 +123,8 @@ uint32_t ReadManifest(const std::string& path, BlockEntries* entries) {
   const ManifestHeaderView header = ReadManifestHeader(source);
   if (!header.complete || !header.checksumMatches) return kStatusManifestChecksum;
   if (!header.magicMatches) return kStatusBadMagic;
-  // Nothing was ever recorded. An entry that stands there all the same is one whose process ended before it counted:
-  // whoever opens the store does not see it either.
+  // Nothing was ever recorded. An entry that stands there all the same is one whose process ended before it
+  // counted: whoever opens the store does not see it either.
   if (header.header.generation == 0) return kStatusOk;
   uint64_t size = 0;
   if (file->Size(&size) != 0) return kStatusStatFailed;
@@ -168,8 +169,8 @@ uint32_t LoadListedBlock(const std::string& path, uint32_t maxIndexed, std::shar
   return status;
 }
 
-// A block that is gone may have been merged meanwhile: the list is read again then. A damaged one stays in the set, and
-// the reads that need it say so.
+// A block that is gone may have been merged meanwhile: the list is read again then. A damaged one stays in
+// the set, and the reads that need it say so.
 uint32_t OpenListed(const std::string& path, std::shared_ptr<const BlockSet>* blocks) {
   for (int reads = 1;; ++reads) {
     BlockEntries entries;

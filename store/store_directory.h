@@ -15,8 +15,8 @@ enum class DirectoryState {
   Store,
 };
 
-// kStatusNotAStore     the path is no directory, or one with other files and no whole store, or with part of a store;
-//                      the message says what is missing or damaged
+// kStatusNotAStore     the path is no directory, or one with other files and no whole store, or with part of
+//                      a store; the message says what is missing or damaged
 // kStatusNoPermission  the system does not allow to look
 // kStatusOpenFailed    the directory can't be read
 // May throw std::bad_alloc.

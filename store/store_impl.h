@@ -1,7 +1,7 @@
 // store/store_impl.h: what a store consists of.
 //
-// Everything that changes while the store is open stands in the parts below it, guarded by the log's lock, except what
-// is said here.
+// Everything that changes while the store is open stands in the parts below it, guarded by the log's lock,
+// except what is said here.
 #pragma once
 
 #include <atomic>
@@ -27,10 +27,12 @@ namespace Kestrun {
 // A list that another process keeps changing is read again so often.
 inline constexpr int kMaxListReads = 20;
 
-// Blocks that a store keeps loaded and open: as many as compaction that takes care of itself leaves, and more.
+// Blocks that a store keeps loaded and open: as many as compaction that takes care
+// of itself leaves, and more.
 inline constexpr size_t kMaxOpenBlocks = 64;
 
-// Blocks with more entries have a table in memory instead of an index, which would take about 60 bytes for each key.
+// Blocks with more entries have a table in memory instead of an index, which would take about
+// 60 bytes for each key.
 inline constexpr uint32_t kMaxIndexedEntries = 1 << 20;
 
 // So many searches of a store may look into the files of large blocks that have not been loaded.
@@ -73,11 +75,11 @@ class Store::Impl {
 
   // Below, the log's lock is held: at Exclusive for those that write.
 
-  // Makes the log ready for an append: what its replay can't reach is put aside, so that nothing is appended after it.
-  // kStatusWalChecksum when the header is damaged.
+  // Makes the log ready for an append: what its replay can't reach is put aside, so that nothing is appended
+  // after it. kStatusWalChecksum when the header is damaged.
   uint32_t PrepareLog();
-  // Appends with `append`, which returns a status; a full log is flushed once. kStatusWalFull at once for a `size` that
-  // can never fit.
+  // Appends with `append`, which returns a status; a full log is flushed once. kStatusWalFull at once for a
+  // `size` that can never fit.
   template <typename AppendOnce>
   uint32_t AppendOrFlush(uint64_t size, AppendOnce append);
   uint32_t FlushLocked();
@@ -87,14 +89,14 @@ class Store::Impl {
 
   // The blocks of the list as it is now. kStatusBlockCorrupt is no failure here: see OpenBlock.
   uint32_t OpenBlocks(std::shared_ptr<const BlockSet>* blocks);
-  // The block of one entry of the list, from the cache or loaded. `firstUse`: it may be cold. kStatusBlockCorrupt when it
-  // is damaged or gone.
+  // The block of one entry of the list, from the cache or loaded. `firstUse`: it may be cold.
+  // kStatusBlockCorrupt when it is damaged or gone.
   uint32_t LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::shared_ptr<Block>* block,
                      bool firstUse = false);
 
-  // Merges `run`, which stand side by side in the list, into one block in their place. `toOldest`: no older block
-  // remains, so that what is deleted or expired is dropped. `*done` false: the list has changed, and nothing was done.
-  // Ends with kStatusLockFailed when `stop` becomes true.
+  // Merges `run`, which stand side by side in the list, into one block in their place. `toOldest`: no older
+  // block remains, so that what is deleted or expired is dropped. `*done` false: the list has changed, and
+  // nothing was done. Ends with kStatusLockFailed when `stop` becomes true.
   uint32_t MergeRun(const BlockEntries& run, bool toOldest, const std::atomic<bool>* stop, bool* done);
 
   // Writes a checkpoint into the empty directory `partial` and renames it to `target`.
@@ -105,11 +107,11 @@ class Store::Impl {
 
   // Whether a merge would drop something of a block that has no older one.
   uint32_t HasHidden(const std::shared_ptr<BlockEntry>& entry, bool* hasHidden);
-  // Merges what AutoCompact would have merged next; `*done` false when there is nothing to do, or another process is at
-  // it.
+  // Merges what AutoCompact would have merged next; `*done` false when there is nothing to do, or
+  // another process is at it.
   uint32_t MergeNext(const std::atomic<bool>* stop, bool* done);
-  // The part of the entries of block `newer` that hides entries of the blocks before it in the list, from 0 to 1, as far
-  // as is known without loading anything.
+  // The part of the entries of block `newer` that hides entries of the blocks before it in the list, from 0
+  // to 1, as far as is known without loading anything.
   double EstimateHidden(const BlockEntries& entries, size_t newer);
   // Lets the thread order the log's index when much of it waits. The log is locked Exclusive.
   void OrderAhead();

@@ -63,8 +63,9 @@ uint32_t OpenParts(const std::string& path, uint32_t logSize, const Diagnostics&
   if (status != kStatusOk) return NameRefusal(status, path, diagnostics);
   manifest->reset(openedManifest);
 
-  // A log that is there keeps its length for now: it is extended under its lock, and loses nothing. Looking at its
-  // length before would not do, because another process may be making it, with another length, at this moment.
+  // A log that is there keeps its length for now: it is extended under its lock, and loses nothing.
+  // Looking at its length before would not do, because another process may be making it, with
+  // another length, at this moment.
   Wal* openedWal = nullptr;
   errno = 0;
   status = Wal::Open(path + "/" + kWalFileName, {logSize, 0}, &openedWal, diagnostics, ShortLog::Keep);

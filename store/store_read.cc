@@ -19,7 +19,8 @@ void TellReason(const Diagnostics& diagnostics, const char* what, const std::str
   diagnostics.Printf("%s %s: %s\n", what, path.c_str(), std::strerror(error));
 }
 
-// A file that is gone although it is listed is as good as damaged; its name may have been taken off the list since.
+// A file that is gone although it is listed is as good as damaged; its name may have been
+// taken off the list since.
 uint32_t Store::Impl::LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::shared_ptr<Block>* block,
                                 bool firstUse) {
   *block = cache_.FindOwned(entry->name, entry);
@@ -53,7 +54,8 @@ uint32_t Store::Impl::LoadBlock(const std::shared_ptr<BlockEntry>& entry, std::s
   return status == kStatusOpenFailed && (error == EACCES || error == EPERM) ? kStatusNoPermission : status;
 }
 
-// The list after a block of it was not to be had: others may have changed it, and even without a new generation.
+// The list after a block of it was not to be had: others may have changed it, and
+// even without a new generation.
 uint32_t Store::Impl::ListAgain(ManifestListPointer* list) {
   {
     const ManifestSection section(core_, LockLevel::Shared);
@@ -63,8 +65,8 @@ uint32_t Store::Impl::ListAgain(ManifestListPointer* list) {
   return manifest_->LoadUnlocked(list);
 }
 
-// Loading a large block for the first few keys would take longer than looking for them in its file. But only a block that
-// was read whole can say that it lacks a key, or what is wrong with it.
+// Loading a large block for the first few keys would take longer than looking for them in its file. But only
+// a block that was read whole can say that it lacks a key, or what is wrong with it.
 uint32_t Store::Impl::SearchBlock(const std::shared_ptr<BlockEntry>& entry, std::string_view key,
                                   std::shared_ptr<Block>* block, std::optional<FoundEntry>* found) {
   const bool isFirstUse = coldSearches_.load(std::memory_order_relaxed) < kMaxColdSearches;
@@ -77,8 +79,8 @@ uint32_t Store::Impl::SearchBlock(const std::shared_ptr<BlockEntry>& entry, std:
   return FindInBlock(**block, key, found);
 }
 
-// Newest first; the first block that has the key decides. One that is gone may have been merged meanwhile: the list is
-// read again then, and only a block that is still listed is damaged.
+// Newest first; the first block that has the key decides. One that is gone may have been merged meanwhile:
+// the list is read again then, and only a block that is still listed is damaged.
 uint32_t Store::Impl::SearchBlocks(std::string_view key, std::shared_ptr<Block>* block,
                                    std::optional<FoundEntry>* found) {
   ManifestListPointer list;

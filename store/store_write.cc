@@ -9,8 +9,8 @@
 
 namespace Kestrun {
 
-// Appending after a record that is not sound would make an entry that no other process ever sees. What the replay can't
-// reach is put aside, the rest becomes a block, and the log is reset.
+// Appending after a record that is not sound would make an entry that no other process ever sees. What the
+// replay can't reach is put aside, the rest becomes a block, and the log is reset.
 uint32_t Store::Impl::PrepareLog() {
   if (!wal_->CatchUp()) {
     core_.diagnostics.Print("Invalid wal checksum");

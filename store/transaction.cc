@@ -112,7 +112,8 @@ uint32_t Store::Impl::Transact(const std::function<uint32_t(Transaction&)>& body
     status = body(transaction);
   }
   if (status != kStatusOk) return status;
-  // A body that locked or closed the log's file by other means has given up the lock: others may have written since.
+  // A body that locked or closed the log's file by other means has given up the lock:
+  // others may have written since.
   if (log.Inode()->DropCount() != dropCount) return kStatusLockFailed;
   return CatchBadAlloc([&]() -> uint32_t {
     WriteBatch batch;

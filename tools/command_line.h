@@ -1,5 +1,5 @@
-// tools/command_line.h: takes a command line apart, so that options and data can't be taken for each other: keys and
-// values may look like options.
+// tools/command_line.h: takes a command line apart, so that options and data can't be taken for each other:
+// keys and values may look like options.
 #pragma once
 
 #include <string>
@@ -12,7 +12,8 @@ namespace Kestrun::Tools {
 // `arguments` are those of the program without its name, the first one a command. After the command:
 //
 // - "--" ends the options;
-// - a known option is an option, and what follows an option that takes a value is its value, whatever it looks like;
+// - a known option is an option, and what follows an option that takes a value is its value,
+//   whatever it looks like;
 // - in the place of a VALUE everything else is data;
 // - in another place an unknown "--name" is a mistake, and everything else is data.
 //

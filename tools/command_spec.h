@@ -1,5 +1,5 @@
-// tools/command_spec.h: what the program's commands take, as tables. The parser, the help, the completions and the
-// manual's test all read them.
+// tools/command_spec.h: what the program's commands take, as tables. The parser, the help, the completions
+// and the manual's test all read them.
 //
 // Ownership: the tables are constants and live until the process ends.
 #pragma once
@@ -47,7 +47,8 @@ const std::vector<OptionSpec>& CommonOptions();
 const std::vector<CommandSpec>& Commands();
 // The command of this name; null when there is none.
 const CommandSpec* FindCommand(std::string_view name);
-// The option of a command by its name or alias, those that all commands take included; null when there is none.
+// The option of a command by its name or alias, those that all commands take included;
+// null when there is none.
 const OptionSpec* FindOption(const CommandSpec& command, std::string_view name);
 
 // A command line that was understood.

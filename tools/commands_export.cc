@@ -101,8 +101,8 @@ class Exporter {
   }
 
  private:
-  // Which entries are exported: the records of one type, of all of them, or all entries as bytes. A store with one
-  // record type is exported as its records.
+  // Which entries are exported: the records of one type, of all of them, or all entries as bytes. A store
+  // with one record type is exported as its records.
   void ChooseTypes() {
     const std::string* wanted = line_.Find("--type");
     const bool isTable = options_.format == RowFormat::Csv || options_.format == RowFormat::Tsv;

@@ -28,8 +28,8 @@ uint64_t Now() {
   return static_cast<uint64_t>(std::time(nullptr));
 }
 
-// A store that somebody writes to while it is read can look damaged, so damage is looked for again until it stands in
-// files that were still meanwhile.
+// A store that somebody writes to while it is read can look damaged, so damage is looked for again until it
+// stands in files that were still meanwhile.
 Inspect::VerifyReport VerifyQuiet(const Invocation& line, bool* quiet) {
   const Waiting waiting("verifying");
   constexpr int kMaxTries = 4;

@@ -57,8 +57,8 @@ void TellPutAside(const Invocation& line, const char* fate) {
   }
 }
 
-// Deletes the files of the store that `files` lists; the log goes last, so that what a killed removal leaves is still
-// known as part of a store.
+// Deletes the files of the store that `files` lists; the log goes last, so that what a killed removal leaves
+// is still known as part of a store.
 uint64_t RemoveFiles(const std::string& store, const Inspect::StoreDirectory& files) {
   std::vector<std::string> names;
   for (const std::string& block : files.blocks) {

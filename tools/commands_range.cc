@@ -17,7 +17,8 @@
 namespace Kestrun::Tools {
 namespace {
 
-// Lines for people: keys in a column as wide as the first ones need, so that nothing has to wait for the last one.
+// Lines for people: keys in a column as wide as the first ones need, so that nothing has to
+// wait for the last one.
 class ScanLines {
  public:
   void Add(std::string key, std::string value) {

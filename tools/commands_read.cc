@@ -51,7 +51,8 @@ int RunContains(const Invocation& line) {
   return value ? kExitDone : kExitNotFound;
 }
 
-// The state is the snapshot's, which looks at all that a store looks at; where the entry lies is read from the files.
+// The state is the snapshot's, which looks at all that a store looks at; where the entry lies
+// is read from the files.
 int RunEntry(const Invocation& line) {
   const std::string key = KeyOf(line, line.positionals[1], "KEY");
   const uint64_t pageSize = PageSizeOf(line).value_or(0);

@@ -20,8 +20,8 @@ namespace {
 
 constexpr size_t kFirstValue = 3;  // after STORE, KEY and FORMAT
 
-// Standard input gives a text its bytes, a Binary field its bytes as they are, and a number its digits, with or
-// without a line end after them.
+// Standard input gives a text its bytes, a Binary field its bytes as they are, and a number its digits, with
+// or without a line end after them.
 std::vector<Value> ParseValues(const RecordMeta& meta, const std::vector<std::string>& positionals,
                                std::vector<std::string>* bytes, uint64_t* size) {
   const size_t given = positionals.size() - kFirstValue;
@@ -84,8 +84,8 @@ void WriteRecord(const Invocation& line, const std::string& key, const RecordMet
   table.Write();
 }
 
-// The types stand in a file of their own, which needs no lock; whether the store beside it can be read, and whether its
-// first entries are of these types, is looked at all the same, where that is possible.
+// The types stand in a file of their own, which needs no lock; whether the store beside it can be read, and
+// whether its first entries are of these types, is looked at all the same, where that is possible.
 void RequireWhole(const Invocation& line) {
   constexpr int kLookedAt = 10000;
   std::string damage;

@@ -1,6 +1,6 @@
-// CSV as RFC 4180 describes it: a header, then rows; quoted fields may hold delimiters, quotes and line ends; lines end
-// with LF or CRLF; a byte order mark at the beginning is passed over. Blanks belong to their field. Empty lines are no
-// rows. TSV has no quotes: a tab, a line break and a backslash are written \t, \n and \\.
+// CSV as RFC 4180 describes it: a header, then rows; quoted fields may hold delimiters, quotes and line ends;
+// lines end with LF or CRLF; a byte order mark at the beginning is passed over. Blanks belong to their field.
+// Empty lines are no rows. TSV has no quotes: a tab, a line break and a backslash are written \t, \n and \\.
 #include <deque>
 
 #include "tools/failure.h"
@@ -74,8 +74,8 @@ class CsvRows final : public TableRows {
  private:
   enum class Parsed { Record, Incomplete, Problem };
 
-  // A record that can't be right ends with its first line, so that a quote that is never closed takes no more than that
-  // line with it.
+  // A record that can't be right ends with its first line, so that a quote that is never closed takes no more
+  // than that line with it.
   bool ReadRecord(Row* row) override {
     if (!SkipToRecord()) return false;
     row->line = line_;

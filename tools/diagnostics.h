@@ -1,4 +1,5 @@
-// tools/diagnostics.h: what the library says while a command runs. It stands in the message of a failure, and with
+// tools/diagnostics.h: what the library says while a command runs. It stands in the message
+// of a failure, and with
 // --verbose it is shown at once.
 //
 // Threads: safe; the library speaks on any thread.
@@ -12,8 +13,9 @@ namespace Kestrun::Tools {
 void CatchDiagnostics();
 // What was said since the last call, at most its last 2 KiB, without control characters.
 std::string TakeDiagnostics();
-// What it said about a log of which not all can be read, and about what it set aside of one; these are not among the
-// others. Empty when it said nothing since the last call, without control characters and the full stop.
+// What it said about a log of which not all can be read, and about what it set aside of one; these
+// are not among the others. Empty when it said nothing since the last call, without control
+// characters and the full stop.
 std::string TakeLogDamage();
 std::string TakeSetAside();
 

@@ -1,5 +1,5 @@
-// tools/failure.h: the ways in which a command ends without doing its work. main turns them into messages and exit
-// statuses.
+// tools/failure.h: the ways in which a command ends without doing its work. main turns them
+// into messages and exit statuses.
 #pragma once
 
 #include <cstdint>
@@ -57,8 +57,8 @@ class NotFound : public Failure {
   explicit NotFound(const std::string& message) : Failure(kExitNotFound, message, "") {}
 };
 
-// The store is missing, damaged or refused. The text says what was tried, the status why it failed, and what the
-// library has said meanwhile, or the system, stands behind it.
+// The store is missing, damaged or refused. The text says what was tried, the status why it failed, and what
+// the library has said meanwhile, or the system, stands behind it.
 class StoreFailure : public Failure {
  public:
   // With an empty `advice` the one for the status is given. `path` is where the system is asked for a reason.
@@ -80,7 +80,8 @@ class SystemFailure : public Failure {
       : Failure(kExitRefused, message, advice) {}
 };
 
-// Not all of what was to be read can be read. Exit status 3. The text says what is damaged; the advice is the way on.
+// Not all of what was to be read can be read. Exit status 3. The text says what is damaged; the
+// advice is the way on.
 class DamageFound : public Failure {
  public:
   DamageFound(const std::string& store, const std::string& message);
@@ -98,8 +99,8 @@ class Interrupted : public Failure {
   explicit Interrupted(const std::string& message) : Failure(kExitInterrupted, message, "") {}
 };
 
-// What the system says about `path` when a change there has failed: a file system that is full or read-only, a missing
-// permission. Empty when it has nothing to say.
+// What the system says about `path` when a change there has failed: a file system that is full or read-only,
+// a missing permission. Empty when it has nothing to say.
 std::string SystemReason(const std::string& path);
 
 }  // namespace Kestrun::Tools

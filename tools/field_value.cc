@@ -139,8 +139,8 @@ bool ParseFieldValue(const Cell& cell, ValueType type, Value* value, std::string
   return taken;
 }
 
-// As a store decodes it, kestrun/record.h: after a Binary field that is not the last one the next field is read from
-// the first byte after its length, and an empty Binary stores nothing.
+// As a store decodes it, kestrun/record.h: after a Binary field that is not the last one the next field is
+// read from the first byte after its length, and an empty Binary stores nothing.
 bool DecodeFields(const RecordMeta& meta, std::string_view bytes, std::vector<FieldView>* fields) {
   fields->assign(meta.fields.size(), FieldView());
   size_t at = kRecordIdSize;

@@ -22,8 +22,8 @@ namespace Kestrun::Tools {
 inline constexpr size_t kRecordIdSize = 2;
 uint16_t RecordIdOf(std::string_view bytes);
 
-// Sets `*value` to what `cell` stands for in a field of this type. Otherwise false, and `*why` says what the field
-// takes. `*bytes` keeps the bytes of a Binary value, which points into it.
+// Sets `*value` to what `cell` stands for in a field of this type. Otherwise false, and `*why` says what the
+// field takes. `*bytes` keeps the bytes of a Binary value, which points into it.
 bool ParseFieldValue(const Cell& cell, ValueType type, Value* value, std::string* bytes, std::string* why);
 
 // One field of a stored record.
@@ -36,7 +36,8 @@ struct FieldView {
   std::string_view bytes;  // of String and Binary, in the record
 };
 
-// Takes a stored record apart, one view for each field. Whether the record holds all its fields and nothing else.
+// Takes a stored record apart, one view for each field. Whether the record holds all
+// its fields and nothing else.
 bool DecodeFields(const RecordMeta& meta, std::string_view bytes, std::vector<FieldView>* fields);
 
 void AppendFieldText(const FieldView& field, std::string* out);

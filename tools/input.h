@@ -12,8 +12,8 @@ namespace Kestrun::Tools {
 // A value of the command line that means standard input.
 inline constexpr char kStandardInput[] = "-";
 
-// All of standard input. Throws InputError when it is closed or has more than `most` bytes. On a terminal a hint tells
-// that it is being read.
+// All of standard input. Throws InputError when it is closed or has more than `most` bytes. On a terminal a
+// hint tells that it is being read.
 std::string ReadStandardInput(uint64_t most);
 
 // A file, or standard input, read forward in large pieces.

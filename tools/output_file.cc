@@ -21,8 +21,8 @@ bool IsSame(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// Gives the file owner and permissions of the one that it is to replace. Only the superuser can give it to somebody
-// else; what the group or others may do is left out where they are not the same ones.
+// Gives the file owner and permissions of the one that it is to replace. Only the superuser can give it to
+// somebody else; what the group or others may do is left out where they are not the same ones.
 bool TakeOver(int descriptor, const struct stat& old) {
   const bool isTheirs = fchown(descriptor, old.st_uid, old.st_gid) == 0;
   struct stat own = {};

@@ -8,11 +8,12 @@
 
 namespace Kestrun::Tools {
 
-// Throws SystemFailure where `path`, which is to be made, lies in the directory of the store, however it is written.
+// Throws SystemFailure where `path`, which is to be made, lies in the directory of the
+// store, however it is written.
 void RequireOutside(const std::string& store, const std::string& path);
 
-// Written beside its name and renamed. What is not committed leaves nothing. A file that is replaced gives its
-// permissions to the new one.
+// Written beside its name and renamed. What is not committed leaves nothing. A file that is replaced gives
+// its permissions to the new one.
 class OutputFile {
  public:
   explicit OutputFile(const std::string& path);

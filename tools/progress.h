@@ -1,5 +1,5 @@
-// tools/progress.h: a bar, or how long it has taken, on the last line of standard error, on a terminal only and for what
-// takes more than half a second.
+// tools/progress.h: a bar, or how long it has taken, on the last line of standard error, on a terminal only
+// and for what takes more than half a second.
 #pragma once
 
 #include <chrono>
@@ -36,7 +36,8 @@ class Progress {
   std::chrono::steady_clock::time_point next_;
 };
 
-// For one long call, which can't tell how far it is: says how long it has taken. Nothing may be printed while it lives.
+// For one long call, which can't tell how far it is: says how long it has taken. Nothing may
+// be printed while it lives.
 class Waiting {
  public:
   explicit Waiting(std::string what);

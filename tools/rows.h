@@ -65,7 +65,8 @@ std::unique_ptr<RowSource> OpenRows(const Invocation& line, const std::string& p
 std::unique_ptr<RowSource> OpenCsvRows(const std::string& path, char delimiter);
 std::unique_ptr<RowSource> OpenTsvRows(const std::string& path);
 std::unique_ptr<RowSource> OpenJsonRows(const std::string& path, RowFormat format);
-// The rows of one table, or of all tables of a file that an export has made; `withTypes` gives these a column "type".
+// The rows of one table, or of all tables of a file that an export has made; `withTypes`
+// gives these a column "type".
 std::unique_ptr<RowSource> OpenSqliteRows(const std::string& path, const std::string* table, bool withTypes);
 
 }  // namespace Kestrun::Tools

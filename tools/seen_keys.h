@@ -1,4 +1,5 @@
-// tools/seen_keys.h: which keys an import has certainly not met yet, in the same memory for any number of them.
+// tools/seen_keys.h: which keys an import has certainly not met yet, in the same memory
+// for any number of them.
 #pragma once
 
 #include <cstddef>

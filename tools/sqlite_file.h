@@ -25,8 +25,8 @@ inline std::string SqlName(std::string_view name) {
   return text + "\"";
 }
 
-// Begins the comment in the statement that made a table of an export, up to the end of its line: the text of the record
-// type of its rows, or nothing where they are plain values.
+// Begins the comment in the statement that made a table of an export, up to the end of its line: the text of
+// the record type of its rows, or nothing where they are plain values.
 inline constexpr char kSqlTypeNote[] = "-- record type: ";
 
 }  // namespace Kestrun::Tools

@@ -123,8 +123,8 @@ class SqliteRows final : public RowSource {
     return true;
   }
 
-  // Begins with the rows of the present table. What an export has noted of it becomes a column, unless it has one of
-  // that name.
+  // Begins with the rows of the present table. What an export has noted of it becomes a column, unless it
+  // has one of that name.
   void Begin() {
     const Table& table = tables_[table_];
     statement_ = Prepare("SELECT * FROM " + SqlName(table.name));

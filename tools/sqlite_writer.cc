@@ -87,7 +87,8 @@ class SqliteWriter final : public RowWriter {
     return unique;
   }
 
-  // What the rows of the table are, as a comment, which the file keeps. A type that is no UTF-8 can't be noted.
+  // What the rows of the table are, as a comment, which the file keeps. A type that is
+  // no UTF-8 can't be noted.
   static std::string NoteOf(const RecordMeta* type) {
     const std::string text = type == nullptr ? std::string() : type->text;
     if (!Inspect::IsUtf8(text) || text.find_first_of(std::string("\n\0", 2)) != std::string::npos) return "";

@@ -1,4 +1,5 @@
-// The page of `stat --html`: style, pictures and figures in one file, for light and dark, wide and narrow screens.
+// The page of `stat --html`: style, pictures and figures in one file, for light and
+// dark, wide and narrow screens.
 #include <algorithm>
 
 #include "inspect/escape.h"

@@ -152,8 +152,9 @@ std::unique_ptr<Store> OpenStore(const Invocation& line, Access access) {
 
 namespace {
 
-// A store that has lost the file of its record types would count their numbers from 1 again, and its older records would
-// be read as something else. Without that file, some thousand values tell whether there were any.
+// A store that has lost the file of its record types would count their numbers from 1 again, and
+// its older records would be read as something else. Without that file, some thousand values
+// tell whether there were any.
 void RequireRecordTypes(const std::string& path) {
   constexpr int kLookedAt = 4096;
   std::string damage;

@@ -1,5 +1,5 @@
-// tools/store_access.h: opens stores for the commands. Reading commands go through Snapshot::Open, which can change
-// nothing; writing commands through Store::Open.
+// tools/store_access.h: opens stores for the commands. Reading commands go through Snapshot::Open, which can
+// change nothing; writing commands through Store::Open.
 //
 // Failure: throws StoreFailure.
 #pragma once
@@ -16,18 +16,19 @@
 
 namespace Kestrun::Tools {
 
-// Throws StoreFailure with `what` unless the status is kStatusOk. `path` is where the system is asked for a reason.
+// Throws StoreFailure with `what` unless the status is kStatusOk. `path` is where the system
+// is asked for a reason.
 void Require(uint32_t status, const std::string& what, const std::string& path = std::string());
 
-// For commands that look at the files by themselves: throw StoreFailure where there is no directory, or where it holds
-// no whole store, neither log nor manifest, or not even a block.
+// For commands that look at the files by themselves: throw StoreFailure where there is no directory, or where
+// it holds no whole store, neither log nor manifest, or not even a block.
 void RequireStoreFiles(const std::string& path);
 void RequirePartOfStore(const std::string& path);
 void RequireAnyPartOfStore(const std::string& path);
 
 std::unique_ptr<Snapshot> OpenSnapshot(const std::string& path);
-// Throws DamageFound where the snapshot that was opened last does not show all of the log's records. `what` says what
-// that means for the command.
+// Throws DamageFound where the snapshot that was opened last does not show all of the log's records. `what`
+// says what that means for the command.
 void RequireWholeLog(const std::string& path, const std::string& what);
 std::unique_ptr<Cursor> OpenCursor(const Snapshot& snapshot, const Range& range);
 // The same for a key that was not found, and after one that was shown.

@@ -84,7 +84,8 @@ void SetVerbosity(Verbosity wanted) {
   verbosity = wanted;
 }
 
-// What stands before the message comes first, wherever both go. That it can't be written is told by FlushData.
+// What stands before the message comes first, wherever both go. That it can't be
+// written is told by FlushData.
 void PrintMessage(std::string_view text) {
   HandOverData();
   ClearProgress();

@@ -25,8 +25,8 @@ class TextBuffer {
   void Consume(size_t size) { begin_ += size; }
   bool AtEnd() const { return ended_; }
 
-  // Whether a whole line stands in View, with its end or at the end of the file; `*size` is its size without its LF or
-  // CRLF and `*whole` with it.
+  // Whether a whole line stands in View, with its end or at the end of the file; `*size` is its size without
+  // its LF or CRLF and `*whole` with it.
   bool FindLine(size_t from, size_t* size, size_t* whole);
 
   InputFile& File() { return file_; }

@@ -1,9 +1,10 @@
-// peer.h: what every store that is measured must be able to do, and no more. One adapter each, beside this file.
+// peer.h: what every store that is measured must be able to do, and no more. One
+// adapter each, beside this file.
 //
 // Ownership: MakePeer hands out a peer that the caller deletes; deleting it closes the store.
 // Threads:   one thread at a time. Stores that several processes may use are opened by each of them.
-// Failure:   false means that the call did not do its work. An adapter never tries again by itself: what it would
-//            hide is part of what is measured.
+// Failure:   false means that the call did not do its work. An adapter never tries again by itself: what it
+//            would hide is part of what is measured.
 // Durability: as every adapter sets it up, what a call has written survives the end of the process, and no call syncs
 //            for each write.
 #pragma once
@@ -55,9 +56,9 @@ class Peer {
   virtual bool CanSnapshot() const { return true; }
   virtual void ReleaseSnapshot() {}
 
-  // Visits the keys from `from` up to and not including `to`, in order, as they are at the time of the call. Adds the
-  // sizes of the keys and, with `values`, of the values, of which every byte was made readable, to `*bytes`, and the
-  // number of entries to `*count`.
+  // Visits the keys from `from` up to and not including `to`, in order, as they are at the time of the call.
+  // Adds the sizes of the keys and, with `values`, of the values, of which every byte was made readable, to
+  // `*bytes`, and the number of entries to `*count`.
   virtual bool Scan(std::string_view from, std::string_view to, bool values, uint64_t* count,
                     uint64_t* bytes) = 0;
 

@@ -1,4 +1,5 @@
-// SQLite. A table of keys and values, a write-ahead log that is synced when it is taken over, not at each commit.
+// SQLite. A table of keys and values, a write-ahead log that is synced when it is taken
+// over, not at each commit.
 #include <sqlite3.h>
 #include <sys/stat.h>
 

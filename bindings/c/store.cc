@@ -67,7 +67,8 @@ static_assert(KESTRUN_STATUS_MAP_FAILED == kStatusMapFailed);
 static_assert(KESTRUN_STATUS_TRUNCATE_FAILED == kStatusTruncateFailed);
 static_assert(KESTRUN_STATUS_SEEK_FAILED == kStatusSeekFailed);
 
-// Runs `call` so that no exception reaches C: those of ours are std::bad_alloc, a transaction's body may throw others.
+// Runs `call` so that no exception reaches C: those of ours are std::bad_alloc, a
+// transaction's body may throw others.
 template <typename Call>
 uint32_t WithoutExceptions(const Call& call) {
   try {
@@ -84,7 +85,8 @@ bool IsBytes(const void* data, size_t size) {
   return data != nullptr || size == 0;
 }
 
-// Whether `data` and `size` may name a key. That it is not empty and begins with no 0xFF is left to the store.
+// Whether `data` and `size` may name a key. That it is not empty and begins with no 0xFF
+// is left to the store.
 bool IsKey(const void* data, size_t size) {
   return IsBytes(data, size) && size <= kMaxKeySize;
 }
@@ -97,8 +99,8 @@ std::string_view View(const void* data, size_t size) {
   return size == 0 ? std::string_view("", 0) : std::string_view(static_cast<const char*>(data), size);
 }
 
-// Hands out a copy of `found` that free() gives back. One byte more than the value has, so that an empty value has an
-// address too, whatever malloc(0) answers.
+// Hands out a copy of `found` that free() gives back. One byte more than the value has, so that an empty
+// value has an address too, whatever malloc(0) answers.
 uint32_t HandOut(const std::optional<std::string>& found, void** value, size_t* valueSize) {
   if (!found.has_value()) {
     *value = nullptr;

@@ -2,8 +2,8 @@
 
 // KestrunLevel: a Kestrun store as an abstract-level database.
 //
-// The work is done by the native functions of lib/native.js, on the thread pool. What is checked here are options:
-// abstract-level checks keys and values, and the native functions their types and sizes.
+// The work is done by the native functions of lib/native.js, on the thread pool. What is checked here are
+// options: abstract-level checks keys and values, and the native functions their types and sizes.
 
 const { AbstractLevel } = require('abstract-level')
 const native = require('./lib/native.js')
@@ -54,7 +54,8 @@ class KestrunLevel extends AbstractLevel {
     return native.close(this.#database)
   }
 
-  // The private functions below are called by async ones of abstract-level, which turn what is thrown into a rejection.
+  // The private functions below are called by async ones of abstract-level, which turn what
+  // is thrown into a rejection.
 
   _get (key, options) {
     return native.get(this.#database, key, form(options.valueEncoding), handleOf(options.snapshot))

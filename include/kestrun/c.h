@@ -9,21 +9,22 @@
 //   kestrun_free(value);
 //   kestrun_close(store);
 //
-// Ownership: what a function hands out through an out-pointer belongs to the caller. Each handle has one function that
-//            gives it back, a value is given back by kestrun_free; all of them take null and then do nothing.
-//            Snapshots and cursors may outlive the store that they came from. Arguments are copied.
-// Threads:   a store and a snapshot may be used from any number of threads at once, a batch and a cursor from one at a
-//            time, a transaction from the thread of its body. Giving back a handle that another thread is using is the
-//            caller's error.
-// Failure:   a uint32_t status; 0 is success, and a failed call leaves its out-pointers as they were. Null where a
-//            handle, an out-pointer, a path or bytes are needed is KESTRUN_STATUS_INVALID. No exception leaves a
-//            function.
+// Ownership: what a function hands out through an out-pointer belongs to the caller. Each handle has
+//            one function that gives it back, a value is given back by kestrun_free; all of them take
+//            null and then do nothing. Snapshots and cursors may outlive the store that they came
+//            from. Arguments are copied.
+// Threads:   a store and a snapshot may be used from any number of threads at once, a batch and a cursor from
+//            one at a time, a transaction from the thread of its body. Giving back a handle that another
+//            thread is using is the caller's error.
+// Failure:   a uint32_t status; 0 is success, and a failed call leaves its out-pointers as they were. Null
+//            where a handle, an out-pointer, a path or bytes are needed is KESTRUN_STATUS_INVALID. No
+//            exception leaves a function.
 // Units:     sizes are bytes, times to live seconds, busy_timeout milliseconds.
 // Keys:      1 to 65,535 bytes of any value, ordered as unsigned bytes; the first byte is not 0xFF.
 // Values:    fewer than 4 GiB, of any bytes. One of size 0 is a value; its address may be null.
 //
-// The statuses of each function are those of the function of the same name in kestrun/store.h, kestrun/write_batch.h,
-// kestrun/transaction.h, kestrun/snapshot.h and kestrun/cursor.h.
+// The statuses of each function are those of the function of the same name in kestrun/store.h,
+// kestrun/write_batch.h, kestrun/transaction.h, kestrun/snapshot.h and kestrun/cursor.h.
 #pragma once
 
 #include <stddef.h>
@@ -94,8 +95,8 @@ KESTRUN_EXPORT uint32_t kestrun_put(kestrun_store* store, const void* key, size_
                                     const void* value, size_t value_size);
 // Deletes a key, whether or not it exists.
 KESTRUN_EXPORT uint32_t kestrun_delete(kestrun_store* store, const void* key, size_t key_size);
-// A copy of the value, which kestrun_free gives back. *value is null when the key is not alive: absent, deleted and
-// expired look the same. An empty value is not null and has size 0.
+// A copy of the value, which kestrun_free gives back. *value is null when the key is not alive: absent,
+// deleted and expired look the same. An empty value is not null and has size 0.
 KESTRUN_EXPORT uint32_t kestrun_get(kestrun_store* store, const void* key, size_t key_size, void** value,
                                     size_t* value_size);
 
@@ -121,12 +122,13 @@ KESTRUN_EXPORT uint32_t kestrun_batch_delete(kestrun_batch* batch, const void* k
 // Writes all of the batch or nothing, for every reader and after every kill. The batch stays as it is.
 KESTRUN_EXPORT uint32_t kestrun_write(kestrun_store* store, const kestrun_batch* batch);
 
-// What kestrun_transact calls. It must return: by longjmp or the end of its thread the store's locks would stay held.
+// What kestrun_transact calls. It must return: by longjmp or the end of its thread the
+// store's locks would stay held.
 typedef uint32_t (*kestrun_body)(kestrun_transaction* transaction, void* context);
-// Runs `body` once while no other thread or process can write. When it returns 0, what it put and deleted is written
-// like a batch; any other number is returned and nothing is written. Calls that take the store itself are
-// KESTRUN_STATUS_INVALID inside the body. An exception that a C++ body throws ends here, with nothing written:
-// KESTRUN_STATUS_NO_MEMORY for std::bad_alloc, else KESTRUN_STATUS_INVALID.
+// Runs `body` once while no other thread or process can write. When it returns 0, what it put and deleted is
+// written like a batch; any other number is returned and nothing is written. Calls that take the store itself
+// are KESTRUN_STATUS_INVALID inside the body. An exception that a C++ body throws ends here, with nothing
+// written: KESTRUN_STATUS_NO_MEMORY for std::bad_alloc, else KESTRUN_STATUS_INVALID.
 KESTRUN_EXPORT uint32_t kestrun_transact(kestrun_store* store, kestrun_body body, void* context);
 // As kestrun_get; what the transaction has put and deleted counts.
 KESTRUN_EXPORT uint32_t kestrun_transaction_get(kestrun_transaction* transaction, const void* key,
@@ -139,23 +141,24 @@ KESTRUN_EXPORT uint32_t kestrun_transaction_delete(kestrun_transaction* transact
 
 // The state of this moment, which later writes do not change. Reading it takes no lock.
 KESTRUN_EXPORT uint32_t kestrun_snapshot_take(kestrun_store* store, kestrun_snapshot** out);
-// The state of the store in the directory `path`, without opening it: changes nothing on disk, works on read-only
-// media.
+// The state of the store in the directory `path`, without opening it: changes nothing on
+// disk, works on read-only media.
 KESTRUN_EXPORT uint32_t kestrun_snapshot_open(const char* path, kestrun_snapshot** out);
 KESTRUN_EXPORT void kestrun_snapshot_release(kestrun_snapshot* snapshot);
 // As kestrun_get.
 KESTRUN_EXPORT uint32_t kestrun_snapshot_get(const kestrun_snapshot* snapshot, const void* key,
                                              size_t key_size, void** value, size_t* value_size);
 
-// Walks the keys from `from` up to and not including `to` that were alive, each once, in order. Size 0 means from the
-// beginning, or to the end. The cursor stands nowhere until it is sought.
+// Walks the keys from `from` up to and not including `to` that were alive, each once, in order. Size 0 means
+// from the beginning, or to the end. The cursor stands nowhere until it is sought.
 KESTRUN_EXPORT uint32_t kestrun_cursor_create(const kestrun_snapshot* snapshot, const void* from,
                                               size_t from_size, const void* to, size_t to_size,
                                               kestrun_cursor** out);
 KESTRUN_EXPORT void kestrun_cursor_destroy(kestrun_cursor* cursor);
 KESTRUN_EXPORT void kestrun_cursor_seek_to_first(kestrun_cursor* cursor);
 KESTRUN_EXPORT void kestrun_cursor_seek_to_last(kestrun_cursor* cursor);
-// The first key that is not before `key`. Size 0 is before every key; a null key of another size does nothing.
+// The first key that is not before `key`. Size 0 is before every key; a null key
+// of another size does nothing.
 KESTRUN_EXPORT void kestrun_cursor_seek(kestrun_cursor* cursor, const void* key, size_t key_size);
 // The last key that is not after `key`.
 KESTRUN_EXPORT void kestrun_cursor_seek_for_prev(kestrun_cursor* cursor, const void* key, size_t key_size);
@@ -166,15 +169,15 @@ KESTRUN_EXPORT void kestrun_cursor_prev(kestrun_cursor* cursor);
 KESTRUN_EXPORT int kestrun_cursor_valid(const kestrun_cursor* cursor);
 // KESTRUN_STATUS_OK while valid and at an end; else what ended the walk.
 KESTRUN_EXPORT uint32_t kestrun_cursor_status(const kestrun_cursor* cursor);
-// The key that the cursor stands on. The bytes belong to the cursor and stay until it moves. Null, and size 0, unless
-// the cursor is valid. Null when `size` is null.
+// The key that the cursor stands on. The bytes belong to the cursor and stay until it moves. Null, and size
+// 0, unless the cursor is valid. Null when `size` is null.
 KESTRUN_EXPORT const void* kestrun_cursor_key(const kestrun_cursor* cursor, size_t* size);
-// The value of that key; read on demand. The bytes belong to the cursor and stay until it moves; those of an empty
-// value are not null.
+// The value of that key; read on demand. The bytes belong to the cursor and stay until it moves; those of an
+// empty value are not null.
 KESTRUN_EXPORT uint32_t kestrun_cursor_value(kestrun_cursor* cursor, const void** value, size_t* size);
 
-// The name, such as "kStatusWalFull", and the meaning of a status; see kestrun/status.h. Never null; the text lives
-// until the process ends.
+// The name, such as "kStatusWalFull", and the meaning of a status; see kestrun/status.h. Never null; the text
+// lives until the process ends.
 KESTRUN_EXPORT const char* kestrun_status_name(uint32_t status);
 KESTRUN_EXPORT const char* kestrun_status_text(uint32_t status);
 

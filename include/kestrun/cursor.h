@@ -3,7 +3,8 @@
 //   for (cursor->SeekToFirst(); cursor->Valid(); cursor->Next()) Use(cursor->Key());
 //   if (cursor->Status() != kStatusOk) ...
 //
-// A cursor shows each key of its range that was alive when its snapshot was taken, once, in unsigned byte order.
+// A cursor shows each key of its range that was alive when its snapshot was taken,
+// once, in unsigned byte order.
 //
 // Ownership: Snapshot::NewCursor hands it out; it may outlive its snapshot and its store.
 // Threads:   one thread at a time; different cursors of one snapshot may be used at once.
@@ -32,7 +33,8 @@ class KESTRUN_EXPORT Cursor {
   void Seek(std::string_view key);
   // Stands on the last key of the range that is not after `key`.
   void SeekForPrev(std::string_view key);
-  // One key on or back; without effect unless Valid. Past an end the cursor is not Valid, and stays so until a Seek.
+  // One key on or back; without effect unless Valid. Past an end the cursor is not Valid, and
+  // stays so until a Seek.
   void Next();
   void Prev();
 
@@ -49,8 +51,8 @@ class KESTRUN_EXPORT Cursor {
   // kStatusBlockCorrupt, kStatusBlockShortRead    the value can't be read; the cursor stays where it is
   // kStatusNoMemory
   [[nodiscard]] uint32_t Value(std::string_view* bytes);
-  // The size, the times and the remaining description of the entry; its valueOffset has no meaning here. All zero
-  // unless Valid.
+  // The size, the times and the remaining description of the entry; its valueOffset has no meaning
+  // here. All zero unless Valid.
   const DataEntry& Entry() const;
 
   class Impl;

@@ -12,8 +12,8 @@
 
 namespace Kestrun {
 
-// The keys from `from` up to and not including `to`, in unsigned byte order. A range whose `to` is not after its
-// `from` is empty.
+// The keys from `from` up to and not including `to`, in unsigned byte order. A range whose `to` is not
+// after its `from` is empty.
 struct KESTRUN_EXPORT Range {
   std::string from;  // empty: from the beginning
   std::string to;    // empty: to the end

@@ -79,8 +79,8 @@ class KESTRUN_EXPORT Record {
   friend class RecordStore;
   friend class Series;
 
-  // The bytes that a store keeps: the larger of Capacity, before it wraps at 4 GiB, and what Encode writes. Aborts
-  // like Capacity.
+  // The bytes that a store keeps: the larger of Capacity, before it wraps at 4 GiB, and what
+  // Encode writes. Aborts like Capacity.
   uint64_t StoredSize() const;
 
   const RecordMeta* meta_;

@@ -6,8 +6,8 @@
 //   std::unique_ptr<Record> record;
 //   status = readings->Get("room-12", &record);  // null unless alive
 //
-// A record type is named by its text (kestrun/record_meta.h), which is numbered and kept in the file meta_v5 at its
-// first use, as Series does; both may be open on one directory.
+// A record type is named by its text (kestrun/record_meta.h), which is numbered and kept in the file meta_v5
+// at its first use, as Series does; both may be open on one directory.
 //
 // Ownership: as Store. Records point to their types, which live until the process ends.
 // Threads:   as Store.
@@ -29,29 +29,30 @@
 
 namespace Kestrun {
 
-// One value for each argument: `bool` and integers of up to 32 signed bits become Int32, wider ones Int64, `float`
-// Float, `double` Double, texts String, and a Value stays what it is. An unsigned integer beyond Int64 becomes a value
-// of type None, which every field refuses.
+// One value for each argument: `bool` and integers of up to 32 signed bits become Int32, wider ones Int64,
+// `float` Float, `double` Double, texts String, and a Value stays what it is. An unsigned integer beyond
+// Int64 becomes a value of type None, which every field refuses.
 template <typename... T>
 std::vector<Value> Values(const T&... values);
 
 class KESTRUN_EXPORT RecordStore {
  public:
-  // Opens the store and its record types. Statuses as Store::Open, and kStatusOpenFailed or kStatusStatFailed for the
-  // file of record types.
+  // Opens the store and its record types. Statuses as Store::Open, and kStatusOpenFailed or kStatusStatFailed
+  // for the file of record types.
   [[nodiscard]] static uint32_t Open(const std::string& path, const StoreOptions& options,
                                      std::unique_ptr<RecordStore>* out);
   ~RecordStore();
   RecordStore(const RecordStore&) = delete;
   RecordStore& operator=(const RecordStore&) = delete;
 
-  // Stores a record of the type `type` with one value per field, for `ttl` seconds. An integer is taken by a real
-  // field and a whole real number by an integer field where nothing of it is lost; a text is taken by a String or
-  // Binary field only.
+  // Stores a record of the type `type` with one value per field, for `ttl` seconds. An integer is taken by a
+  // real field and a whole real number by an integer field where nothing of it is lost; a text is taken by a
+  // String or Binary field only.
   //
-  // kStatusInvalid  `type` is not the text of a record type, has an unknown token, a field of the token "*" that is
-  //                 not the last, a '#' or a line break; the number of values is not that of the fields; a value
-  //                 can't be converted to its field's type without loss; or the key or the `ttl` as in Store::Put
+  // kStatusInvalid  `type` is not the text of a record type, has an unknown token, a field of the token "*"
+  //                 that is not the last, a '#' or a line break; the number of values is not that of the
+  //                 fields; a value can't be converted to its field's type without loss; or the key or the
+  //                 `ttl` as in Store::Put
   // kStatusLockFailed    another process is recording a type, for longer than busyTimeout
   // kStatusOpenFailed    the file of record types could not be read to its end
   // kStatusCreateFailed  the type could not be recorded, for want of space perhaps or because 65,535 are
@@ -72,8 +73,9 @@ class KESTRUN_EXPORT RecordStore {
   [[nodiscard]] uint32_t AddToBatch(WriteBatch* batch, std::string_view key, const std::string& type,
                                     const std::vector<Value>& values, unsigned int ttl = kTtlForever);
 
-  // Makes a record of the bytes of a value that was read through Raw(), a snapshot, a cursor or a transaction.
-  // kStatusInvalid for fewer than 3 bytes; kStatusRecordTypeUnknown and kStatusOpenFailed as Get; kStatusNoMemory.
+  // Makes a record of the bytes of a value that was read through Raw(), a snapshot, a
+  // cursor or a transaction. kStatusInvalid for fewer than 3 bytes;
+  // kStatusRecordTypeUnknown and kStatusOpenFailed as Get; kStatusNoMemory.
   [[nodiscard]] uint32_t Decode(std::string_view bytes, std::unique_ptr<Record>* record);
 
   // The texts of the record types, in the order of their numbers. May throw std::bad_alloc.

@@ -69,9 +69,9 @@ class KESTRUN_EXPORT Series {
   uint32_t Get(const Key& key, Record** out);
 
   // Stores `record` under `key` for `ttl` seconds, as the bytes that Encode writes and zeros up to
-  // Capacity() after them; the record stays as it is. A number in a String field is stored as its text, whole even
-  // where Capacity has no room for it.
-  // Aborts the process when the record has no value for a String or Binary field (Record::Capacity).
+  // Capacity() after them; the record stays as it is. A number in a String field is stored as its text,
+  // whole even where Capacity has no room for it. Aborts the process when the record has no value for a
+  // String or Binary field (Record::Capacity).
   //
   // kStatusNoMemory when the bytes can't be allocated or are 4 GiB or more; the statuses of LSDBImpl::Insert.
   uint32_t AppendRecord(const Key& key, unsigned int ttl, Record& record);

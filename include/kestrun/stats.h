@@ -5,8 +5,8 @@
 
 namespace Kestrun {
 
-// Figures of one open store. Those of the first two groups describe the directory as this process knows it; the
-// others count since the store was opened, what other processes do not included.
+// Figures of one open store. Those of the first two groups describe the directory as this process knows it;
+// the others count since the store was opened, what other processes do not included.
 struct StoreStats {
   uint64_t logCapacity = 0;  // bytes of the log file
   uint64_t logUsed = 0;      // bytes of it in use, its header of 128 bytes included

@@ -21,8 +21,8 @@ class KESTRUN_EXPORT Transaction {
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
 
-  // The value of `key` as it is now, what this transaction has put and deleted included; nullopt unless alive.
-  // Statuses as Store::Get.
+  // The value of `key` as it is now, what this transaction has put and deleted included; nullopt
+  // unless alive. Statuses as Store::Get.
   [[nodiscard]] uint32_t Get(std::string_view key, std::optional<std::string>* value);
   // Written when the body returns kStatusOk, not before. Statuses as WriteBatch::Put.
   [[nodiscard]] uint32_t Put(std::string_view key, std::string_view value, unsigned int ttl = kTtlForever);

@@ -170,7 +170,8 @@ TEST_F(RecoverTest, WhatIsCutOffABlockIsCounted) {
   cut(good, entries + 48, 1, 199, true);
   cut(good, entries - 1, 0, 1, false);
   cut(good, 0, 0, 1, false);
-  // The header of the entries does not tell their number any more, but the keys do not end where the last one does.
+  // The header of the entries does not tell their number any more, but the keys do not end
+  // where the last one does.
   std::string bytes = good;
   bytes[entries - 4] = static_cast<char>(bytes[entries - 4] ^ 1);
   cut(bytes, good.size() - 100, 197, 1, false);
@@ -285,8 +286,8 @@ TEST_F(RecoverTest, RecordTypesThatWereLostAreGuessed) {
             "field3  %s    by the sea\n");
 }
 
-// A flipped bit in the file of types makes another number or another field of what stands there, and no line of it looks
-// wrong.
+// A flipped bit in the file of types makes another number or another field of what stands there, and no
+// line of it looks wrong.
 TEST_F(RecoverTest, RecordTypesThatDoNotFitTheirRecordsAreDamage) {
   const std::string file = scratch_.PathOf("export.csv");
   for (int i = 0; i < 20; ++i) {

@@ -4,12 +4,14 @@
 //
 //   npm install --prefix bench --no-package-lock && node bench/bench.js [--rounds N] [--entries N]
 //
-// Run it in the package's directory that script/build-node makes, on a machine that does nothing else. Every run is a
-// process of its own on an empty directory, and the stores take turns, round for round, so that what disturbs the
-// machine disturbs all of them. Each figure is the median of its rounds, with the best one in brackets.
+// Run it in the package's directory that script/build-node makes, on a machine that does nothing else.
+// Every run is a process of its own on an empty directory, and the stores take turns, round for round,
+// so that what disturbs the machine disturbs all of them. Each figure is the median of its rounds, with
+// the best one in brackets.
 //
-// What a call has written survives the end of the process in all three, and no call waits for the disk: lmdb, which by
-// default does, is opened with noSync. Write buffers are of 4 MiB. classic-level is opened without compression.
+// What a call has written survives the end of the process in all three, and no call waits for the
+// disk: lmdb, which by default does, is opened with noSync. Write buffers are of 4 MiB.
+// classic-level is opened without compression.
 
 const { execFileSync } = require('node:child_process')
 const fs = require('node:fs')

@@ -1,7 +1,7 @@
 'use strict'
 
-// The three iterators of a database. They read ahead: a few entries at first, then more, as many as the native side
-// puts into one read. What was read ahead is handed out before anything else is read.
+// The three iterators of a database. They read ahead: a few entries at first, then more, as many as the
+// native side puts into one read. What was read ahead is handed out before anything else is read.
 
 const { AbstractIterator, AbstractKeyIterator, AbstractValueIterator } = require('abstract-level')
 const native = require('./native.js')

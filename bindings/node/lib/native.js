@@ -1,6 +1,7 @@
 'use strict'
 
-// The native module for this system, which script/build-node puts beside the script together with the library.
+// The native module for this system, which script/build-node puts beside the
+// script together with the library.
 const path = require('node:path')
 
 const directory = path.join(__dirname, '..', 'prebuilds', `${process.platform}-${process.arch}`)

@@ -29,7 +29,8 @@ const describe = function (value) {
   return value === null ? 'null' : typeof value
 }
 
-// The time to live in seconds. A part of a second counts as a whole one; what is beyond the longest is for ever.
+// The time to live in seconds. A part of a second counts as a whole one; what is beyond
+// the longest is for ever.
 exports.ttlOf = function (options) {
   const ttl = options.ttl
   if (ttl === undefined || ttl === null) return ttlForever

@@ -1,8 +1,8 @@
 // bindings/node/src/addon.cc: the functions that script calls.
 //
-// They are made for the script beside them, which checks what its callers hand in; what is passed here is of the right
-// number and type, except for keys and values. Every function but those ending in Sync, and the making and closing of
-// snapshots and iterators, works on the thread pool and returns a promise.
+// They are made for the script beside them, which checks what its callers hand in; what is passed here is of
+// the right number and type, except for keys and values. Every function but those ending in Sync, and the
+// making and closing of snapshots and iterators, works on the thread pool and returns a promise.
 #include <kestrun/store.h>
 
 #include <memory>
@@ -62,7 +62,8 @@ void ThrowUnlessOk(const Database& database, uint32_t status) {
   if (status != kStatusOk) throw StatusException{database.Seen(), status};
 }
 
-// The snapshot of `value`, or one of this moment when it is undefined: taken here and now, so that no later write shows.
+// The snapshot of `value`, or one of this moment when it is undefined: taken here and now, so
+// that no later write shows.
 std::shared_ptr<const Snapshot> SnapshotFor(napi_env env, const Database& database, napi_value value) {
   if (!IsUndefined(env, value)) {
     const auto handle = HeldBy<SnapshotHandle>(env, value);
@@ -226,7 +227,8 @@ napi_value BatchSync(napi_env env, const Arguments& arguments) {
   return nullptr;
 }
 
-// (..., lower, lowerInclusive, upper, upperInclusive, reverse), from `first` on; a bound that is undefined is none.
+// (..., lower, lowerInclusive, upper, upperInclusive, reverse), from `first` on; a bound
+// that is undefined is none.
 IteratorOptions RangeOf(napi_env env, Face face, const Arguments& arguments, size_t first) {
   IteratorOptions options;
   if (!arguments.IsUndefined(first)) {
@@ -454,7 +456,8 @@ napi_value FillExports(napi_env env, napi_value exports) {
 
 namespace {
 
-// Not const: the host owns the descriptor's reserved words once it is registered. The name is that of the file.
+// Not const: the host owns the descriptor's reserved words once it is registered. The name
+// is that of the file.
 napi_module storeModule = {1,
                            0,
                            nullptr,
@@ -463,9 +466,10 @@ napi_module storeModule = {1,
                            nullptr,
                            {nullptr, nullptr, nullptr, nullptr}};
 
-// The library that this module is linked with is a module of its own and registers when it is loaded. A host takes what
-// registered last for the module that it is loading: this one, because what it is linked with is loaded first. The
-// function that a host would look up otherwise is asked for only where nothing has registered.
+// The library that this module is linked with is a module of its own and registers when it is
+// loaded. A host takes what registered last for the module that it is loading: this one, because
+// what it is linked with is loaded first. The function that a host would look up otherwise is asked
+// for only where nothing has registered.
 __attribute__((constructor)) void RegisterStoreModule() {
   napi_module_register(&storeModule);
 }

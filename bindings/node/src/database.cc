@@ -8,7 +8,8 @@ namespace Kestrun::Script {
 
 namespace {
 
-// A work of writes is as long as the store takes for what has gathered; a read leaves its place to others soon.
+// A work of writes is as long as the store takes for what has gathered; a read leaves
+// its place to others soon.
 constexpr size_t kMaxWritesOfWork = 256;
 constexpr size_t kMaxReadsOfWork = 32;
 // The pool of Node.js has four threads; more works than that would only wait.

@@ -1,4 +1,5 @@
-// bindings/node/src/database.h: one store as script holds it: open, closed and opened again, with work under way.
+// bindings/node/src/database.h: one store as script holds it: open, closed and opened
+// again, with work under way.
 //
 // Ownership: script shares it, and so do operations under way; the last of them closes the store.
 // Threads:   the thread of the environment, except for what the pool does with StoreInUse.

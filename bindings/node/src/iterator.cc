@@ -89,8 +89,8 @@ void Iterator::Begin() {
   }
 }
 
-// Moves to the next entry of the range that script has a name for and sets `*key` to that name. False at the end, with
-// kStatusOk, and after a failure.
+// Moves to the next entry of the range that script has a name for and sets `*key` to that name. False at the
+// end, with kStatusOk, and after a failure.
 bool Iterator::Advance(std::string_view* key, uint32_t* status) {
   *status = kStatusOk;
   if (!begun_ && target_.has_value() && (!IsWithinLower(*target_) || !IsWithinUpper(*target_))) return false;

@@ -51,14 +51,14 @@ class Iterator : public Held {
   const std::shared_ptr<Database>& Of() const { return database_; }
   const IteratorOptions& Options() const { return options_; }
 
-  // The next read begins at the key closest to `target`, a stored key, in the direction of the walk; a target outside
-  // the range is the end.
+  // The next read begins at the key closest to `target`, a stored key, in the direction of the walk; a target
+  // outside the range is the end.
   void Seek(std::string target);
-  // Reads up to `count` entries, and no more once they have `maxBytes`. At least one unless ended or aborted. A failure
-  // after some entries is told by the next read.
+  // Reads up to `count` entries, and no more once they have `maxBytes`. At least one unless ended or aborted.
+  // A failure after some entries is told by the next read.
   uint32_t Read(size_t count, size_t maxBytes, Entries* out);
-  // Deletes up to `limit` of the entries ahead, in one batch or, where that would be larger than `maxBatchSize`, in
-  // several.
+  // Deletes up to `limit` of the entries ahead, in one batch or, where that would be
+  // larger than `maxBatchSize`, in several.
   uint32_t DeleteFrom(Store& store, uint64_t limit, size_t maxBatchSize);
   // Stops the read under way, if any; from any thread.
   void Abort() { aborted_ = true; }

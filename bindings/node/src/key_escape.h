@@ -1,7 +1,7 @@
 // bindings/node/src/key_escape.h: the keys of abstract-level as keys of a store.
 //
-// A store takes keys of 1 to 65,535 bytes that do not begin with 0xFF; abstract-level also has the empty key and any
-// first byte. What a store can't take is escaped, so that the order of the keys stays:
+// A store takes keys of 1 to 65,535 bytes that do not begin with 0xFF; abstract-level also has the empty key
+// and any first byte. What a store can't take is escaped, so that the order of the keys stays:
 //
 //   key            stored
 //   (empty)        00
@@ -10,8 +10,8 @@
 //   FF ...         FE FF ...
 //   anything else  the same bytes
 //
-// Everything is a key of the store but these, which no key is stored as: those that begin with 00 or FE and go on in
-// another way.
+// Everything is a key of the store but these, which no key is stored as: those that begin with 00 or FE and
+// go on in another way.
 #pragma once
 
 #include <cstddef>

@@ -106,8 +106,8 @@ void OperationQueue::Execute(napi_env, void* data) {
   }
 }
 
-// May run while the environment ends: then nothing can be settled, and all that counts is that what was held is
-// given back.
+// May run while the environment ends: then nothing can be settled, and all that counts is that what
+// was held is given back.
 void OperationQueue::Complete(napi_env env, napi_status status, void* data) {
   const std::unique_ptr<Work> work(static_cast<Work*>(data));
   OperationQueue& queue = *work->queue;

@@ -1,11 +1,12 @@
 // bindings/node/src/operation_queue.h: operations that run on the host's thread pool and settle promises.
 //
-// A queue runs a number of works at a time; each takes the operations that have gathered, up to a number, and settles
-// them together, because a work costs the event loop more than most operations do. A work that has taken a few
-// milliseconds leaves the rest to the next one.
+// A queue runs a number of works at a time; each takes the operations that have gathered, up to a number, and
+// settles them together, because a work costs the event loop more than most operations do. A work that has
+// taken a few milliseconds leaves the rest to the next one.
 //
 // Ownership: an operation belongs to its queue until it is settled; a work keeps its queue alive.
-// Threads:   Add, and everything that settles, on the thread of the environment; Execute on a thread of the pool.
+// Threads:   Add, and everything that settles, on the thread of the environment; Execute on a
+//            thread of the pool.
 // Failure:   what an operation returns or throws rejects its promise.
 #pragma once
 
@@ -26,7 +27,8 @@ class OperationQueue;
 struct Operation {
   // On a thread of the pool; returns a status.
   std::function<uint32_t()> execute;
-  // On the thread of the environment, after execute succeeded; what the promise is fulfilled with. Empty: undefined.
+  // On the thread of the environment, after execute succeeded; what the promise
+  // is fulfilled with. Empty: undefined.
   std::function<napi_value(napi_env)> result;
   // On the thread of the environment, before the promise is settled, whatever execute returned. May be empty.
   std::function<void(uint32_t status)> settled;

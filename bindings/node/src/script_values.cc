@@ -105,8 +105,8 @@ std::string CopyBytes(const void* data, size_t size) {
 }
 
 std::string TextToBytes(napi_env env, napi_value value) {
-  // Most keys are short: one call then does where their length would have to be asked for first. A copy that leaves
-  // room for a character, of up to four bytes, is complete.
+  // Most keys are short: one call then does where their length would have to be asked for first. A copy that
+  // leaves room for a character, of up to four bytes, is complete.
   char shortText[256];
   size_t size = 0;
   Check(env, napi_get_value_string_utf8(env, value, shortText, sizeof(shortText), &size));

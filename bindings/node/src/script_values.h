@@ -16,8 +16,8 @@
 
 namespace Kestrun::Script {
 
-// How a store is seen from script: as an abstract-level database, with its keys (key_escape.h) and error codes, or
-// plainly, with the store's own keys and the names of its statuses as error codes.
+// How a store is seen from script: as an abstract-level database, with its keys (key_escape.h) and error
+// codes, or plainly, with the store's own keys and the names of its statuses as error codes.
 enum class Face { Level, Plain };
 
 // In what form bytes go to script.
@@ -64,7 +64,8 @@ uint32_t ToUint32(napi_env env, napi_value value);
 
 // The bytes of a string, in UTF-8, or of a typed array or DataView; a TypeError for anything else.
 std::string ToBytes(napi_env env, napi_value value, const char* what);
-// What a key of script is stored as. LEVEL_INVALID_KEY when it is too long for that; with Face::Plain the store judges.
+// What a key of script is stored as. LEVEL_INVALID_KEY when it is too long for that;
+// with Face::Plain the store judges.
 std::string ToStoredKey(napi_env env, Face face, napi_value value);
 // As ToStoredKey, but of any length.
 std::string ToBound(napi_env env, Face face, napi_value value);
@@ -105,7 +106,8 @@ napi_value Guarded(napi_env env, napi_callback_info info) noexcept {
   return nullptr;
 }
 
-// Objects of ours that script holds. Each has a kind, because script can't tell the objects of one kind from another.
+// Objects of ours that script holds. Each has a kind, because script can't tell the objects
+// of one kind from another.
 struct Held {
   enum class Kind { Database, Snapshot, Iterator };
   explicit Held(Kind kindOfThis) : kind(kindOfThis) {}

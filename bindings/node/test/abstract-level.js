@@ -1,6 +1,7 @@
 'use strict'
 
-// abstract-level's own test suite, in full. What KestrunLevel claims in its manifest decides which tests there are.
+// abstract-level's own test suite, in full. What KestrunLevel claims in its manifest
+// decides which tests there are.
 
 const fs = require('node:fs')
 const os = require('node:os')

@@ -1,6 +1,7 @@
 'use strict'
 
-// The package as a user has it: packed, installed into an empty project, and the example of its README run there.
+// The package as a user has it: packed, installed into an empty project, and the example
+// of its README run there.
 //
 //   package.js NPM PAGE...
 //

@@ -1,6 +1,7 @@
 'use strict'
 
-// What the tests share: a directory of their own that goes with the process, databases in it, and other processes.
+// What the tests share: a directory of their own that goes with the process, databases
+// in it, and other processes.
 
 const { spawn } = require('node:child_process')
 const fs = require('node:fs')
@@ -31,8 +32,8 @@ exports.entriesOf = async function (db, options) {
   return db.iterator(options ?? {}).all()
 }
 
-// Runs `source` in another process, with KestrunLevel and the arguments as `args`. `lines` yields what it writes, line
-// by line; `ended` is fulfilled with how it ended and everything that it wrote.
+// Runs `source` in another process, with KestrunLevel and the arguments as `args`. `lines` yields what it
+// writes, line by line; `ended` is fulfilled with how it ended and everything that it wrote.
 exports.startScript = function (source, ...args) {
   const prologue = `const { KestrunLevel } = require(${JSON.stringify(path.join(__dirname, '..'))})\n` +
     `const args = ${JSON.stringify(args)}\n`

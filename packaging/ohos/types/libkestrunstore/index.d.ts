@@ -1,8 +1,9 @@
-// The native functions that src/main/ets/Store.ets is made of. They expect what it hands them: apps use Store.
+// The native functions that src/main/ets/Store.ets is made of. They expect what it
+// hands them: apps use Store.
 //
-// A bound that is undefined is none; each is followed by whether it is inclusive. A form says how bytes come back: 0 not
-// at all, 1 as text, 2 as a Buffer (of Node.js), 3 as a Uint8Array. Functions that end in Sync, and those that return no
-// promise, run on the thread of the call.
+// A bound that is undefined is none; each is followed by whether it is inclusive. A form says how bytes come
+// back: 0 not at all, 1 as text, 2 as a Buffer (of Node.js), 3 as a Uint8Array. Functions that end in Sync,
+// and those that return no promise, run on the thread of the call.
 
 export type Bytes = string | Uint8Array;
 
