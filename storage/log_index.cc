@@ -230,19 +230,22 @@ void LogIndex::Insert(std::string_view key, const Version& version) {
   if (newest == nullptr) ReserveTable(KeyCount() + 1);
   Node* const node = MakeNode(target, version);
   node->older.store(older, std::memory_order_relaxed);
+
+  // Counted first, and put where walks look before the table has it. A fork in between leaves the child with
+  // a count that is too high, or with a version that is inserted once more when its record is replayed; and
+  // not with one that walks never meet.
+  inserted_.store(inserted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  Node* next = unordered_.load(std::memory_order_relaxed);
+  do {
+    node->links[0].store(next, std::memory_order_relaxed);
+  } while (
+      !unordered_.compare_exchange_weak(next, node, std::memory_order_release, std::memory_order_relaxed));
   if (newer != nullptr) {
     newer->older.store(node, std::memory_order_release);
   } else {
     PutInto(*table_.load(std::memory_order_relaxed), hash, node, newest);
   }
   if (newest == nullptr) keyCount_.fetch_add(1, std::memory_order_relaxed);
-
-  Node* next = unordered_.load(std::memory_order_relaxed);
-  do {
-    node->links[0].store(next, std::memory_order_relaxed);
-  } while (
-      !unordered_.compare_exchange_weak(next, node, std::memory_order_release, std::memory_order_relaxed));
-  inserted_.store(inserted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
 bool LogIndex::Find(std::string_view key, uint32_t limit, Version* version) const {

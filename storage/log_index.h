@@ -20,7 +20,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string_view>
 #include <vector>
 
@@ -141,10 +140,9 @@ class LogIndex {
   uint32_t random_ = 0x2545F491;
 
   // The versions that are not in the list yet, newest first, linked where the list's lowest level will
-  // be. The thread that takes them puts them into the list, holding the mutex, and counts them when
+  // be. The thread that takes them puts them into the list, holding a mutex, and counts them when
   // all of them are there.
   mutable std::atomic<Node*> unordered_{nullptr};
-  mutable std::mutex orderMutex_;
   mutable std::atomic<size_t> ordered_{0};
 
   Node* head_;

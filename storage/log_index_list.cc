@@ -1,7 +1,10 @@
 // The skip list of a log's index, and walks over it.
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "storage/log_index_node.h"
@@ -59,13 +62,23 @@ namespace {
 
 constexpr ptrdiff_t kFetchedAhead = 8;
 
+// One for the lists of all indexes, which nobody completes for long. A fork waits for whoever does: the child would
+// have half a list, and nobody to unlock the mutex.
+std::mutex& OrderMutex() {
+  static std::mutex mutex;
+  static const int registered =
+      pthread_atfork([] { mutex.lock(); }, [] { mutex.unlock(); }, [] { mutex.unlock(); });
+  static_cast<void>(registered);  // without memory for it a fork is what it was
+  return mutex;
+}
+
 }  // namespace
 
 // Puts what was inserted since the last call into the list. Others may walk it meanwhile.
 void LogIndex::Order() const {
   const size_t inserted = inserted_.load(std::memory_order_acquire);
   if (ordered_.load(std::memory_order_acquire) >= inserted) return;
-  const std::lock_guard<std::mutex> lock(orderMutex_);
+  const std::lock_guard<std::mutex> lock(OrderMutex());
   Node* const newest = unordered_.exchange(nullptr, std::memory_order_acquire);
   if (newest != nullptr) OrderAll(newest);
 }

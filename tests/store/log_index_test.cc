@@ -2,6 +2,8 @@
 #include "storage/log_index.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -221,6 +223,45 @@ TEST(LogIndexTest, IsInOrderHoweverManyWereInsertedSinceTheLastWalk) {
       seen[last] = position.Get().offset;
     }
     ASSERT_EQ(seen, StateBefore(model, LogIndex::kNoLimit)) << count;
+  }
+}
+
+// A child has the thread that forked, and no other: nobody there completes a list that another thread was at.
+TEST(LogIndexTest, AForkedChildWalksWhatWasInsertedBefore) {
+  constexpr uint32_t kFirst = 128;
+  constexpr uint32_t kVersions = 5000;
+  const auto keyOf = [](uint32_t offset) { return offset * 7919u % 3000u; };
+  const uint64_t rounds = TestSize(30, 1000);
+  for (uint64_t round = 0; round < rounds; ++round) {
+    LogIndex index;
+    std::atomic<uint32_t> end{kFirst};
+    std::thread writer([&] {
+      for (uint32_t i = 0; i < kVersions; ++i) {
+        index.Insert(std::to_string(keyOf(kFirst + i)), {kFirst + i, DataEntry()});
+        end.store(kFirst + i + 1, std::memory_order_release);
+        if (i % 200 == 199) index.Order();
+      }
+    });
+    const auto forksAt = static_cast<uint32_t>(kFirst + kVersions * round / rounds);
+    while (end.load() < forksAt) std::this_thread::yield();
+    const uint32_t limit = end.load(std::memory_order_acquire);
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(60);
+      std::vector<bool> expected(3000);
+      for (uint32_t offset = kFirst; offset < limit; ++offset) expected[keyOf(offset)] = true;
+      LogIndex::Iterator position(index, limit);
+      for (position.SeekToFirst(); position.Valid(); position.Next()) {
+        const size_t key = std::stoul(std::string(position.Key()));
+        if (!expected[key]) _exit(1);
+        expected[key] = false;
+      }
+      _exit(std::count(expected.begin(), expected.end(), true) == 0 ? 0 : 2);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    writer.join();
+    ASSERT_EQ(status, 0) << "round " << round;
   }
 }
 
