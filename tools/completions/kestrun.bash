@@ -23,11 +23,11 @@ _kestrun() {
     show) options="--json --hex --quiet --verbose --help" ;;
     types) options="--json --hex --quiet --verbose --help" ;;
     import) options="--type --key --format --delimiter --table --with-entry --no-overwrite --skip-bad-rows --ttl --log-size --json --hex --quiet --verbose --help" ;;
-    export) options="--type --raw --format --delimiter --table --key-column --with-entry --from --to --prefix --limit --json --hex --quiet --verbose --help" ;;
+    export) options="--type --raw --skip-bad-records --format --delimiter --table --key-column --with-entry --from --to --prefix --limit --json --hex --quiet --verbose --help" ;;
     flush) options="--log-size --json --hex --quiet --verbose --help" ;;
     compact) options="--log-size --json --hex --quiet --verbose --help" ;;
     clear) options="--yes --dry-run --log-size --json --hex --quiet --verbose --help" ;;
-    remove) options="--yes --json --hex --quiet --verbose --help" ;;
+    remove) options="--yes --incomplete --json --hex --quiet --verbose --help" ;;
     backup) options="--json --hex --quiet --verbose --help" ;;
     recover) options="--all-blocks --json --hex --quiet --verbose --help" ;;
     stat) options="--page-size --html --json --hex --quiet --verbose --help" ;;
