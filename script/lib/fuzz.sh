@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets with libFuzzer and sanitizers, and runs each for KESTRUN_FUZZ_SECONDS (20), always from the same
+# Builds the fuzz targets with libFuzzer and sanitizers, and runs each for KESTRUN_FUZZ_SECONDS (10), always from the same
 # seed: a change fails for what it did, not for what a run happened upon. KESTRUN_FUZZ_SEED=0 looks elsewhere each time;
 # long runs do. What a run finds stays below build/fuzz/findings.
 cd "$(dirname "$0")/../.." && . script/lib/common.sh
 
-seconds=${KESTRUN_FUZZ_SECONDS:-20}
+seconds=${KESTRUN_FUZZ_SECONDS:-10}
 seed=${KESTRUN_FUZZ_SEED:-1}
 [ -e build/fuzz/CMakeCache.txt ] || quietly cmake -S . -B build/fuzz -G Ninja \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DKESTRUN_BUILD_FUZZERS=ON -DKESTRUN_BUILD_TOOLS=OFF \
