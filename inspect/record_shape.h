@@ -16,7 +16,7 @@ class RecordShape {
   // False for a type without fields, and for one with bytes before other fields, which nothing reads back: no
   // value can be told by them.
   bool CanJudge() const { return canJudge_; }
-  // Whether the value is as long as the fields are, behind the two bytes of the type's number.
+  // Whether the value is as long as the fields are, after the two bytes of the type's number.
   bool Fits(std::string_view value) const;
 
  private:

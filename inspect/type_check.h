@@ -1,6 +1,6 @@
 // inspect/type_check.h: whether the values of a store are what its record types say.
 //
-// What is a record and what a plain value no store writes down. Values whose first bytes are the number of a
+// A store does not write down which values are records. Values whose first bytes are the number of a
 // type are taken for its records, and those whose number nobody knows for what TypeGuess finds.
 //
 // Threads: one at a time. Failure: may throw std::bad_alloc.
@@ -23,8 +23,8 @@ struct TypeFinding {
   uint64_t values = 0;   // with the number
   uint64_t misfits = 0;  // of them, those that do not hold the fields of the type
   std::string guess;     // the text of a record type that fits them; empty where none does
-  bool isDamage =
-      false;  // hardly by chance: most of them do not fit, or they are records of a type that was lost
+  // Hardly by chance: most of them do not fit, or they are records of a type that was lost.
+  bool isDamage = false;
 };
 
 class TypeCheck {

@@ -1,9 +1,9 @@
-// store/auto_compact.h: compaction that takes care of itself: a thread that
-// merges runs of neighbouring blocks.
+// store/auto_compact.h: compaction that takes care of itself: a thread that merges runs of neighbouring
+// blocks. Between merges it orders the log's index while that grows.
 //
 // Blocks are sorted into tiers by their size, each four times as large as the one before. Four neighbours of
-// one tier become one block of the next: so N flushes leave O(log N) blocks, and each byte is written O(log
-// N) times. Where newer blocks hide much of what older ones hold, all of them become one.
+// one tier become one block of the next: so N flushes leave O(log N) blocks, and each byte is written
+// O(log N) times. Where newer blocks hide much of what older ones hold, all of them become one.
 //
 // Threads:  one thread of its own for each store that has it on. It blocks all signals, and holds no lock
 //           while it merges. A forked child does not have it.

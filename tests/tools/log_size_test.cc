@@ -105,25 +105,23 @@ TEST_F(LogSizeTest, AnEntryLargerThanTheLogIsRefusedWithTheSizeItNeeds) {
   EXPECT_EQ(Do("scan", {"--keys-only"}), "a\nb\n");
 }
 
-// Locks the bytes that a writer locks, as another process that uses the store does.
-void HoldLogLock(const std::string& log) {
+// Locks the bytes that a writer locks, as another process that uses the store does, until the parent signals.
+int HoldLogLock(const std::string& log, ChildLink& parent) {
   const int file = open(log.c_str(), O_RDWR | O_CLOEXEC);
   struct flock range = {};
   range.l_type = F_WRLCK;
   range.l_whence = SEEK_SET;
   range.l_start = 0x40000000;
   range.l_len = 512;
-  if (file < 0 || fcntl(file, F_SETLK, &range) != 0) _exit(1);
+  if (file < 0 || fcntl(file, F_SETLK, &range) != 0) return 1;
+  parent.Signal();
+  parent.Await();
+  return 0;
 }
 
 TEST_F(LogSizeTest, WaitsForALockAndGivesUpAfterAWhile) {
   Put("k", "v");
-  ChildProcess holder([this](ChildLink& parent) {
-    HoldLogLock(store_ + "/wal_v5");
-    parent.Signal();
-    parent.Await();
-    return 0;
-  });
+  ChildProcess holder([this](ChildLink& parent) { return HoldLogLock(store_ + "/wal_v5", parent); });
   ASSERT_TRUE(holder.Await());
   const auto start = std::chrono::steady_clock::now();
   const Ran ran = Run("get", {"k"});
@@ -144,12 +142,7 @@ TEST_F(LogSizeTest, WaitsForALockAndGivesUpAfterAWhile) {
 // A command that can't tell how far it is tells on a terminal how long it has taken.
 TEST_F(LogSizeTest, WhatTakesLongSaysSoOnATerminal) {
   Put("k", "v");
-  ChildProcess holder([this](ChildLink& parent) {
-    HoldLogLock(store_ + "/wal_v5");
-    parent.Signal();
-    parent.Await();
-    return 0;
-  });
+  ChildProcess holder([this](ChildLink& parent) { return HoldLogLock(store_ + "/wal_v5", parent); });
   ASSERT_TRUE(holder.Await());
   const Ran ran = RunKestrunOnTerminal({"compact", store_});
   holder.Signal();
@@ -163,12 +156,7 @@ TEST_F(LogSizeTest, WhatTakesLongSaysSoOnATerminal) {
 
 TEST_F(LogSizeTest, SucceedsWhenTheLockIsFreedMeanwhile) {
   Put("k", "v");
-  ChildProcess holder([this](ChildLink& parent) {
-    HoldLogLock(store_ + "/wal_v5");
-    parent.Signal();
-    parent.Await();
-    return 0;
-  });
+  ChildProcess holder([this](ChildLink& parent) { return HoldLogLock(store_ + "/wal_v5", parent); });
   ASSERT_TRUE(holder.Await());
   const int watch = inotify_init1(IN_CLOEXEC);
   ASSERT_GE(inotify_add_watch(watch, (store_ + "/wal_v5").c_str(), IN_OPEN), 0);
